@@ -1,0 +1,205 @@
+// Leveled tracing per facility, the ring-buffer trace, and operator log messages.
+//
+// Each source file owns one facility handle ("Veld", "VeldIp6", ...); the host program sets
+// levels per facility by name. Level 8 is the level of function-entry traces. A trace call
+// site whose level is off costs one load and one predictable branch: the handle's threshold
+// already folds in whether the ring buffer records, so nothing is formatted or allocated.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <sstream>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace Ringlog {
+class MsgDesc;
+}
+
+namespace Mox {
+
+constexpr int kTraceFunctionLevel = 8;
+
+class TraceHandle {
+public:
+   explicit TraceHandle(char const* facility);
+   ~TraceHandle();
+   TraceHandle(TraceHandle const&) = delete;
+   TraceHandle& operator=(TraceHandle const&) = delete;
+
+   bool enabled(int level) const { return level <= threshold_; }
+   // Whether `level` goes to the leveled trace itself (not only to the ring buffer).
+   bool traceEnabled(int level) const { return level <= level_; }
+   char const* facility() const { return facility_; }
+   int level() const { return level_; }
+   void levelIs(int level);
+
+   // Recomputes the threshold after the ring buffer opened or closed.
+   void recompute();
+
+private:
+   char const* facility_;
+   int level_ = -1;
+   int threshold_ = -1;
+};
+
+// One emitted trace line.
+struct TraceRecord {
+   char const* facility;
+   int level;
+   char const* file;
+   int line;
+   char const* function;  // the full signature, e.g. "void Veld::Root::handleInitialized()"
+   std::string text;
+};
+
+// Where enabled traces go. The default writes "facility level file:line function text" to
+// stderr; tests install a recorder.
+class TraceSink {
+public:
+   virtual ~TraceSink() = default;
+   virtual void write(TraceRecord const& record) = 0;
+};
+
+// Sets the level of every handle of `facility` ("*" for all, also those registered later).
+void traceLevelIs(std::string_view facility, int level);
+// Parses "Facility/level[,Facility/level...]" as given on a command line; false when malformed.
+bool traceLevelsFromString(std::string_view spec);
+// Replaces the sink; nullptr restores the default. Returns the previous one.
+TraceSink* traceSinkIs(TraceSink* sink);
+std::vector<std::string> traceFacilities();
+
+// Collects one trace line; emits it on destruction.
+class TraceHelper {
+public:
+   TraceHelper(TraceHandle const& handle, int level, char const* file, int line,
+               char const* function, Ringlog::MsgDesc* desc);
+   ~TraceHelper();
+   TraceHelper(TraceHelper const&) = delete;
+   TraceHelper& operator=(TraceHelper const&) = delete;
+   std::ostream& stream() { return stream_; }
+
+private:
+   TraceHandle const& handle_;
+   int level_;
+   char const* file_;
+   int line_;
+   char const* function_;
+   Ringlog::MsgDesc* desc_;
+   std::ostringstream stream_;
+};
+
+// Operator log messages: always emitted (to stderr and the log sink), rate limited per
+// message identifier so a flapping condition cannot flood the log.
+enum class LogSeverity { error, warning, notice, info };
+struct LogRecord {
+   LogSeverity severity;
+   std::string id;
+   std::string text;
+};
+using LogSink = std::function<void(LogRecord const&)>;
+LogSink logSinkIs(LogSink sink);  // returns the previous sink; empty restores the default
+
+class LogHandle {
+public:
+   LogHandle(char const* id, LogSeverity severity, double minIntervalSeconds = 0.0);
+   bool okToLog() const;
+   void log(std::string const& text) const;
+
+private:
+   char const* id_;
+   LogSeverity severity_;
+   double minInterval_;
+   mutable double lastLogged_ = -1e300;
+};
+
+void logMessage(LogSeverity severity, char const* id, std::string const& text);
+
+}  // namespace Mox
+
+namespace Ringlog {
+
+// One call site: file, line and the format text; registered once on first use.
+class MsgDesc {
+public:
+   MsgDesc(char const* file, int line, char const* format);
+   char const* file() const { return file_; }
+   int line() const { return line_; }
+   char const* format() const { return format_; }
+   uint32_t id() const { return id_; }
+
+private:
+   char const* file_;
+   int line_;
+   char const* format_;
+   uint32_t id_;
+};
+
+// A fixed-size ring of messages: each holds its descriptor, a time and its arguments. The
+// oldest messages are overwritten.
+class RingBuf {
+public:
+   explicit RingBuf(size_t capacity);
+   void startMsg(MsgDesc const& desc);
+   void put(std::string_view arg);
+   void put(int64_t arg);
+   void endMsg();
+   // Oldest first, one line per message: "time file:line format | args".
+   std::string dump() const;
+   size_t size() const { return count_; }
+   void clear();
+
+private:
+   struct Msg {
+      MsgDesc const* desc = nullptr;
+      double time = 0.0;
+      std::string args;
+   };
+   std::vector<Msg> ring_;
+   size_t next_ = 0;
+   size_t count_ = 0;
+   Msg* open_ = nullptr;
+};
+
+// The default ring buffer: open while a host program wants it. Opening or closing it
+// recomputes every trace handle's threshold.
+void open(size_t capacity = 4096);
+void close();
+bool isOpen();
+RingBuf* defaultBuf();
+// Messages at or below this level go to the ring buffer (8 by default: function entries).
+void levelIs(int level);
+int level();
+
+// Times a block; appends "<label> took <microseconds> us" when destroyed.
+class BlockTimerMsg {
+public:
+   BlockTimerMsg(MsgDesc const& desc, std::string_view label);
+   ~BlockTimerMsg();
+
+private:
+   MsgDesc const& desc_;
+   std::string label_;
+   double start_;
+};
+
+}  // namespace Ringlog
+
+// Trace call sites. Macros because a trace must name its own file, line and signature, and
+// must not evaluate its arguments when disabled.
+#define MOX_TRACE_LIKELY_OFF(x) __builtin_expect(!!(x), 0)
+
+#define MOX_TRACE(handle, lvl, expr)                                                         \
+   do {                                                                                      \
+      if (MOX_TRACE_LIKELY_OFF((handle).enabled(lvl))) {                                     \
+         static ::Ringlog::MsgDesc moxTraceDesc_(__FILE__, __LINE__, #expr);                 \
+         ::Mox::TraceHelper moxTraceHelper_((handle), (lvl), __FILE__, __LINE__,             \
+                                            __PRETTY_FUNCTION__, &moxTraceDesc_);            \
+         moxTraceHelper_.stream() << expr;                                                   \
+      }                                                                                      \
+   } while (0)
+
+// Function entry at level 8: the signature, then whatever the caller adds (a key).
+#define MOX_TRACE_FN(handle, expr) MOX_TRACE(handle, ::Mox::kTraceFunctionLevel, expr)
+#define MOX_TRACE_FN0(handle) MOX_TRACE(handle, ::Mox::kTraceFunctionLevel, "")
