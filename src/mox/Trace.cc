@@ -2,8 +2,8 @@
 
 #include <algorithm>
 #include <chrono>
-#include <cstring>
 #include <cstdio>
+#include <cstring>
 #include <iostream>
 #include <map>
 #include <mutex>
@@ -29,7 +29,7 @@ int configuredLevel(std::string_view facility) {
 }
 
 class StderrSink : public TraceSink {
-public:
+ public:
    void write(TraceRecord const& r) override {
       std::fprintf(stderr, "%s/%d %s:%d %s %s\n", r.facility, r.level, r.file, r.line, r.function,
                    r.text.c_str());
@@ -76,7 +76,8 @@ void traceLevelIs(std::string_view facility, int level) {
    if (facility == "*") {
       r.allLevel = level;
       r.levels.clear();
-      for (auto* h : r.handles) h->levelIs(level);
+      for (auto* h : r.handles)
+         h->levelIs(level);
       return;
    }
    r.levels[std::string(facility)] = level;
@@ -100,7 +101,8 @@ bool traceLevelsFromString(std::string_view spec) {
       }
       parsed.emplace_back(std::string(item.substr(0, slash)), level);
    }
-   for (auto& [facility, level] : parsed) traceLevelIs(facility, level);
+   for (auto& [facility, level] : parsed)
+      traceLevelIs(facility, level);
    return true;
 }
 
@@ -112,7 +114,8 @@ TraceSink* traceSinkIs(TraceSink* sink) {
 
 std::vector<std::string> traceFacilities() {
    std::vector<std::string> out;
-   for (auto* h : registry().handles) out.emplace_back(h->facility());
+   for (auto* h : registry().handles)
+      out.emplace_back(h->facility());
    std::sort(out.begin(), out.end());
    out.erase(std::unique(out.begin(), out.end()), out.end());
    return out;
@@ -125,8 +128,8 @@ TraceHelper::TraceHelper(TraceHandle const& handle, int level, char const* file,
 TraceHelper::~TraceHelper() {
    std::string text = stream_.str();
    if (handle_.traceEnabled(level_)) {
-      currentSink->write(TraceRecord{handle_.facility(), level_, baseName(file_), line_, function_,
-                                     text});
+      currentSink->write(
+          TraceRecord{handle_.facility(), level_, baseName(file_), line_, function_, text});
    }
    if (Ringlog::isOpen() && level_ <= Ringlog::level() && desc_) {
       auto* buf = Ringlog::defaultBuf();
@@ -183,7 +186,8 @@ RingBuf* defaultRing = nullptr;
 int ringLevel = Mox::kTraceFunctionLevel;
 
 void recomputeHandles() {
-   for (auto* h : Mox::registry().handles) h->recompute();
+   for (auto* h : Mox::registry().handles)
+      h->recompute();
 }
 
 }  // namespace

@@ -1,0 +1,59 @@
+#include "mox/StateMachine.h"
+
+namespace Mox {
+
+ReactorHook::ReactorHook(StateMachine* sm, NotifieeBase* self) : sm_(sm), self_(self) {
+   if (!sm_) return;
+   next_ = sm_->reactors_;
+   if (next_) next_->prev_ = this;
+   sm_->reactors_ = this;
+   if (!sm_->active_) self_->hasNotificationActiveIs(false);
+}
+
+ReactorHook::~ReactorHook() {
+   if (!sm_) return;
+   if (prev_) {
+      prev_->next_ = next_;
+   } else {
+      sm_->reactors_ = next_;
+   }
+   if (next_) next_->prev_ = prev_;
+}
+
+StateMachine::~StateMachine() {
+   // A reactor kept alive elsewhere (by a delivery in progress) must never call back into
+   // this machine: unhook and silence every one that is left.
+   for (ReactorHook* h = reactors_; h;) {
+      ReactorHook* next = h->next_;
+      h->self_->moxDoZombieReactors(true);
+      h->sm_ = nullptr;
+      h->prev_ = h->next_ = nullptr;
+      h = next;
+   }
+   reactors_ = nullptr;
+}
+
+void StateMachine::moxDoZombieReactors(bool zombie) {
+   for (ReactorHook* h = reactors_; h; h = h->next_)
+      h->self_->moxDoZombieReactors(zombie);
+}
+
+void StateMachine::hasNotificationActiveIs(bool active) {
+   active_ = active;
+   for (ReactorHook* h = reactors_; h; h = h->next_)
+      h->self_->hasNotificationActiveIs(active);
+}
+
+size_t StateMachine::nestedReactors() const {
+   size_t n = 0;
+   for (ReactorHook* h = reactors_; h; h = h->next_)
+      ++n;
+   return n;
+}
+
+void throwNullParameter(char const* param, char const* mutator) {
+   throwRangeException(std::string("null ") + param + " parameter to mutator for " + mutator +
+                       " not allowed");
+}
+
+}  // namespace Mox

@@ -1,0 +1,133 @@
+#include "mox/Trace.h"
+
+#include <gtest/gtest.h>
+
+#include "mox/Dir.h"
+#include "mox/Enum.h"
+
+namespace {
+
+Mox::TraceHandle th("MoxTraceTest");
+
+struct Capture : Mox::TraceSink {
+   std::vector<Mox::TraceRecord> records;
+   void write(Mox::TraceRecord const& r) override { records.push_back(r); }
+};
+
+struct Sinked {
+   Capture cap;
+   Sinked() { Mox::traceSinkIs(&cap); }
+   ~Sinked() {
+      Mox::traceSinkIs(nullptr);
+      Mox::traceLevelIs("MoxTraceTest", -1);
+      Ringlog::close();
+   }
+};
+
+int evaluated = 0;
+int sideEffect() {
+   ++evaluated;
+   return 42;
+}
+
+struct Machine {
+   void handleInitialized(int key) { MOX_TRACE_FN(th, " key " << key << " v " << sideEffect()); }
+};
+
+}  // namespace
+
+TEST(Trace, DisabledCallSiteEvaluatesNothing) {
+   Sinked s;
+   evaluated = 0;
+   Machine().handleInitialized(1);
+   EXPECT_EQ(evaluated, 0);
+   EXPECT_TRUE(s.cap.records.empty());
+}
+
+TEST(Trace, EnabledCallSiteCarriesFacilityLineAndSignature) {
+   Sinked s;
+   ASSERT_TRUE(Mox::traceLevelsFromString("MoxTraceTest/8"));
+   Machine().handleInitialized(7);
+   MOX_TRACE(th, 9, "too verbose");
+   ASSERT_EQ(s.cap.records.size(), 1u);
+   auto const& r = s.cap.records[0];
+   EXPECT_STREQ(r.facility, "MoxTraceTest");
+   EXPECT_EQ(r.level, 8);
+   EXPECT_STREQ(r.function, "void {anonymous}::Machine::handleInitialized(int)");
+   EXPECT_EQ(r.text, " key 7 v 42");
+   EXPECT_STREQ(r.file, "TraceTest.cc");
+   EXPECT_FALSE(Mox::traceLevelsFromString("MoxTraceTest"));
+   EXPECT_FALSE(Mox::traceLevelsFromString("MoxTraceTest/x"));
+}
+
+TEST(Trace, RingBufferRecordsFunctionEntriesEvenWithTheTraceOff) {
+   Sinked s;
+   Ringlog::open(4);
+   for (int i = 0; i < 6; ++i)
+      Machine().handleInitialized(i);
+   EXPECT_TRUE(s.cap.records.empty());
+   auto* buf = Ringlog::defaultBuf();
+   EXPECT_EQ(buf->size(), 4u);  // the oldest were overwritten
+   std::string dump = buf->dump();
+   EXPECT_EQ(dump.find(" key 1 "), std::string::npos);
+   EXPECT_NE(dump.find(" key 5 v 42"), std::string::npos);
+   EXPECT_NE(dump.find("TraceTest.cc:"), std::string::npos);
+   Ringlog::close();
+   evaluated = 0;
+   Machine().handleInitialized(9);
+   EXPECT_EQ(evaluated, 0);
+}
+
+TEST(Log, RateLimitedPerHandle) {
+   std::vector<Mox::LogRecord> got;
+   auto previous = Mox::logSinkIs([&](Mox::LogRecord const& r) { got.push_back(r); });
+   Mox::LogHandle h("VELD-TEST", Mox::LogSeverity::warning, 3600.0);
+   h.log("first");
+   EXPECT_FALSE(h.okToLog());
+   h.log("second");
+   Mox::logSinkIs(previous);
+   ASSERT_EQ(got.size(), 1u);
+   EXPECT_EQ(got[0].text, "first");
+   EXPECT_EQ(got[0].id, "VELD-TEST");
+}
+
+namespace MoxTestEnum {
+enum class Mode : uint8_t { off = 0, loose = 1, strict = 2 };
+constexpr auto moxEnumNames(Mode) {
+   return Mox::EnumNames<Mode, 3>{
+       {{Mode::off, "off"}, {Mode::loose, "loose"}, {Mode::strict, "strict"}}};
+}
+inline std::ostream& operator<<(std::ostream& os, Mode m) { return Mox::streamEnum(os, m); }
+}  // namespace MoxTestEnum
+
+TEST(Enum, EveryValueRoundTripsThroughNumberAndName) {
+   using MoxTestEnum::Mode;
+   for (auto const& n : moxEnumNames(Mode{})) {
+      EXPECT_EQ(Mox::enumFromName<Mode>(Mox::stringValue(n.value)), n.value);
+      EXPECT_EQ(Mox::enumFromValue<Mode>(Mox::enumValue(n.value)), n.value);
+   }
+   EXPECT_EQ(Mox::enumFromName<Mode>("medium"), std::nullopt);
+   EXPECT_EQ(Mox::enumFromValue<Mode>(3), std::nullopt);
+   std::ostringstream os;
+   os << Mode::strict;
+   EXPECT_EQ(os.str(), "strict");
+}
+
+TEST(Dir, EntriesAreNotifiedPerNameAndPlacedUnderTheDir) {
+   auto dir = Mox::make<Mox::Dir>("interface");
+   struct Watch : Mox::Dir::NotifieeConst {
+      std::vector<std::string> names;
+      void onEntry(Mox::Name const& n) override { names.push_back(n.string()); }
+   };
+   auto w = Mox::make<Watch>();
+   w->notifierIs(dir);
+   auto sub = dir->dirIs("config");
+   EXPECT_EQ(dir->dirIs("config"), sub);
+   auto e = Mox::make<Mox::Dir>("intf");
+   sub->entryIs("intf", e);
+   EXPECT_EQ(e->parent(), sub.ptr());
+   EXPECT_EQ(dir->entityRef("config/intf"), e);
+   dir->entryDel("config");
+   EXPECT_EQ(sub->parent(), nullptr);
+   EXPECT_EQ(w->names, (std::vector<std::string>{"config", "config"}));
+}
