@@ -33,7 +33,7 @@ void Task::run() {
 }
 
 void Task::runNow() {
-   Mox::Ptr<Task> hold(this);
+   Mox::Delivery::Scope scope;  // the task outlives run()
    running_ = true;
    workCount_ = 0;
    runStart_ = Mox::System::currentTime();
@@ -48,7 +48,7 @@ void Task::runNow() {
 // ---- TimerTask ----
 
 class TimerTask::Timer : public Mox::Clock::NotifieeConst {
- public:
+public:
    explicit Timer(TimerTask* task) : task_(task) {}
    void onTime() override {
       if (task_) task_->scheduleTask();
@@ -108,7 +108,7 @@ void TaskScheduler::dequeue(Task* t) {
 
 size_t TaskScheduler::runSlice() {
    if (ready_ == 0) return 0;
-   Mox::Ptr<TaskScheduler> hold(this);
+   Mox::Delivery::Scope scope;
    size_t runs = 0;
    // Pick this slice's groups up front: tasks queued by the runs wait for the next slice.
    std::vector<TaskGroup*> groups;

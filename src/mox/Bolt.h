@@ -22,7 +22,7 @@ namespace Bolt {
 class TaskScheduler;
 
 class TaskGroup : public Mox::PtrInterface {
- public:
+public:
    TaskGroup(Mox::Name name, int priority, uint32_t quantum = 100)
        : name_(std::move(name)), priority_(priority), quantum_(quantum) {}
    Mox::Name const& name() const { return name_; }
@@ -33,7 +33,7 @@ class TaskGroup : public Mox::PtrInterface {
    double taskGroupTimeQuantum() const { return timeQuantum_; }
    void taskGroupTimeQuantumIs(double s) { timeQuantum_ = s; }
 
- private:
+private:
    friend class TaskScheduler;
    Mox::Name name_;
    int priority_;
@@ -42,9 +42,9 @@ class TaskGroup : public Mox::PtrInterface {
 };
 
 class Task : public Mox::Notifier {
- public:
+public:
    class NotifieeConst : public Mox::NotifieeOf<Task> {
-    public:
+   public:
       virtual void onRun() {}
    };
 
@@ -67,11 +67,11 @@ class Task : public Mox::Notifier {
    bool taskShouldYield() const;
    uint64_t taskRuns() const { return runs_; }
 
- protected:
+protected:
    // The work. The default delivers onRun() to the task's reactors.
    virtual void run();
 
- private:
+private:
    friend class TaskScheduler;
    void runNow();
    Mox::Ptr<TaskScheduler> scheduler_;
@@ -86,7 +86,7 @@ class Task : public Mox::Notifier {
 
 // A task that becomes ready after a delay.
 class TimerTask : public Task {
- public:
+public:
    TimerTask(Mox::Ptr<TaskScheduler> const& scheduler, Mox::Name name,
              Mox::Ptr<TaskGroup> group = nullptr);
    ~TimerTask() override;
@@ -94,13 +94,13 @@ class TimerTask : public Task {
    void cancelTaskDelay();
    double taskDeadline() const;
 
- private:
+private:
    class Timer;
    Mox::Ptr<Timer> timer_;
 };
 
 class TaskScheduler : public Mox::PtrInterface {
- public:
+public:
    TaskScheduler();
    ~TaskScheduler() override;
 
@@ -118,7 +118,7 @@ class TaskScheduler : public Mox::PtrInterface {
    // Runs until no task is ready (tests and tools).
    size_t runUntilIdle();
 
- private:
+private:
    friend class Task;
    struct Queue {
       TaskGroup* group;
@@ -137,9 +137,9 @@ class TaskScheduler : public Mox::PtrInterface {
 // The shared timer wheel for many per-object timers (per-interface kernel update scheduling,
 // enable timers). Same contract as Mox::Clock.
 class TimerWheel : public Mox::TimerSource {
- public:
+public:
    class NotifieeConst : public Mox::TimerNotifiee {
-    public:
+   public:
       Mox::Ptr<TimerWheel const> notifier() const {
          return Mox::Ptr<TimerWheel const>(static_cast<TimerWheel const*>(notifierBase()));
       }

@@ -109,9 +109,9 @@ void TimerSource::remove(TimerNotifiee* t) const {
 
 bool TimerSource::fireOne(double now) const {
    if (heap_.empty() || heap_.front()->timeMin_ > now) return false;
-   Ptr<TimerSource const> holdSource(this);
-   Ptr<TimerNotifiee> t(heap_.front());
-   remove(t.ptr());
+   Delivery::Scope scope;  // the timer and its source outlive onTime()
+   TimerNotifiee* t = heap_.front();
+   remove(t);
    t->timeMin_ = kInfinity;  // one shot: onTime() may arm it again
    if (t->wantsDelivery()) t->onTime();
    return true;

@@ -25,27 +25,27 @@ namespace Mox {
 constexpr double kInfinity = std::numeric_limits<double>::infinity();
 
 class TimeSource {
- public:
+public:
    virtual ~TimeSource() = default;
    virtual double now() const = 0;
 };
 
 // CLOCK_MONOTONIC in seconds.
 class RealTimeSource : public TimeSource {
- public:
+public:
    double now() const override;
 };
 
 // Time that moves only when told to.
 class VirtualTimeSource : public TimeSource {
- public:
+public:
    explicit VirtualTimeSource(double start = 1000.0) : now_(start) {}
    double now() const override { return now_; }
    void nowIs(double t) { now_ = t; }
    // Lets time pass without firing anything (work that "takes" time).
    void elapse(double seconds) { now_ += seconds; }
 
- private:
+private:
    double now_;
 };
 
@@ -53,7 +53,7 @@ class TimerSource;
 
 // The reactor side of a timer.
 class TimerNotifiee : public NotifieeBase {
- public:
+public:
    ~TimerNotifiee() override;
    double timeMin() const { return timeMin_; }
    // Arms the timer at t; +infinity (or any t beyond the largest finite double) disarms it.
@@ -61,12 +61,12 @@ class TimerNotifiee : public NotifieeBase {
    bool armed() const { return heapIndex_ != kNotQueued; }
    virtual void onTime() {}
 
- protected:
+protected:
    TimerNotifiee() { isRegisteredNotifieeIs(false); }
    void sourceIs(TimerSource const* source);
    TimerSource* source() const;
 
- private:
+private:
    friend class TimerSource;
    static constexpr size_t kNotQueued = SIZE_MAX;
    double timeMin_ = kInfinity;
@@ -76,7 +76,7 @@ class TimerNotifiee : public NotifieeBase {
 
 // Orders the armed timers of its reactors by deadline (then by arming order).
 class TimerSource : public Entity {
- public:
+public:
    TimerSource();
    ~TimerSource() override;
    double nextDeadline() const { return heap_.empty() ? kInfinity : heap_.front()->timeMin_; }
@@ -84,7 +84,7 @@ class TimerSource : public Entity {
    // Fires the earliest timer if it is due at `now`; false when none is due.
    bool fireOne(double now) const;
 
- private:
+private:
    friend class TimerNotifiee;
    void insert(TimerNotifiee* t) const;
    void remove(TimerNotifiee* t) const;
@@ -98,9 +98,9 @@ class TimerSource : public Entity {
 
 // The agent's clock.
 class Clock : public TimerSource {
- public:
+public:
    class NotifieeConst : public TimerNotifiee {
-    public:
+   public:
       Ptr<Clock const> notifier() const {
          return Ptr<Clock const>(static_cast<Clock const*>(notifierBase()));
       }
@@ -115,7 +115,7 @@ struct ActivityManagerConfig {
 
 // Runs the timers and task schedulers of the process from the time source.
 class ActivityManager {
- public:
+public:
    double now() const;
    // The earliest armed timer (now if a task is ready; +infinity when idle).
    double nextDeadline() const;
@@ -136,7 +136,7 @@ class ActivityManager {
    void schedulerAdd(Bolt::TaskScheduler* s);
    void schedulerDel(Bolt::TaskScheduler* s);
 
- private:
+private:
    TimerSource const* earliest() const;
    std::vector<TimerSource const*> sources_;
    std::vector<Bolt::TaskScheduler*> schedulers_;
@@ -150,13 +150,13 @@ double currentTime();
 
 // Installs a virtual clock for the lifetime of the object (tests).
 class ScopedVirtualTime {
- public:
+public:
    explicit ScopedVirtualTime(double start = 1000.0);
    ~ScopedVirtualTime();
    VirtualTimeSource& source() { return source_; }
    double now() const { return source_.now(); }
 
- private:
+private:
    VirtualTimeSource source_;
    TimeSource* previous_;
 };

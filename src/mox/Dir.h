@@ -10,9 +10,9 @@
 namespace Mox {
 
 class Dir : public Entity {
- public:
+public:
    class NotifieeConst : public EntityNotifiee<Dir> {
-    public:
+   public:
       // An entry was added, replaced or removed (then entry(name) is null).
       virtual void onEntry(Name const&) {}
    };
@@ -43,7 +43,7 @@ class Dir : public Entity {
    // The entity at a relative path ("a/b/c"), or null.
    Ptr<Entity> entityRef(std::string_view path) const;
 
- private:
+private:
    Name name_;
    Entries entries_;
 };

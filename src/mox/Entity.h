@@ -32,12 +32,12 @@ using AttrId = uint32_t;
 constexpr AttrId kNoAttrId = 0;
 
 class Entity : public Notifier {
- public:
+public:
    // Every entity type E declares `class NotifieeConst : public EntityNotifiee<E>`; the
    // reactors of an E are always E::NotifieeConst, which is what lets notify() call them
    // without a type check.
    class NotifieeConst : public NotifieeBase {
-    public:
+   public:
       // Reflective form: an attribute changed by name, for generic tools.
       virtual void onRawAttribute(AttrId) {}
    };
@@ -51,7 +51,7 @@ class Entity : public Notifier {
    void parentIs(Entity const* parent) { parent_ = parent; }
    void parentAttrIdIs(AttrId id) { parentAttrId_ = id; }
 
- protected:
+protected:
    // Delivers a change to every reactor of this entity, whose reactors are all N's.
    template <class N, class... A, class... Args>
    void notify(void (N::*fn)(A...), Args const&... args) const {
@@ -98,7 +98,7 @@ class Entity : public Notifier {
       child->parentAttrIdIs(attr);
    }
 
- private:
+private:
    Entity const* parent_ = nullptr;  // not owning: the parent owns us
    AttrId parentAttrId_ = kNoAttrId;
 };
@@ -106,10 +106,10 @@ class Entity : public Notifier {
 // Base of an entity type's NotifieeConst: attaches to that type only.
 template <class E>
 class EntityNotifiee : public Entity::NotifieeConst {
- protected:
+protected:
    EntityNotifiee() = default;
 
- public:
+public:
    Ptr<E const> notifier() const { return Ptr<E const>(static_cast<E const*>(notifierBase())); }
    E const* notifierRaw() const { return static_cast<E const*>(notifierBase()); }
    void notifierIs(Ptr<E const> const& n) { notifierBaseIs(n.ptr()); }

@@ -9,20 +9,20 @@
 namespace Mox {
 
 class Exception : public std::runtime_error {
- public:
+public:
    using std::runtime_error::runtime_error;
 };
 
 // A value outside its type's range: a bounded name too long, a null where an entity is
 // required ("null _x parameter to mutator for T::x not allowed").
 class RangeException : public Exception {
- public:
+public:
    using Exception::Exception;
 };
 
 // Re-creating an owned child with a different constructor parameter.
 class NameInUseException : public Exception {
- public:
+public:
    using Exception::Exception;
 };
 
@@ -34,39 +34,39 @@ class NameInUseException : public Exception {
 namespace Cinder {
 
 class Exception : public std::runtime_error {
- public:
+public:
    using std::runtime_error::runtime_error;
 };
 
 class NoPermissionException : public Exception {
- public:
+public:
    using Exception::Exception;
 };
 
 class CorruptionDetectedException : public Exception {
- public:
+public:
    using Exception::Exception;
 };
 
 class InvalidSizeException : public Exception {
- public:
+public:
    using Exception::Exception;
 };
 
 class UnimplementedException : public Exception {
- public:
+public:
    using Exception::Exception;
 };
 
 class AssertException : public Exception {
- public:
+public:
    AssertException(std::string expression, char const* file, int line, char const* function);
    // The asserted expression exactly as written at the call site, e.g. "initialized()".
    std::string const& expression() const { return expression_; }
    char const* file() const { return file_; }
    int line() const { return line_; }
 
- private:
+private:
    std::string expression_;
    char const* file_;
    int line_;

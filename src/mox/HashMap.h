@@ -18,7 +18,7 @@ namespace Mox {
 
 template <class K, class V, class Hash = std::hash<K>, class Eq = std::equal_to<K>>
 class HashMap {
- public:
+public:
    using value_type = std::pair<K const, V>;
 
    template <bool Const>
@@ -26,7 +26,7 @@ class HashMap {
       using Map = std::conditional_t<Const, HashMap const, HashMap>;
       using Ref = std::conditional_t<Const, value_type const&, value_type&>;
 
-    public:
+   public:
       Iter(Map* m, size_t i) : m_(m), i_(i) { skip(); }
       Ref operator*() const { return *m_->nodes_[i_]; }
       auto* operator->() const { return &*m_->nodes_[i_]; }
@@ -38,7 +38,7 @@ class HashMap {
       bool operator==(Iter const& o) const { return i_ == o.i_; }
       size_t position() const { return i_; }
 
-    private:
+   private:
       void skip() {
          while (i_ < m_->nodes_.size() && !m_->nodes_[i_])
             ++i_;
@@ -137,7 +137,7 @@ class HashMap {
       return out;
    }
 
- private:
+private:
    static constexpr uint32_t kNone = UINT32_MAX;
    static constexpr uint32_t kEmpty = UINT32_MAX;
    static constexpr uint32_t kTomb = UINT32_MAX - 1;
@@ -222,9 +222,9 @@ class HashSet {
    };
    using Map = HashMap<K, Unit, Hash, Eq>;
 
- public:
+public:
    class const_iterator {
-    public:
+   public:
       explicit const_iterator(typename Map::const_iterator it) : it_(it) {}
       K const& operator*() const { return it_->first; }
       K const* operator->() const { return &it_->first; }
@@ -234,7 +234,7 @@ class HashSet {
       }
       bool operator==(const_iterator const& o) const { return it_ == o.it_; }
 
-    private:
+   private:
       typename Map::const_iterator it_;
    };
 
@@ -256,7 +256,7 @@ class HashSet {
       return true;
    }
 
- private:
+private:
    Map map_;
 };
 

@@ -10,7 +10,7 @@
 namespace Larder {
 
 class EntityManager : public Mox::PtrInterface {
- public:
+public:
    EntityManager() : root_(Mox::make<Mox::Dir>("")) {}
 
    Mox::Ptr<Mox::Dir> root() const { return root_; }
@@ -28,7 +28,7 @@ class EntityManager : public Mox::PtrInterface {
    Mox::Ptr<Mox::Dir> dirIs(std::string_view path);
    void entityDel(std::string_view path);
 
- private:
+private:
    Mox::Ptr<Mox::Dir> parentDir(std::string_view path, std::string_view* leaf, bool create);
    Mox::Ptr<Mox::Dir> root_;
 };

@@ -13,7 +13,7 @@ namespace Mox {
 
 // A short string used for entity names.
 class Name {
- public:
+public:
    Name() = default;
    Name(char const* s) : s_(s) {}
    Name(std::string s) : s_(std::move(s)) {}
@@ -29,13 +29,13 @@ class Name {
    auto operator<=>(Name const&) const = default;
    friend std::ostream& operator<<(std::ostream& os, Name const& n) { return os << n.s_; }
 
- private:
+private:
    std::string s_;
 };
 
 // A reference-counted, immutable string: copies share one buffer.
 class String {
- public:
+public:
    String() = default;
    String(char const* s) : String(std::string_view(s)) {}
    String(std::string_view s) {
@@ -57,7 +57,7 @@ class String {
    auto operator<=>(String const& o) const { return view() <=> o.view(); }
    friend std::ostream& operator<<(std::ostream& os, String const& s) { return os << s.view(); }
 
- private:
+private:
    std::shared_ptr<std::string const> p_;
 };
 

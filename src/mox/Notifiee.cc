@@ -50,6 +50,11 @@ Notifier::~Notifier() {
 
 NotifieeBase::~NotifieeBase() { notifierBaseIs(nullptr); }
 
+void NotifieeBase::handleZeroRef() const noexcept {
+   if (Delivery::active()) const_cast<NotifieeBase*>(this)->moxDoZombieReactors(true);
+   PtrInterface::handleZeroRef();
+}
+
 void NotifieeBase::notifierBaseIs(Notifier const* n) {
    if (n == notifier_.ptr()) return;
    if (inList_) {

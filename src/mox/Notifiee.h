@@ -27,19 +27,20 @@ class NotifieeBase;
 // The registered reactors of one notifier. Removal during a visit leaves a hole that the
 // outermost visit compacts when it ends; members added during a visit wait for the next one.
 class NotifieeList {
- public:
+public:
    void newMember(NotifieeBase* n);
    void deleteMember(NotifieeBase* n);
    void deleteAll();
    bool empty() const { return live_ == 0; }
    size_t size() const { return live_; }
+   bool visiting() const { return visiting_ != 0; }
 
    // Calls f(member) for every member present when the visit starts and still registered
    // when its turn comes, skipping inactive and zombie reactors.
    template <class F>
    void doVisit(F&& f);
 
- private:
+private:
    void compact();
    std::vector<NotifieeBase*> members_;
    uint32_t live_ = 0;
@@ -48,26 +49,29 @@ class NotifieeList {
 };
 
 // Anything reactors can observe.
+//
+// Keeping things alive during a delivery costs no reference counting: an object whose last
+// reference goes while a delivery runs is destroyed when the outermost delivery ends
+// (Delivery, in Ptr.h).
 class Notifier : public PtrInterface {
- public:
+public:
    Notifier() = default;
    Notifier(Notifier const&) : PtrInterface() {}  // reactors stay with the original
    ~Notifier() override;
    NotifieeList& notifieeList() const { return notifiees_; }
 
- protected:
-   // Delivers one change: fn(notifiee) for every reactor, keeping this notifier alive even if
-   // a handler drops the last reference to it.
+protected:
+   // Delivers one change: fn(notifiee) for every reactor.
    template <class N, class F>
    void notifyEach(F&& fn) const;
 
- private:
+private:
    mutable NotifieeList notifiees_;
 };
 
 // Base of every reactor. `PtrInterface::NotifieeConst` in the platform's terms.
 class NotifieeBase : public PtrInterface {
- public:
+public:
    NotifieeBase() = default;
    NotifieeBase(NotifieeBase const&) = delete;
    NotifieeBase& operator=(NotifieeBase const&) = delete;
@@ -77,32 +81,37 @@ class NotifieeBase : public PtrInterface {
    void isRegisteredNotifieeIs(bool registered);
    bool isRegisteredNotifiee() const { return wantRegistered_; }
    // Switches delivery on or off while staying registered.
-   void hasNotificationActiveIs(bool active) { active_ = active; }
-   bool hasNotificationActive() const { return active_; }
+   void hasNotificationActiveIs(bool active) { muteBit(kInactive, !active); }
+   bool hasNotificationActive() const { return !(mute_ & kInactive); }
    // A zombie is being torn down: it stays attached but its handlers are no longer called.
-   virtual void moxDoZombieReactors(bool zombie) { zombie_ = zombie; }
-   bool moxZombie() const { return zombie_; }
-   bool wantsDelivery() const { return active_ && !zombie_; }
+   virtual void moxDoZombieReactors(bool zombie) { muteBit(kZombie, zombie); }
+   bool moxZombie() const { return mute_ & kZombie; }
+   bool wantsDelivery() const { return mute_ == 0; }
+   // Dropping the last reference during a delivery stops the reactor at once; its memory
+   // goes when the delivery ends.
+   void handleZeroRef() const noexcept override;
 
    Notifier const* notifierBase() const { return notifier_.ptr(); }
 
- protected:
+protected:
    // Attaches to a new notifier (detaching from the old one); null detaches.
    void notifierBaseIs(Notifier const* n);
 
- private:
+private:
    friend class NotifieeList;
    Ptr<Notifier const> notifier_;
    bool wantRegistered_ = true;
    bool inList_ = false;
-   bool active_ = true;
-   bool zombie_ = false;
+   static constexpr uint8_t kInactive = 1;
+   static constexpr uint8_t kZombie = 2;
+   void muteBit(uint8_t bit, bool on) { mute_ = on ? (mute_ | bit) : (mute_ & ~bit); }
+   uint8_t mute_ = 0;  // delivery is skipped unless zero
 };
 
 // Typed reactor base: attaches only to a T (or one derived from it).
 template <class T>
 class NotifieeOf : public NotifieeBase {
- public:
+public:
    using NotifierType = T;
    Ptr<T const> notifier() const { return Ptr<T const>(static_cast<T const*>(notifierBase())); }
    T const* notifierRaw() const { return static_cast<T const*>(notifierBase()); }
@@ -124,7 +133,6 @@ void NotifieeList::doVisit(F&& f) {
    for (size_t i = 0; i < n; ++i) {
       NotifieeBase* m = members_[i];
       if (!m || !m->wantsDelivery()) continue;
-      Ptr<NotifieeBase> hold(m);
       f(m);
    }
 }
@@ -132,7 +140,7 @@ void NotifieeList::doVisit(F&& f) {
 template <class N, class F>
 void Notifier::notifyEach(F&& fn) const {
    if (notifiees_.empty()) return;
-   Ptr<Notifier const> hold(this);
+   Delivery::Scope scope;
    notifiees_.doVisit([&](NotifieeBase* m) { fn(static_cast<N*>(m)); });
 }
 

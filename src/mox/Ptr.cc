@@ -50,7 +50,35 @@ PtrInterface::~PtrInterface() {
    if (allocInfo_) allocInfo_->trackDeallocation(allocBytes_);
 }
 
-void PtrInterface::handleZeroRef() const noexcept { delete this; }
+void PtrInterface::handleZeroRef() const noexcept {
+   if (Delivery::active()) {
+      Delivery::defer(this);
+      return;
+   }
+   delete this;
+}
+
+[[gnu::tls_model("initial-exec")]] thread_local uint32_t Delivery::depth_ = 0;
+[[gnu::tls_model(
+    "initial-exec")]] thread_local std::vector<PtrInterface const*>* Delivery::pending_ = nullptr;
+
+void Delivery::defer(PtrInterface const* p) {
+   if (p->zeroRefDeferred_) return;
+   p->zeroRefDeferred_ = true;
+   if (!pending_) pending_ = new std::vector<PtrInterface const*>;
+   pending_->push_back(p);
+}
+
+void Delivery::drain() noexcept {
+   while (pending_) {
+      std::unique_ptr<std::vector<PtrInterface const*>> batch(std::exchange(pending_, nullptr));
+      for (auto const* p : *batch) {
+         p->zeroRefDeferred_ = false;
+         // Destroying one may release others: with no delivery running they go at once.
+         if (p->ref_ == 0) delete p;
+      }
+   }
+}
 
 void* PtrInterface::moxMemAlloc(size_t bytes) {
    void* p = std::malloc(bytes ? bytes : 1);

@@ -22,7 +22,7 @@ namespace Mox {
 
 // Live allocations of one type, as reported by moxMemAlloc's callers.
 class AllocTrackTypeInfo {
- public:
+public:
    explicit AllocTrackTypeInfo(std::string name);
 
    template <class T>
@@ -56,7 +56,7 @@ class AllocTrackTypeInfo {
    int64_t totalObjects() const { return totalObjects_; }
    int64_t liveBytes() const { return liveBytes_; }
 
- private:
+private:
    static AllocTrackTypeInfo& registered(char const* mangled);
    std::string name_;
    int64_t liveObjects_ = 0;
@@ -65,13 +65,13 @@ class AllocTrackTypeInfo {
 };
 
 class VFPtrInterface {
- public:
+public:
    // Set by multi-threaded hosts before they share objects between threads.
    static bool threadSafePointers_;
 };
 
 class PtrInterface : public VFPtrInterface {
- public:
+public:
    PtrInterface() = default;
    // A copy is a new object: it starts with its own creator's reference.
    PtrInterface(PtrInterface const&) : VFPtrInterface() {}
@@ -96,7 +96,9 @@ class PtrInterface : public VFPtrInterface {
    }
    uint32_t references() const noexcept { return ref_; }
 
-   // The last reference went. Destroys the object; an owner with other plans overrides it.
+   // The last reference went: destroys the object, or, while a delivery (a reactor callback,
+   // a timer, a task) is running, when the outermost one ends, so that code still on the
+   // stack never runs on a freed object. An owner with other plans overrides it.
    virtual void handleZeroRef() const noexcept;
 
    // The deletion of this object is in progress (set by its owner before it lets go).
@@ -115,16 +117,43 @@ class PtrInterface : public VFPtrInterface {
       info->trackAllocation(bytes);
    }
 
- private:
+private:
+   friend class Delivery;
    mutable uint32_t ref_ = 1;  // the creator's reference
    uint32_t allocBytes_ = 0;
    AllocTrackTypeInfo* allocInfo_ = nullptr;
    bool markedForDeletion_ = false;
+   mutable bool zeroRefDeferred_ = false;
+};
+
+// Brackets a delivery. Objects whose last reference goes inside one are destroyed when the
+// outermost delivery of the thread ends (unless a new reference appeared meanwhile).
+class Delivery {
+public:
+   class Scope {
+   public:
+      Scope() noexcept { ++depth_; }
+      ~Scope() {
+         if (--depth_ == 0 && pending_) drain();
+      }
+      Scope(Scope const&) = delete;
+      Scope& operator=(Scope const&) = delete;
+   };
+   static bool active() noexcept { return depth_ != 0; }
+   static void defer(PtrInterface const* p);
+
+private:
+   static void drain() noexcept;
+   // Trivially initialised thread-locals in the initial-exec model: reading them is one
+   // segment-relative load, also from the shared library.
+   [[gnu::tls_model("initial-exec")]] static thread_local uint32_t depth_;
+   [[gnu::tls_model("initial-exec")]] static thread_local std::vector<PtrInterface const*>*
+       pending_;  // null when empty
 };
 
 template <class T>
 class Ptr {
- public:
+public:
    using element_type = T;
 
    Ptr() noexcept = default;
@@ -180,7 +209,7 @@ class Ptr {
    bool operator==(std::nullptr_t) const noexcept { return p_ == nullptr; }
    bool operator==(T const* p) const noexcept { return p_ == p; }
 
- private:
+private:
    T* p_ = nullptr;
 };
 

@@ -33,6 +33,11 @@ StateMachine::~StateMachine() {
    reactors_ = nullptr;
 }
 
+void StateMachine::handleZeroRef() const noexcept {
+   if (Delivery::active()) const_cast<StateMachine*>(this)->moxDoZombieReactors(true);
+   Entity::handleZeroRef();
+}
+
 void StateMachine::moxDoZombieReactors(bool zombie) {
    for (ReactorHook* h = reactors_; h; h = h->next_)
       h->self_->moxDoZombieReactors(zombie);

@@ -26,15 +26,15 @@ class StateMachine;
 
 // Links a nested reactor into its machine's list.
 class ReactorHook {
- public:
+public:
    ReactorHook(ReactorHook const&) = delete;
    ReactorHook& operator=(ReactorHook const&) = delete;
 
- protected:
+protected:
    ReactorHook(StateMachine* sm, NotifieeBase* self);
    ~ReactorHook();
 
- private:
+private:
    friend class StateMachine;
    StateMachine* sm_;
    NotifieeBase* self_;
@@ -43,13 +43,16 @@ class ReactorHook {
 };
 
 class StateMachine : public Entity {
- public:
+public:
    class NotifieeConst : public EntityNotifiee<StateMachine> {
-    public:
+   public:
       virtual void onInitialized() {}
    };
 
    ~StateMachine() override;
+   // Dropping the last reference during a delivery silences the machine's reactors at once;
+   // its memory goes when the delivery ends.
+   void handleZeroRef() const noexcept override;
 
    bool initialized() const { return initialized_; }
    void initializedIs(bool v) { setAttr(initialized_, v, &NotifieeConst::onInitialized); }
@@ -60,12 +63,12 @@ class StateMachine : public Entity {
    bool hasNotificationActive() const { return active_; }
    size_t nestedReactors() const;
 
- protected:
+protected:
    StateMachine() = default;
    // Sets the flag without delivering (the last step of handleInitialized()).
    void initializedSet(bool v) { initialized_ = v; }
 
- private:
+private:
    friend class ReactorHook;
    ReactorHook* reactors_ = nullptr;
    bool initialized_ = false;
@@ -76,14 +79,14 @@ class StateMachine : public Entity {
 // its back pointer: the machine itself, or a per-member reactor of the machine.
 template <class Owner, class Base>
 class Reactor : public Base, private ReactorHook {
- public:
+public:
    Reactor(Owner* owner, StateMachine* sm) : ReactorHook(sm, this), owner_(owner) {}
    explicit Reactor(Owner* owner) requires std::is_base_of_v<StateMachine, Owner>
        : ReactorHook(owner, this), owner_(owner) {}
 
    Owner* owner() const { return owner_; }
 
- private:
+private:
    Owner* owner_;
 };
 

@@ -26,14 +26,14 @@ std::string const& corruptionDir();
 }  // namespace Util
 
 class TesseraBase : public Mox::Notifier {
- public:
+public:
    explicit TesseraBase(std::string name) : name_(std::move(name)) {}
    std::string const& tableName() const { return name_; }
    virtual size_t size() const = 0;
    // Reports an inconsistency found by a reader: writes the report file, then throws.
    [[noreturn]] void corruptionDetected(std::string const& message) const;
 
- private:
+private:
    std::string name_;
 };
 
@@ -45,15 +45,15 @@ class Table : public TesseraBase {
    };
    using Map = Mox::HashMap<K, Entry>;
 
- public:
+public:
    class NotifieeConst : public Mox::NotifieeOf<Table> {
-    public:
+   public:
       // The entry of k was written or removed (then find(k) is null).
       virtual void onEntry(K const&) {}
    };
 
    class const_iterator {
-    public:
+   public:
       const_iterator(Table const* t, typename Map::const_iterator it) : t_(t), it_(it) { check(); }
       std::pair<K const&, V const&> operator*() const { return {it_->first, it_->second.value}; }
       K const& key() const { return it_->first; }
@@ -65,7 +65,7 @@ class Table : public TesseraBase {
       }
       bool operator==(const_iterator const& o) const { return it_ == o.it_; }
 
-    private:
+   private:
       void check() const {
          if (it_ != t_->map_.end() && it_->second.corrupt) {
             throw Cinder::CorruptionDetectedException("inconsistent entry in Tessera table " +
@@ -122,7 +122,7 @@ class Table : public TesseraBase {
       if (auto* e = map_.find(k)) e->corrupt = true;
    }
 
- private:
+private:
    void notifyEntry(K const& k) {
       this->template notifyEach<NotifieeConst>([&](NotifieeConst* n) { n->onEntry(k); });
    }
@@ -132,7 +132,7 @@ class Table : public TesseraBase {
 // The placeholder table of a view that is not mounted yet: always empty.
 template <class K, class V>
 class TesseraBaseDummy : public Table<K, V> {
- public:
+public:
    TesseraBaseDummy() : Table<K, V>("dummy") {}
    static Mox::Ptr<Table<K, V>> instance() {
       static Mox::Ptr<Table<K, V>> dummy = Mox::make<TesseraBaseDummy>();
@@ -143,7 +143,7 @@ class TesseraBaseDummy : public Table<K, V> {
 // A typed view of a table, read-only or writable.
 template <class K, class V>
 class TesseraMap {
- public:
+public:
    using TableType = Table<K, V>;
    using const_iterator = typename TableType::const_iterator;
 
@@ -187,7 +187,7 @@ class TesseraMap {
       table_->corruptionDetected(message);
    }
 
- private:
+private:
    TesseraMap(Mox::Ptr<TableType> t, bool ro) : table_(std::move(t)), readOnly_(ro) {}
    void refuseIfReadOnly(char const* op) const {
       if (readOnly_) {
@@ -205,7 +205,7 @@ namespace MoxTessera {
 
 // Mounts an entity that holds tables from the state database by path.
 class Mount : public Mox::PtrInterface {
- public:
+public:
    explicit Mount(Mox::Ptr<Larder::EntityManager const> mgr) : mgr_(std::move(mgr)) {}
    // Looks the path up; false (and nothing mounted) when nothing is published there.
    bool doMount(std::string const& path);
@@ -218,7 +218,7 @@ class Mount : public Mox::PtrInterface {
       return Mox::ptrDynamicCast<T>(entity_);
    }
 
- private:
+private:
    Mox::Ptr<Larder::EntityManager const> mgr_;
    std::string path_;
    Mox::Ptr<Mox::Entity> entity_;

@@ -29,7 +29,7 @@ int configuredLevel(std::string_view facility) {
 }
 
 class StderrSink : public TraceSink {
- public:
+public:
    void write(TraceRecord const& r) override {
       std::fprintf(stderr, "%s/%d %s:%d %s %s\n", r.facility, r.level, r.file, r.line, r.function,
                    r.text.c_str());

@@ -22,7 +22,7 @@ namespace Mox {
 constexpr int kTraceFunctionLevel = 8;
 
 class TraceHandle {
- public:
+public:
    explicit TraceHandle(char const* facility);
    ~TraceHandle();
    TraceHandle(TraceHandle const&) = delete;
@@ -38,7 +38,7 @@ class TraceHandle {
    // Recomputes the threshold after the ring buffer opened or closed.
    void recompute();
 
- private:
+private:
    char const* facility_;
    int level_ = -1;
    int threshold_ = -1;
@@ -57,7 +57,7 @@ struct TraceRecord {
 // Where enabled traces go. The default writes "facility level file:line function text" to
 // stderr; tests install a recorder.
 class TraceSink {
- public:
+public:
    virtual ~TraceSink() = default;
    virtual void write(TraceRecord const& record) = 0;
 };
@@ -72,7 +72,7 @@ std::vector<std::string> traceFacilities();
 
 // Collects one trace line; emits it on destruction.
 class TraceHelper {
- public:
+public:
    TraceHelper(TraceHandle const& handle, int level, char const* file, int line,
                char const* function, Ringlog::MsgDesc* desc);
    ~TraceHelper();
@@ -80,7 +80,7 @@ class TraceHelper {
    TraceHelper& operator=(TraceHelper const&) = delete;
    std::ostream& stream() { return stream_; }
 
- private:
+private:
    TraceHandle const& handle_;
    int level_;
    char const* file_;
@@ -102,12 +102,12 @@ using LogSink = std::function<void(LogRecord const&)>;
 LogSink logSinkIs(LogSink sink);  // returns the previous sink; empty restores the default
 
 class LogHandle {
- public:
+public:
    LogHandle(char const* id, LogSeverity severity, double minIntervalSeconds = 0.0);
    bool okToLog() const;
    void log(std::string const& text) const;
 
- private:
+private:
    char const* id_;
    LogSeverity severity_;
    double minInterval_;
@@ -122,14 +122,14 @@ namespace Ringlog {
 
 // One call site: file, line and the format text; registered once on first use.
 class MsgDesc {
- public:
+public:
    MsgDesc(char const* file, int line, char const* format);
    char const* file() const { return file_; }
    int line() const { return line_; }
    char const* format() const { return format_; }
    uint32_t id() const { return id_; }
 
- private:
+private:
    char const* file_;
    int line_;
    char const* format_;
@@ -139,7 +139,7 @@ class MsgDesc {
 // A fixed-size ring of messages: each holds its descriptor, a time and its arguments. The
 // oldest messages are overwritten.
 class RingBuf {
- public:
+public:
    explicit RingBuf(size_t capacity);
    void startMsg(MsgDesc const& desc);
    void put(std::string_view arg);
@@ -150,7 +150,7 @@ class RingBuf {
    size_t size() const { return count_; }
    void clear();
 
- private:
+private:
    struct Msg {
       MsgDesc const* desc = nullptr;
       double time = 0.0;
@@ -174,11 +174,11 @@ int level();
 
 // Times a block; appends "<label> took <microseconds> us" when destroyed.
 class BlockTimerMsg {
- public:
+public:
    BlockTimerMsg(MsgDesc const& desc, std::string_view label);
    ~BlockTimerMsg();
 
- private:
+private:
    MsgDesc const& desc_;
    std::string label_;
    double start_;
@@ -190,14 +190,20 @@ class BlockTimerMsg {
 // must not evaluate its arguments when disabled.
 #define MOX_TRACE_LIKELY_OFF(x) __builtin_expect(!!(x), 0)
 
-#define MOX_TRACE(handle, lvl, expr)                                              \
-   do {                                                                           \
-      if (MOX_TRACE_LIKELY_OFF((handle).enabled(lvl))) {                          \
-         static ::Ringlog::MsgDesc moxTraceDesc_(__FILE__, __LINE__, #expr);      \
-         ::Mox::TraceHelper moxTraceHelper_((handle), (lvl), __FILE__, __LINE__,  \
-                                            __PRETTY_FUNCTION__, &moxTraceDesc_); \
-         moxTraceHelper_.stream() << expr;                                        \
-      }                                                                           \
+// The enabled path is an out-of-line cold lambda, so a disabled call site adds a load, a
+// compare and a branch to its function and nothing else (no spills, no frame).
+#define MOX_TRACE(handle, lvl, expr)                                                \
+   do {                                                                             \
+      if (MOX_TRACE_LIKELY_OFF((handle).enabled(lvl))) {                            \
+         char const* moxTraceFunction_ = __PRETTY_FUNCTION__;                       \
+         [&]() __attribute__((noinline, cold)) {                                    \
+            static ::Ringlog::MsgDesc moxTraceDesc_(__FILE__, __LINE__, #expr);     \
+            ::Mox::TraceHelper moxTraceHelper_((handle), (lvl), __FILE__, __LINE__, \
+                                               moxTraceFunction_, &moxTraceDesc_);  \
+            moxTraceHelper_.stream() << expr;                                       \
+         }                                                                          \
+         ();                                                                        \
+      }                                                                             \
    } while (0)
 
 // Function entry at level 8: the signature, then whatever the caller adds (a key).

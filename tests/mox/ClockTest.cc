@@ -113,13 +113,13 @@ namespace {
 
 // Counts to `total` in runs of at most its group's quantum.
 class Counter : public Bolt::Task {
- public:
+public:
    Counter(Ptr<Bolt::TaskScheduler> const& s, Ptr<Bolt::TaskGroup> g, int total,
            std::vector<std::string>* log, std::string name)
        : Task(s, name, std::move(g)), total_(total), log_(log), name_(std::move(name)) {}
    int done = 0;
 
- protected:
+protected:
    void run() override {
       EXPECT_TRUE(taskCurrentlyRunning());
       int start = done;
@@ -134,7 +134,7 @@ class Counter : public Bolt::Task {
       log_->push_back(name_ + ":" + std::to_string(done - start));
    }
 
- private:
+private:
    int total_;
    std::vector<std::string>* log_;
    std::string name_;

@@ -328,3 +328,23 @@ TEST(Errors, NullParameterTextAndAssertionCarryTheirText) {
       EXPECT_EQ(e.expression(), "initialized");
    }
 }
+
+TEST(Reentry, MachineDroppedDuringDeliveryIsSilencedAtOnceAndFreedAfter) {
+   int64_t before = live("MoxTest::PortSm");
+   auto port = make<Port>();
+   port->subIs(1);
+   auto sm = make<PortSm>(port, false);
+   // Two reactors of the same machine on one sub-port: the first drops the machine.
+   auto second = make<PortSm::MoxSubPort>(sm.ptr(), 1);
+   second->notifierIs(port->sub(1));
+   int calls = 0;
+   sm->onVlan = [&](int) {
+      ++calls;
+      sm = nullptr;  // no zombie call first: dropping the last reference must be enough
+      EXPECT_EQ(live("MoxTest::PortSm"), before + 1);  // still here while we run
+   };
+   port->sub(1)->vlanIdIs(5);
+   EXPECT_EQ(calls, 1);
+   EXPECT_EQ(live("MoxTest::PortSm"), before);
+   EXPECT_TRUE(second->moxZombie());
+}

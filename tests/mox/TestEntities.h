@@ -13,9 +13,9 @@
 namespace MoxTest {
 
 class SubPort : public Mox::Entity {
- public:
+public:
    class NotifieeConst : public Mox::EntityNotifiee<SubPort> {
-    public:
+   public:
       virtual void onVlanId() {}
    };
    explicit SubPort(int key) : key_(key) {}
@@ -23,16 +23,16 @@ class SubPort : public Mox::Entity {
    int vlanId() const { return vlanId_; }
    void vlanIdIs(int v) { setAttr(vlanId_, v, &NotifieeConst::onVlanId); }
 
- private:
+private:
    int const key_;
    int vlanId_ = 0;
 };
 
 class Port : public Mox::Entity {
- public:
+public:
    static constexpr Mox::AttrId kSub = 4;
    class NotifieeConst : public Mox::EntityNotifiee<Port> {
-    public:
+   public:
       virtual void onSpeed() {}
       virtual void onDescription() {}
       virtual void onCounter(std::string const&) {}
@@ -77,7 +77,7 @@ class Port : public Mox::Entity {
    void subDel(int k) { delMember(sub_, k, &NotifieeConst::onSub); }
    void subDelAll() { delAllMembers(sub_, &NotifieeConst::onSub); }
 
- private:
+private:
    uint32_t speed_ = 0;
    std::string description_;
    Mox::HashMap<std::string, int> counter_;
@@ -87,7 +87,7 @@ class Port : public Mox::Entity {
 
 // A plain reactor recording what it sees, with a hook to act during delivery.
 class Recorder : public Port::NotifieeConst {
- public:
+public:
    explicit Recorder(std::string name) : name_(std::move(name)) {}
    void onSpeed() override { record("speed"); }
    void onDescription() override { record("description"); }
@@ -100,7 +100,7 @@ class Recorder : public Port::NotifieeConst {
    std::vector<std::string> seen;
    std::function<void()> action;
 
- private:
+private:
    void record(std::string const& what) {
       seen.push_back(what);
       if (log) log->push_back(name_ + " " + what);
@@ -113,19 +113,19 @@ class Recorder : public Port::NotifieeConst {
 
 // A machine on a Port: one nested reactor for the port, one per sub-port.
 class PortSm : public Mox::StateMachine {
- public:
+public:
    class MoxPort : public Mox::Reactor<PortSm, Port::NotifieeConst> {
-    public:
+   public:
       using Reactor::Reactor;
       void onSpeed() override { owner()->handleSpeed(); }
       void onSub(int k) override { owner()->handleSub(k); }
    };
    class MoxSubPort : public Mox::Reactor<PortSm, SubPort::NotifieeConst> {
-    public:
+   public:
       MoxSubPort(PortSm* sm, int key) : Reactor(sm), key_(key) {}
       void onVlanId() override { owner()->handleVlanId(key_); }
 
-    private:
+   private:
       int key_;
    };
 
@@ -167,7 +167,7 @@ class PortSm : public Mox::StateMachine {
    std::vector<std::string> events;
    std::function<void(int)> onVlan;
 
- private:
+private:
    Mox::Ptr<Port const> port_;
    bool standbyMode_;
    Mox::Ptr<MoxPort> moxPort_;
@@ -176,7 +176,7 @@ class PortSm : public Mox::StateMachine {
 
 // An owner with the create-or-update rule for its machine.
 class Owner : public Mox::StateMachine {
- public:
+public:
    Mox::Ptr<PortSm> portSmIs(Mox::Ptr<Port const> const& port, bool standbyMode) {
       if (portSm_) {
          Mox::checkCtorParam("_port", portSm_->port(), port);
@@ -193,7 +193,7 @@ class Owner : public Mox::StateMachine {
    }
    Mox::Ptr<PortSm> const& portSm() const { return portSm_; }
 
- private:
+private:
    Mox::Ptr<PortSm> portSm_;
 };
 

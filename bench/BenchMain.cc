@@ -1,0 +1,47 @@
+#include "BenchMain.h"
+
+#include <benchmark/benchmark.h>
+
+#include <cstdio>
+#include <map>
+#include <string>
+
+namespace {
+
+class RatioReporter : public benchmark::ConsoleReporter {
+public:
+   void ReportRuns(std::vector<Run> const& runs) override {
+      ConsoleReporter::ReportRuns(runs);
+      for (auto const& r : runs) {
+         if (r.run_type != Run::RT_Iteration || r.error_occurred) continue;
+         times_[r.benchmark_name()] = r.GetAdjustedRealTime();
+      }
+   }
+   void Finalize() override {
+      ConsoleReporter::Finalize();
+      std::printf("\n%-48s %12s\n", "case", "ours/baseline");
+      for (auto const& [name, t] : times_) {
+         auto slash = name.rfind("/ours");
+         if (slash == std::string::npos) continue;
+         std::string base = name.substr(0, slash) + "/baseline" + name.substr(slash + 5);
+         auto it = times_.find(base);
+         if (it == times_.end() || it->second <= 0) continue;
+         std::printf("%-48s %12.3f\n", (name.substr(0, slash) + name.substr(slash + 5)).c_str(),
+                     t / it->second);
+      }
+   }
+
+private:
+   std::map<std::string, double> times_;
+};
+
+}  // namespace
+
+int benchMain(int argc, char** argv) {
+   benchmark::Initialize(&argc, argv);
+   if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
+   RatioReporter reporter;
+   benchmark::RunSpecifiedBenchmarks(&reporter);
+   benchmark::Shutdown();
+   return 0;
+}
