@@ -11,6 +11,8 @@
 #include <string>
 #include <string_view>
 
+#include "mox/Error.h"
+
 namespace Konet {
 
 inline constexpr std::string_view DEFAULT_NS = "default";

@@ -7,6 +7,8 @@
 #include <string>
 #include <string_view>
 
+#include "mox/Error.h"
+
 namespace L3 {
 
 class VrfName {
