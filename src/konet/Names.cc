@@ -1,0 +1,55 @@
+#include "konet/IntfId.h"
+#include "konet/NamespaceName.h"
+#include "konet/VrfName.h"
+#include "mox/Error.h"
+
+namespace Konet {
+
+// IntfId
+
+IntfId::IntfId(std::string_view name) : name_(name) { MOX_ASSERT(parse(name).has_value()); }
+
+std::optional<IntfId> IntfId::parse(std::string_view text, std::string* error) {
+   auto bad = [&](char const* why) -> std::optional<IntfId> {
+      if (error) *error = "'" + std::string(text) + "' is not an interface name: " + why;
+      return std::nullopt;
+   };
+   if (text.empty()) return bad("empty");
+   if (text.size() > maxLength) return bad("too long");
+   auto isLetter = [](char c) { return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z'); };
+   if (!isLetter(text[0])) return bad("it must begin with a letter");
+   for (char c : text) {
+      bool ok = isLetter(c) || (c >= '0' && c <= '9') || c == '/' || c == '.' || c == ':' ||
+                c == '_' || c == '-';
+      if (!ok) return bad("only letters, digits and \"/.:_-\" are allowed");
+   }
+   IntfId id;
+   id.name_ = text;
+   return id;
+}
+
+std::ostream& operator<<(std::ostream& os, IntfId const& id) { return os << id.name(); }
+
+// NamespaceName
+
+NamespaceName::NamespaceName(std::string_view name) {
+   if (name.size() > maxLength) Mox::throwRangeException("NamespaceName::bytes > 150 not allowed");
+   name_ = name;
+}
+
+std::ostream& operator<<(std::ostream& os, NamespaceName const& ns) { return os << ns.name(); }
+
+}  // namespace Konet
+
+namespace L3 {
+
+VrfName::VrfName(std::string_view name) {
+   if (name.size() > maxLength) {
+      Mox::throwRangeException("VrfName::bytes > VrfName::maxLength not allowed");
+   }
+   name_ = name;
+}
+
+std::ostream& operator<<(std::ostream& os, VrfName const& v) { return os << v.name(); }
+
+}  // namespace L3

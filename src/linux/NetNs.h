@@ -1,0 +1,63 @@
+// Network namespaces: entering them, and the named ones under /run/netns.
+//
+// A network namespace belongs to a thread, not to the process: everything here changes or
+// reads the calling thread's namespace only. Sockets keep the namespace they were opened
+// in, and /proc/sys/net shows the namespace of the thread that opens a file.
+//
+// Named namespaces are the files that `ip netns add` makes: a bind mount of a namespace
+// file on /run/netns/<name>, with /run/netns itself a shared mount so that other mount
+// namespaces see new names.
+//
+// Functions return 0 or a positive errno. Names are checked (SafeName.h) before they reach
+// a path: an unsafe name is EINVAL.
+#pragma once
+
+#include "konet/NamespaceName.h"
+#include "linux/Fd.h"
+
+namespace Konet {
+
+inline constexpr char kNetNsDir[] = "/run/netns";
+
+// The calling thread's current network namespace; invalid with errno set on failure.
+Fd getns();
+// Moves the calling thread into the namespace of `fd` (from getns or openNamedNamespace).
+int setns(int fd);
+// Moves the calling thread into the named namespace. The default names have no file: they
+// are EINVAL here (ScopedNetNs treats them as "stay").
+int setnsByName(NamespaceName const& name);
+// Opens /run/netns/<name>, e.g. to move a device there by descriptor.
+int openNamedNamespace(NamespaceName const& name, Fd* out);
+
+// Does what `ip netns add <name>` does. EEXIST when the name is taken.
+int createNamedNamespace(NamespaceName const& name);
+// Does what `ip netns del <name>` does: detaches the mount and removes the file. The
+// namespace itself goes when nothing else holds it (sockets, devices' peers, threads).
+int deleteNamedNamespace(NamespaceName const& name);
+
+// Enters a network namespace for the lifetime of the object and returns to the one the
+// thread was in on every way out (return, exception). The default namespace name ("" or
+// "default") means the caller's own: nothing changes and nothing is saved.
+//
+//    ScopedNetNs inNs(ns, __func__);
+//    if (!inNs.ok()) return inNs.error();
+//
+// A failure to enter logs "<caller>: Failed to setns to NS: <name>" and leaves the thread
+// where it was. Failing to return is fatal: the thread would go on in the wrong namespace.
+class ScopedNetNs {
+ public:
+   explicit ScopedNetNs(NamespaceName const& ns, char const* caller = "ScopedNetNs");
+   ~ScopedNetNs();
+   ScopedNetNs(ScopedNetNs const&) = delete;
+   ScopedNetNs& operator=(ScopedNetNs const&) = delete;
+
+   bool ok() const { return error_ == 0; }
+   // 0 when the thread is in the namespace, else the errno of the failure.
+   int error() const { return error_; }
+
+ private:
+   Fd saved_;
+   int error_ = 0;
+};
+
+}  // namespace Konet

@@ -1,0 +1,91 @@
+#include "linux/NetlinkParse.h"
+
+#include <libmnl/libmnl.h>
+#include <linux/if_addr.h>
+#include <linux/if_link.h>
+#include <linux/rtnetlink.h>
+#include <sys/socket.h>
+
+#include <array>
+#include <cstring>
+
+namespace Konet {
+namespace {
+
+template <size_t N>
+struct Attrs {
+   std::array<nlattr const*, N> tb{};
+};
+
+// Keeps the last attribute of each known type; skips unknown ones.
+template <size_t N>
+int collect(nlattr const* attr, void* data) {
+   auto* attrs = static_cast<Attrs<N>*>(data);
+   uint16_t type = mnl_attr_get_type(attr);
+   if (type < N) attrs->tb[type] = attr;
+   return MNL_CB_OK;
+}
+
+bool u32Attr(nlattr const* attr, uint32_t* out) {
+   if (!attr) return true;
+   if (mnl_attr_validate(attr, MNL_TYPE_U32) < 0) return false;
+   *out = mnl_attr_get_u32(attr);
+   return true;
+}
+
+}  // namespace
+
+bool parseLinkMsg(nlmsghdr const* nlh, LinkInfo* out) {
+   if (nlh->nlmsg_type != RTM_NEWLINK && nlh->nlmsg_type != RTM_DELLINK) return false;
+   if (nlh->nlmsg_len < mnl_nlmsg_size(sizeof(ifinfomsg))) return false;
+   auto const* ifi = static_cast<ifinfomsg const*>(mnl_nlmsg_get_payload(nlh));
+   Attrs<IFLA_MAX + 1> attrs;
+   if (mnl_attr_parse(nlh, sizeof(ifinfomsg), collect<IFLA_MAX + 1>, &attrs) < 0) return false;
+   LinkInfo link;
+   link.ifindex = ifi->ifi_index;
+   link.flags = ifi->ifi_flags;
+   if (auto* name = attrs.tb[IFLA_IFNAME]) {
+      if (mnl_attr_validate(name, MNL_TYPE_NUL_STRING) < 0) return false;
+      link.name = mnl_attr_get_str(name);
+   }
+   uint32_t master = 0;
+   if (!u32Attr(attrs.tb[IFLA_CARRIER_CHANGES], &link.carrierChanges) ||
+       !u32Attr(attrs.tb[IFLA_MTU], &link.mtu) || !u32Attr(attrs.tb[IFLA_MASTER], &master)) {
+      return false;
+   }
+   link.master = static_cast<int>(master);
+   *out = std::move(link);
+   return true;
+}
+
+bool parseAddrMsg(nlmsghdr const* nlh, AddrInfo* out) {
+   if (nlh->nlmsg_type != RTM_NEWADDR && nlh->nlmsg_type != RTM_DELADDR) return false;
+   if (nlh->nlmsg_len < mnl_nlmsg_size(sizeof(ifaddrmsg))) return false;
+   auto const* ifa = static_cast<ifaddrmsg const*>(mnl_nlmsg_get_payload(nlh));
+   size_t addrLen;
+   if (ifa->ifa_family == AF_INET) {
+      addrLen = 4;
+   } else if (ifa->ifa_family == AF_INET6) {
+      addrLen = 16;
+   } else {
+      return false;
+   }
+   if (ifa->ifa_prefixlen > addrLen * 8) return false;
+   Attrs<IFA_MAX + 1> attrs;
+   if (mnl_attr_parse(nlh, sizeof(ifaddrmsg), collect<IFA_MAX + 1>, &attrs) < 0) return false;
+   nlattr const* addrAttr = attrs.tb[IFA_LOCAL] ? attrs.tb[IFA_LOCAL] : attrs.tb[IFA_ADDRESS];
+   if (!addrAttr || mnl_attr_get_payload_len(addrAttr) != addrLen) return false;
+   AddrInfo info;
+   info.ifindex = static_cast<int>(ifa->ifa_index);
+   info.prefixLen = ifa->ifa_prefixlen;
+   info.scope = ifa->ifa_scope;
+   info.flags = ifa->ifa_flags;
+   auto const* bytes = static_cast<uint8_t const*>(mnl_attr_get_payload(addrAttr));
+   info.addr =
+       addrLen == 4 ? IpGenAddr(IpAddr::fromBytes(bytes)) : IpGenAddr(Ip6Addr::fromBytes(bytes));
+   if (!u32Attr(attrs.tb[IFA_FLAGS], &info.flags)) return false;
+   *out = info;
+   return true;
+}
+
+}  // namespace Konet

@@ -1,0 +1,44 @@
+// rtnetlink link and address messages as plain records, for dumps, notifications and the
+// kernel mirror. Parsing trusts nothing in the message beyond what mnl_cb_run already
+// checked (the header fits its datagram): a short family header, an address of the wrong
+// size or a malformed known attribute refuses the message; an attribute that overruns the
+// message ends the attributes.
+#pragma once
+
+#include <linux/netlink.h>
+
+#include <cstdint>
+#include <string>
+
+#include "konet/IpAddr.h"
+
+namespace Konet {
+
+// RTM_NEWLINK / RTM_DELLINK.
+struct LinkInfo {
+   int ifindex = 0;
+   std::string name;             // IFLA_IFNAME
+   uint32_t flags = 0;           // ifi_flags: IFF_UP, IFF_RUNNING (0x40), IFF_NOARP (0x80)...
+   uint32_t carrierChanges = 0;  // IFLA_CARRIER_CHANGES: advances when carrier comes or goes
+   uint32_t mtu = 0;             // IFLA_MTU
+   int master = 0;               // IFLA_MASTER: ifindex of the bridge or bond, 0 if none
+};
+
+// RTM_NEWADDR / RTM_DELADDR.
+struct AddrInfo {
+   int ifindex = 0;
+   IpGenAddr addr;  // IFA_LOCAL when present (the local end of a peer address), else
+                    // IFA_ADDRESS
+   uint8_t prefixLen = 0;
+   uint32_t flags = 0;  // IFA_FLAGS when present, else ifa_flags: IFA_F_SECONDARY (0x01),
+                        // IFA_F_DADFAILED (0x08), IFA_F_TENTATIVE (0x40), IFA_F_PERMANENT
+                        // (0x80)...
+   uint8_t scope = 0;
+};
+
+// False when the message is not a link message or is malformed.
+bool parseLinkMsg(nlmsghdr const* nlh, LinkInfo* out);
+// False when the message is not an IPv4/IPv6 address message or is malformed.
+bool parseAddrMsg(nlmsghdr const* nlh, AddrInfo* out);
+
+}  // namespace Konet

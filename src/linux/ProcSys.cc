@@ -1,0 +1,141 @@
+#include "linux/ProcSys.h"
+
+#include <fcntl.h>
+#include <net/if.h>
+#include <netinet/in.h>
+#include <sys/ioctl.h>
+#include <sys/socket.h>
+
+#include <cerrno>
+#include <cstring>
+
+#include "linux/Fd.h"
+#include "linux/NetNs.h"
+#include "linux/SafeName.h"
+#include "mox/Trace.h"
+
+namespace Konet {
+namespace {
+
+constexpr std::string_view kProcSysNet = "/proc/sys/net/";
+
+int checkPath(std::string_view path) {
+   char const* problem = nullptr;
+   if (!path.starts_with(kProcSysNet)) {
+      problem = "not under /proc/sys/net/";
+   } else if (path.find("..") != std::string_view::npos) {
+      problem = "contains \"..\"";
+   } else if (path.find('\0') != std::string_view::npos) {
+      problem = "contains NUL";
+   }
+   if (!problem) return 0;
+   Mox::logMessage(Mox::LogSeverity::error, "KONET_UNSAFE_NAME",
+                   "Refusing path \"" + escapedName(path) + "\": " + problem);
+   return EINVAL;
+}
+
+int writeFile(std::string const& path, std::string_view value) {
+   Fd fd(::open(path.c_str(), O_WRONLY | O_CLOEXEC));
+   if (!fd) return errno;
+   ssize_t n;
+   do {
+      n = ::write(fd.get(), value.data(), value.size());
+   } while (n < 0 && errno == EINTR);
+   if (n < 0) return errno;
+   return static_cast<size_t>(n) == value.size() ? 0 : EIO;
+}
+
+std::string trimDir(std::string_view dir) {
+   while (dir.size() > 1 && dir.back() == '/')
+      dir.remove_suffix(1);
+   return std::string(dir);
+}
+
+}  // namespace
+
+int writeProcSys(std::string_view path, std::string_view value) {
+   if (int rc = checkPath(path)) return rc;
+   std::string p(path);
+   int rc = writeFile(p, value);
+   if (rc != 0 && rc != ENOENT) {
+      Mox::logMessage(
+          Mox::LogSeverity::error, "KONET_PROC_WRITE",
+          "Failed (err: " + std::to_string(rc) + ") to write " + std::string(value) + " to " + p);
+   }
+   return rc;
+}
+
+int writeProcSysDev(std::string_view directory, std::string_view device, std::string_view setting,
+                    std::string_view value) {
+   if (int rc = checkDeviceName(device)) return rc;
+   if (int rc = checkSettingName(setting)) return rc;
+   std::string path = trimDir(directory);
+   path += '/';
+   path += device;
+   path += '/';
+   path += setting;
+   return writeProcSys(path, value);
+}
+
+int writeProcSysInNetNs(std::string_view path, std::string_view value, NamespaceName const& ns) {
+   ScopedNetNs inNs(ns, "writeProcSysInNetNs");
+   if (!inNs.ok()) return inNs.error();
+   return writeProcSys(path, value);
+}
+
+bool setIpv6ProcSysInNetNs(std::string_view device, std::string_view setting,
+                           std::string_view value, NamespaceName const& ns, bool missingDeviceOk) {
+   ScopedNetNs inNs(ns, "setIpv6ProcSysInNetNs");
+   if (!inNs.ok()) return false;
+   int rc = writeProcSysDev(V6_PROC_CONF, device, setting, value);
+   return rc == 0 || (missingDeviceOk && rc == ENOENT);
+}
+
+int readProcSys(std::string_view path, std::string* value) {
+   if (int rc = checkPath(path)) return rc;
+   Fd fd(::open(std::string(path).c_str(), O_RDONLY | O_CLOEXEC));
+   if (!fd) return errno;
+   value->clear();
+   char buf[256];
+   while (true) {
+      ssize_t n = ::read(fd.get(), buf, sizeof buf);
+      if (n < 0 && errno == EINTR) continue;
+      if (n < 0) return errno;
+      if (n == 0) break;
+      value->append(buf, static_cast<size_t>(n));
+   }
+   while (!value->empty() && value->back() == '\n')
+      value->pop_back();
+   return 0;
+}
+
+int ifconfInterfaces(std::vector<IfconfEntry>* out) {
+   out->clear();
+   Fd sock(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+   if (!sock) return errno;
+   // Ask for the size first, then fetch; retry if interfaces appeared in between.
+   std::vector<ifreq> reqs;
+   ifconf ifc{};
+   while (true) {
+      ifc.ifc_len = 0;
+      ifc.ifc_req = nullptr;
+      if (::ioctl(sock.get(), SIOCGIFCONF, &ifc) != 0) return errno;
+      reqs.resize(static_cast<size_t>(ifc.ifc_len) / sizeof(ifreq) + 1);
+      ifc.ifc_len = static_cast<int>(reqs.size() * sizeof(ifreq));
+      ifc.ifc_req = reqs.data();
+      if (::ioctl(sock.get(), SIOCGIFCONF, &ifc) != 0) return errno;
+      if (static_cast<size_t>(ifc.ifc_len) < reqs.size() * sizeof(ifreq)) break;
+   }
+   for (size_t i = 0; i < static_cast<size_t>(ifc.ifc_len) / sizeof(ifreq); ++i) {
+      ifreq const& r = reqs[i];
+      IfconfEntry e;
+      e.name.assign(r.ifr_name, strnlen(r.ifr_name, IFNAMSIZ));
+      sockaddr_in sin;
+      std::memcpy(&sin, &r.ifr_addr, sizeof sin);
+      e.addr = IpAddr(ntohl(sin.sin_addr.s_addr));
+      out->push_back(std::move(e));
+   }
+   return 0;
+}
+
+}  // namespace Konet

@@ -1,0 +1,50 @@
+// Writers and readers of kernel settings under /proc/sys/net.
+//
+// /proc/sys/net shows the network namespace of the thread that opens a file, so a write
+// "in a namespace" enters it first (ScopedNetNs). Functions return 0 or the raw errno of
+// the failure, ENOENT included (the device is gone, or not in this namespace): whether
+// that counts as success is the caller's decision. A failed write other than ENOENT logs
+// "Failed (err: <errno>) to write <value> to <path>".
+//
+// Only paths under "/proc/sys/net/" are accepted, without "..": anything else is EINVAL,
+// as are unsafe device, setting and namespace names (SafeName.h).
+#pragma once
+
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "konet/IpAddr.h"
+#include "konet/NamespaceName.h"
+
+namespace Konet {
+
+inline constexpr char V4_PROC_CONF[] = "/proc/sys/net/ipv4/conf";
+inline constexpr char V6_PROC_CONF[] = "/proc/sys/net/ipv6/conf";
+inline constexpr char V6_PROC_NEIGH[] = "/proc/sys/net/ipv6/neigh";
+
+int writeProcSys(std::string_view path, std::string_view value);
+// Writes <directory>/<device>/<setting>, e.g. (V6_PROC_CONF, "et1", "forwarding", "1").
+int writeProcSysDev(std::string_view directory, std::string_view device, std::string_view setting,
+                    std::string_view value);
+// writeProcSys inside namespace `ns`; the default name writes in the caller's namespace.
+int writeProcSysInNetNs(std::string_view path, std::string_view value, NamespaceName const& ns);
+// Writes V6_PROC_CONF/<device>/<setting> inside `ns`. True on success; with
+// `missingDeviceOk`, ENOENT (no such device in that namespace) is a success too.
+bool setIpv6ProcSysInNetNs(std::string_view device, std::string_view setting,
+                           std::string_view value, NamespaceName const& ns, bool missingDeviceOk);
+
+// The content of a /proc/sys/net file without its trailing newline.
+int readProcSys(std::string_view path, std::string* value);
+
+// An interface with an IPv4 address, as SIOCGIFCONF lists them (one entry per address
+// label: "eth0", "eth0:1").
+struct IfconfEntry {
+   std::string name;
+   IpAddr addr;
+};
+// The current namespace's interfaces that have IPv4 addresses (ioctl SIOCGIFCONF on an
+// AF_INET socket).
+int ifconfInterfaces(std::vector<IfconfEntry>* out);
+
+}  // namespace Konet
