@@ -92,6 +92,17 @@ protected:
       for (auto const& k : map.keys())
          delMember(map, k, fn);
    }
+   // Instantiating collections: the member for k, created as E(k, args...) and placed under
+   // this entity when absent.
+   template <class E, class M, class K, class N, class A, class... Args>
+   Ptr<E> instantiateMember(M& map, K const& k, AttrId attr, void (N::*fn)(A), Args&&... args) {
+      if (auto* p = map.find(k)) return *p;
+      auto e = make<E>(k, std::forward<Args>(args)...);
+      adopt(e.ptr(), attr);
+      map.emplace(k, e);
+      notify(fn, k);
+      return e;
+   }
    // Places a child created by this entity under attribute `attr`.
    void adopt(Entity* child, AttrId attr) const {
       child->parentIs(this);

@@ -214,6 +214,13 @@ private:
    size_t size_ = 0;
 };
 
+// The value of k in a map of pointers or values, or a default one when absent.
+template <class M, class K>
+auto valueOr(M const& map, K const& k) -> std::remove_cvref_t<decltype(*map.find(k))> {
+   auto const* v = map.find(k);
+   return v ? *v : std::remove_cvref_t<decltype(*map.find(k))>();
+}
+
 // A set on the same structure.
 template <class K, class Hash = std::hash<K>, class Eq = std::equal_to<K>>
 class HashSet {

@@ -1,0 +1,125 @@
+// The kernel network-information mirror of one network namespace: the kernel's interfaces
+// and the addresses on them, kept current from netlink by the platform (src/linux) and read
+// by the library through read-only table views.
+#pragma once
+
+#include <array>
+#include <cstdint>
+#include <ostream>
+#include <string>
+#include <unordered_map>
+
+#include "konet/IpAddr.h"
+#include "konet/NamespaceName.h"
+#include "mox/Entity.h"
+#include "mox/Tessera.h"
+
+namespace KernelNetInfo {
+
+// A kernel interface: its ifindex in its namespace.
+struct InterfaceKey {
+   uint32_t ifIndex = 0;
+   friend auto operator<=>(InterfaceKey, InterfaceKey) = default;
+};
+std::ostream& operator<<(std::ostream& os, InterfaceKey k);
+
+struct IpKey {
+   InterfaceKey intfKey;
+   Konet::IpGenAddr addr;
+   uint32_t prefixLen = 0;
+   friend bool operator==(IpKey const&, IpKey const&) = default;
+};
+std::ostream& operator<<(std::ostream& os, IpKey const& k);
+
+struct IpState {
+   IpKey key;
+   uint32_t flags = 0;     // the kernel's address flags (IFA_F_*)
+   bool assigned = false;  // the kernel holds the address
+   friend bool operator==(IpState const&, IpState const&) = default;
+};
+
+constexpr uint32_t kIffUp = 0x1;
+constexpr uint32_t kIffNoArp = 0x80;
+constexpr uint32_t kIffRunning = 0x40;
+
+struct Interface {
+   InterfaceKey key;
+   std::string deviceName;
+   uint32_t flags = 0;  // the Linux interface flags (IFF_*)
+   // Advances each time the running state changes, flaps between two observations included.
+   uint32_t runningStateChanges = 0;
+   uint32_t mtu = 0;
+   std::array<uint8_t, 6> mac{};
+   bool running() const { return flags & kIffRunning; }
+   friend bool operator==(Interface const&, Interface const&) = default;
+};
+
+}  // namespace KernelNetInfo
+
+template <>
+struct std::hash<KernelNetInfo::InterfaceKey> {
+   size_t operator()(KernelNetInfo::InterfaceKey k) const noexcept { return k.ifIndex; }
+};
+
+template <>
+struct std::hash<KernelNetInfo::IpKey> {
+   size_t operator()(KernelNetInfo::IpKey const& k) const noexcept {
+      return std::hash<Konet::IpGenAddr>()(k.addr) ^ (size_t(k.intfKey.ifIndex) << 8) ^ k.prefixLen;
+   }
+};
+
+namespace KernelNetInfo {
+
+// The mirror of one namespace. The writer (the platform's kernel mirror) holds it mutable;
+// everyone else holds Ptr<Status const> and sees read-only views.
+class Status : public Mox::Entity {
+public:
+   using InterfaceTable = Tessera::Table<InterfaceKey, Interface>;
+   using IpStateTable = Tessera::Table<IpKey, IpState>;
+
+   class NotifieeConst : public Mox::EntityNotifiee<Status> {};
+
+   explicit Status(Konet::NamespaceName ns);
+
+   Konet::NamespaceName const& nsName() const { return nsName_; }
+   Tessera::TesseraMap<InterfaceKey, Interface> interface() const {
+      return Tessera::TesseraMap<InterfaceKey, Interface>::readOnly(interfaces_);
+   }
+   Tessera::TesseraMap<IpKey, IpState> ipState() const {
+      return Tessera::TesseraMap<IpKey, IpState>::readOnly(ipStates_);
+   }
+   // The interface record of a key or device name; the empty Interface() when absent.
+   Interface interface(InterfaceKey k) const { return interfaces_->get(k); }
+   Interface interfaceByName(std::string const& deviceName) const;
+
+   // Writer side.
+   void interfaceIs(Interface const& rec);
+   void interfaceDel(InterfaceKey k);
+   void ipStateIs(IpState const& s) { ipStates_->set(s.key, s); }
+   void ipStateDel(IpKey const& k) { ipStates_->remove(k); }
+   Mox::Ptr<InterfaceTable> const& interfaceTable() { return interfaces_; }
+   Mox::Ptr<IpStateTable> const& ipStateTable() { return ipStates_; }
+
+private:
+   Konet::NamespaceName nsName_;
+   Mox::Ptr<InterfaceTable> interfaces_;
+   Mox::Ptr<IpStateTable> ipStates_;
+   std::unordered_map<std::string, InterfaceKey> byName_;
+};
+
+// A machine's handle on the mirror of its namespace.
+class Root : public Mox::Entity {
+public:
+   class NotifieeConst : public Mox::EntityNotifiee<Root> {};
+   explicit Root(Mox::Ptr<Status const> status) : status_(std::move(status)) {}
+   Mox::Ptr<Status const> const& status() const { return status_; }
+   Interface interface(InterfaceKey k) const { return status_->interface(k); }
+   Interface interfaceByName(std::string const& name) const {
+      return status_->interfaceByName(name);
+   }
+
+private:
+   Mox::Ptr<Status const> status_;
+};
+
+}  // namespace KernelNetInfo

@@ -1,0 +1,11 @@
+// Every platform header compiles on its own.
+#include "platform/Agent.h"
+#include "platform/Interface.h"
+#include "platform/Ip.h"
+#include "platform/Ip6.h"
+#include "platform/KernelNetInfo.h"
+#include "platform/L3.h"
+#include "platform/NetNsIntfStatusManagerRoot.h"
+#include "platform/ProxyArp.h"
+#include "platform/Routing.h"
+#include "platform/Urpf.h"
