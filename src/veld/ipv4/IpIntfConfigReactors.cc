@@ -82,7 +82,6 @@ IpIntfSm::MoxIpIntfConfig::MoxIpIntfConfig(IpIntfSm* sm,
     : Reactor(sm), intfId_(config->intf()) {
    notifierIs(config);
    attachL3Config();
-   handleInitialized();
 }
 
 void IpIntfSm::MoxIpIntfConfig::attachL3Config() {

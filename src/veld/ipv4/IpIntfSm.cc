@@ -257,7 +257,9 @@ void IpIntfSm::routedIpIntfConfigIs(Konet::IntfId const& intf,
    MOX_TRACE_FN(th, " for " << intf);
    auto const* r = routedIpIntfConfig_.find(intf);
    if (r && (*r)->config() == config) return;
-   routedIpIntfConfig_.assign(intf, Mox::make<MoxIpIntfConfig>(this, config));
+   auto reactor = Mox::make<MoxIpIntfConfig>(this, config);
+   routedIpIntfConfig_.assign(intf, reactor);
+   reactor->handleInitialized();  // once it counts among the routed interfaces
 }
 
 void IpIntfSm::routedIpIntfConfigDel(Konet::IntfId const& intf) {

@@ -239,7 +239,11 @@ int IpIntfSm::doUpdateProcConfigOpt(Konet::IntfId const& intf, IpIntfConfOptType
    if (!state.needsWrite(i, value)) return 0;
    std::string path = std::string(kProcConfDir) + dev + "/" + kOptFile[i];
    int err = kernelIo().writeProcSys(path, value);
-   if (err == ENOENT) return 0;  // a file this kernel lacks, or a device that went: done
+   if (err == ENOENT) {
+      // A file this kernel lacks, or a device that went (its return resets the record).
+      state.absentIs(i, value);
+      return 0;
+   }
    if (err) {
       MOX_TRACE(th, 3, "Failed (err: " << err << ") to write " << value << " to " << path);
       return err;
