@@ -56,7 +56,8 @@ public:
    std::vector<std::pair<std::string, int>> writesTo(std::string const& suffix) const {
       std::vector<std::pair<std::string, int>> out;
       for (auto const& [p, v, e] : writes) {
-         if (p.size() >= suffix.size() && p.compare(p.size() - suffix.size(), suffix.size(), suffix) == 0) {
+         if (p.size() >= suffix.size() &&
+             p.compare(p.size() - suffix.size(), suffix.size(), suffix) == 0) {
             out.emplace_back(v, e);
          }
       }
@@ -97,11 +98,11 @@ protected:
    }
 
    void makeSm(bool standby = false) {
-      sm = make<Veld::IpIntfSm>(
-          ipConfig, view, addrMap, manager->deviceIntfStatusDir(), kernelProto, routingInfo,
-          systemStatus, localStatus, systemL3, localL3, nullptr, nullptr, netlink_.get(),
-          allIntfStatus, manager, L3::VrfName("default"), hardware, standby, warp, wheel,
-          updateVrfReq, updateReq, urpfStat, virtualMac);
+      sm = make<Veld::IpIntfSm>(ipConfig, view, addrMap, manager->deviceIntfStatusDir(),
+                                kernelProto, routingInfo, systemStatus, localStatus, systemL3,
+                                localL3, nullptr, nullptr, netlink_.get(), allIntfStatus, manager,
+                                L3::VrfName("default"), hardware, standby, warp, wheel,
+                                updateVrfReq, updateReq, urpfStat, virtualMac);
    }
 
    // An interface on a fresh veth whose peer is up, configured for IPv4 in this VRF.
@@ -121,8 +122,9 @@ protected:
       }
       i.status = allIntfStatus->intfStatusIs(i.id);
       i.status->deviceNameIs(i.veth.name);
-      i.status->forwardingModelIs(routed ? Interface::IntfForwardingModel::intfForwardingModelRouted
-                                         : Interface::IntfForwardingModel::intfForwardingModelBridged);
+      i.status->forwardingModelIs(routed
+                                      ? Interface::IntfForwardingModel::intfForwardingModelRouted
+                                      : Interface::IntfForwardingModel::intfForwardingModelBridged);
       auto l3 = l3Config->intfConfigIs(i.id);
       l3->vrfIs("default");
       i.config = ipConfig->ipIntfConfigIs(i.id);

@@ -63,7 +63,8 @@ TEST_F(IpIntfSmKernelTest, AddressesInTheKernelAtStartAreTakenAsOursAndReconcile
    ASSERT_EQ(Konet::ipAddrAdd(sock(), e1.veth.ifindex, v4("10.1.0.1/24")), 0);
    ASSERT_EQ(Konet::ipAddrAdd(sock(), e1.veth.ifindex, v4("10.7.0.1/24")), 0);
    mirror->processEvents();
-   addrMapSm = Veld::AddrMappingSmIs(mirror->status(), addrMap = make<Veld::AddrMap>(mirror->status()));
+   addrMapSm =
+       Veld::AddrMappingSmIs(mirror->status(), addrMap = make<Veld::AddrMap>(mirror->status()));
    e1.config->addrWithMaskIs(v4("10.1.0.1/24"));
    place(e1);
    makeSm();
@@ -145,7 +146,7 @@ TEST_F(IpIntfSmKernelTest, ManagementInterfacesGetUseIcmpSrcIpAddrZeroAndEnoentI
    auto w = io.writesTo(m1.veth.name + "/use_icmp_src_ipaddr");
    ASSERT_FALSE(w.empty());
    EXPECT_EQ(w.front().first, "0");
-   EXPECT_EQ(w.front().second, ENOENT);  // the stock kernel lacks the file
+   EXPECT_EQ(w.front().second, ENOENT);                     // the stock kernel lacks the file
    EXPECT_EQ(sm->ipIntfKernelUpdateCodef(m1.id), nullptr);  // done, nothing retried
    EXPECT_EQ(sm->ipIntfKernelUpdateCodefListErrs(), 0u);
 }
