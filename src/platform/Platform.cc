@@ -4,6 +4,7 @@
 #include "platform/Ip.h"
 #include "platform/Ip6.h"
 #include "platform/KernelNetInfo.h"
+#include "platform/KernelNetNsInfoManager.h"
 #include "platform/L3.h"
 #include "platform/NetNsIntfStatusManagerRoot.h"
 #include "platform/ProxyArp.h"

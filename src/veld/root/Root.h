@@ -1,0 +1,230 @@
+// The agent root: the library's boundary for the default VRF.
+//
+// The agent obtains one Root from rootFactory() and calls its creation operations (xIs),
+// each of which builds one owned child from the inputs passed in; xDel() releases it. The
+// root watches nothing itself. Once, when it is made, it opens the agent's netlink socket in
+// the default namespace and writes that namespace's kernel knobs (setupProcSysNet); its
+// only state is `initialized`, false until that is done.
+//
+// Create-or-update: calling xIs for a child that exists returns it, after pushing the
+// standby flag into it where the operation has one; a constructor parameter that differs
+// from the child's is a name-in-use error.
+#pragma once
+
+#include "konet/NamespaceName.h"
+#include "linux/Fd.h"
+#include "mox/Bolt.h"
+#include "mox/Clock.h"
+#include "mox/Dir.h"
+#include "mox/Name.h"
+#include "mox/StateMachine.h"
+#include "platform/Agent.h"
+#include "platform/Interface.h"
+#include "platform/Ip.h"
+#include "platform/Ip6.h"
+#include "platform/KernelNetInfo.h"
+#include "platform/KernelNetNsInfoManager.h"
+#include "platform/L3.h"
+#include "platform/NetNsIntfStatusManagerRoot.h"
+#include "platform/Urpf.h"
+#include "veld/addr/AddrMap.h"
+#include "veld/addr/AddrMappingSm.h"
+#include "veld/config/VrfIp6IntfConfig.h"
+#include "veld/config/VrfIp6IntfConfigSm.h"
+#include "veld/config/VrfIpIntfConfig.h"
+#include "veld/config/VrfIpIntfConfigSm.h"
+#include "veld/redundancy/SsoConfig.h"
+#include "veld/redundancy/WarpSm.h"
+#include "veld/redundancy/WarpState.h"
+#include "veld/vrf/AllVrfSm.h"
+#include "veld/vrf/CleanupLoopbackIntfSm.h"
+#include "veld/vrf/LoopbackIntfSm.h"
+
+namespace Veld {
+
+// Switches ICMP rate limiting off and raises the IGMP membership limit to 65535 in `ns`
+// (the default namespace: the caller's own), entering it for the call if needed. Returns 0
+// or the errno of the first failure, which is logged.
+int setupProcSysNet(Konet::NamespaceName const& ns);
+
+class Root : public Mox::StateMachine {
+public:
+   // Where the entities placed under the root sit.
+   static constexpr Mox::AttrId kAddrMap = 2;
+   static constexpr Mox::AttrId kKernelNetNsInfoRoot = 11;
+   static constexpr Mox::AttrId kWarpState = 16;
+
+   explicit Root(Mox::Name name);
+   ~Root() override;
+
+   Mox::Name const& name() const { return name_; }
+   void handleInitialized();
+
+   // ---- inputs and values
+   Mox::Ptr<KernelNetInfo::Status const> const& kniStatus() const { return kniStatus_; }
+   void kniStatusIs(Mox::Ptr<KernelNetInfo::Status const> const& kniStatus);
+   // The agent's netlink socket in the default namespace; 0 while there is none.
+   uint32_t netlinkSocket() const { return netlinkSocket_; }
+   void netlinkSocketIs(uint32_t netlinkSocket);
+   Mox::Ptr<Bolt::TaskScheduler> const& scheduler() const { return scheduler_; }
+   void schedulerIs(Mox::Ptr<Bolt::TaskScheduler> const& scheduler);
+
+   // ---- shared entities
+   Mox::Ptr<WarpState> const& warpState() const { return warpState_; }
+   Mox::Ptr<WarpState> warpStateIs(Mox::Name const& name);
+   void warpStateDel();
+
+   Mox::Ptr<KernelNetNsInfo::Root> const& kernelNetNsInfoRoot() const {
+      return kernelNetNsInfoRoot_;
+   }
+   Mox::Ptr<KernelNetNsInfo::Root> kernelNetNsInfoRootIs(Mox::Name const& name);
+   void kernelNetNsInfoRootDel();
+
+   Mox::Ptr<AddrMap> const& addrMap() const { return addrMap_; }
+   Mox::Ptr<AddrMap> addrMapIs(Mox::Ptr<KernelNetInfo::Status const> const& kniStatus);
+   void addrMapDel();
+
+   Mox::Ptr<VrfIpIntfConfigDir> const& vrfIpIntfConfigDir() const { return vrfIpIntfConfigDir_; }
+   Mox::Ptr<VrfIpIntfConfigDir> vrfIpIntfConfigDirIs();
+   void vrfIpIntfConfigDirDel();
+
+   Mox::Ptr<VrfIp6IntfConfigDir> const& vrfIp6IntfConfigDir() const { return vrfIp6IntfConfigDir_; }
+   Mox::Ptr<VrfIp6IntfConfigDir> vrfIp6IntfConfigDirIs();
+   void vrfIp6IntfConfigDirDel();
+
+   Mox::Ptr<Urpf::UrpfOnAllIntfStat> const& urpfOnAllIntfStat() const { return urpfOnAllIntfStat_; }
+   Mox::Ptr<Urpf::UrpfOnAllIntfStat> urpfOnAllIntfStatIs();
+   void urpfOnAllIntfStatDel();
+
+   Mox::Ptr<Urpf::UrpfOnAllIntfStat> const& urpfOnAllIntfStat6() const {
+      return urpfOnAllIntfStat6_;
+   }
+   Mox::Ptr<Urpf::UrpfOnAllIntfStat> urpfOnAllIntfStat6Is();
+   void urpfOnAllIntfStat6Del();
+
+   // ---- machines that feed them
+   Mox::Ptr<AddrMappingSm> const& addrMapSm() const { return addrMapSm_; }
+   Mox::Ptr<AddrMappingSm> addrMapSmIs(Mox::Ptr<KernelNetInfo::Status const> const& kniStatus,
+                                       Mox::Ptr<AddrMap> const& addrMap);
+   void addrMapSmDel();
+
+   Mox::Ptr<VrfIpIntfConfigSm> const& vrfIpIntfConfigSm() const { return vrfIpIntfConfigSm_; }
+   Mox::Ptr<VrfIpIntfConfigSm> vrfIpIntfConfigSmIs(
+       Mox::Ptr<Ip::Config const> const& ipConfig,
+       Mox::Ptr<VrfIpIntfConfigDir> const& vrfIpIntfConfigDir);
+   void vrfIpIntfConfigSmDel();
+
+   Mox::Ptr<VrfIp6IntfConfigSm> const& vrfIp6IntfConfigSm() const { return vrfIp6IntfConfigSm_; }
+   Mox::Ptr<VrfIp6IntfConfigSm> vrfIp6IntfConfigSmIs(
+       Mox::Ptr<Ip6::Config const> const& ip6Config,
+       Mox::Ptr<VrfIp6IntfConfigDir> const& vrfIp6IntfConfigDir);
+   void vrfIp6IntfConfigSmDel();
+
+   Mox::Ptr<KernelNetNsInfo::Manager> const& kernelNetNsInfoManager() const {
+      return kernelNetNsInfoManager_;
+   }
+   Mox::Ptr<KernelNetNsInfo::Manager> kernelNetNsInfoManagerIs(
+       Mox::Ptr<KernelNetNsInfo::Root> const& kernelNetNsInfoRoot);
+   void kernelNetNsInfoManagerDel();
+
+   // includeLocal: the manager also places the local interfaces (AllIntfStatusLocalDir).
+   Mox::Ptr<Interface::NetNsIntfStatusManagerRoot> const& intfStatusManagerRoot() const {
+      return intfStatusManagerRoot_;
+   }
+   Mox::Ptr<Interface::NetNsIntfStatusManagerRoot> intfStatusManagerRootIs(
+       Mox::Ptr<Interface::AllIntfStatusDir const> const& allIntfStatusDir,
+       Mox::Ptr<Interface::AllIntfStatusLocalDir const> const& allIntfStatusLocalDir,
+       bool includeLocal);
+   void intfStatusManagerRootDel();
+
+   Mox::Ptr<Interface::NetNsIntfStatusManagerRoot> const& netNsIntfStatusManagerRoot() const {
+      return netNsIntfStatusManagerRoot_;
+   }
+   Mox::Ptr<Interface::NetNsIntfStatusManagerRoot> netNsIntfStatusManagerRootIs(
+       Mox::Ptr<Interface::AllIntfStatusDir const> const& allIntfStatusDir,
+       Mox::Ptr<Interface::AllIntfStatusLocalDir const> const& allIntfStatusLocalDir,
+       bool includeLocal);
+   void netNsIntfStatusManagerRootDel();
+
+   // ---- machines that use them
+   Mox::Ptr<LoopbackIntfSm> const& loopbackIntfSm() const { return loopbackIntfSm_; }
+   Mox::Ptr<LoopbackIntfSm> loopbackIntfSmIs(
+       Mox::Ptr<Interface::LoopbackIntfConfigDir const> const& loopbackIntfConfigDir,
+       Mox::Ptr<Interface::AllIntfNamespaceConfigDir const> const& allIntfNamespaceConfigDir,
+       Mox::Ptr<Interface::LoopbackIntfStatusDir> const& loopbackIntfStatusDir,
+       Mox::Ptr<Interface::LoopbackIntfStatusLocalDir> const& loopbackIntfStatusLocalDir,
+       bool standbyMode, Mox::Ptr<Mox::Clock const> const& clock,
+       Mox::Ptr<Interface::IntfStatusPtrDir> const& intfStatusPtrDir);
+   void loopbackIntfSmDel();
+
+   Mox::Ptr<CleanupLoopbackIntfSm> const& cleanupLoopbackIntfSm() const {
+      return cleanupLoopbackIntfSm_;
+   }
+   Mox::Ptr<CleanupLoopbackIntfSm> cleanupLoopbackIntfSmIs(
+       Mox::Ptr<KernelNetInfo::Status const> const& kniStatus,
+       Mox::Ptr<Interface::LoopbackIntfConfigDir const> const& loopbackIntfConfigDir,
+       Konet::NamespaceName const& ns);
+   void cleanupLoopbackIntfSmDel();
+
+   Mox::Ptr<AllVrfSm> const& allVrfSm() const { return allVrfSm_; }
+   Mox::Ptr<AllVrfSm> allVrfSmIs(
+       Mox::Ptr<Ip::AllVrfConfig const> const& allVrfConfig,
+       Mox::Ptr<Ip::AllVrfStatusGlobal> const& allVrfStatusGlobal,
+       Mox::Ptr<Ip::AllVrfStatusLocal> const& allVrfStatusLocal,
+       Mox::Ptr<Interface::AllIntfStatusLocalDir> const& allIntfStatusLocalDir,
+       Mox::Ptr<Konet::NamespaceStatusLocalDir> const& namespaceStatusLocalDir,
+       Mox::Ptr<L3::Intf::ConfigDir const> const& l3IntfConfigDir,
+       Mox::Ptr<Ip::VrfCapability const> const& vrfCapability,
+       Mox::Ptr<VrfTypes::MultiAgentVrfProtoConfig const> const& multiAgentVrfProtoConfig,
+       bool standbyMode, Mox::Ptr<SsoConfig const> const& ssoConfig,
+       Mox::Ptr<StagesHelper> const& stagesHelper,
+       Mox::Ptr<Agent::StartupModeStatus const> const& startupModeStatus,
+       Mox::Ptr<Mox::Dir> const& mountDir1, Mox::Ptr<Mox::Dir> const& mountDir2,
+       Mox::Ptr<Mox::Dir const> const& mountDir3, Mox::Ptr<Mox::Dir> const& mountDir4,
+       Mox::Ptr<Mox::Dir> const& mountDir5, Mox::Ptr<Mox::Dir> const& mountDir6,
+       Mox::Ptr<Mox::Dir> const& mountDir7, Mox::Ptr<Mox::Dir const> const& mountDir8,
+       Mox::Ptr<Mox::Dir const> const& mountDir9, Mox::Ptr<Mox::Dir const> const& mountDir10,
+       Mox::Ptr<Mox::Dir const> const& mountDir11,
+       Mox::Ptr<Vrf::VrfIdMap::Status> const& vrfIdMapStatus,
+       Mox::Ptr<Vrf::VrfIdMap::NameToIdMapWrapper> const& vrfNameToIdMap,
+       Mox::Ptr<L3::Config const> const& l3Config, Mox::Ptr<Bolt::TaskScheduler> const& scheduler);
+   void allVrfSmDel();
+
+   Mox::Ptr<WarpSm> const& warpSm() const { return warpSm_; }
+   Mox::Ptr<WarpSm> warpSmIs(
+       Mox::Ptr<Ip::Config const> const& ipConfig, Mox::Ptr<Ip::Status const> const& ipStatus,
+       Mox::Ptr<Ip6::Config const> const& ip6Config, Mox::Ptr<Ip6::Status const> const& ip6Status,
+       Mox::Ptr<Interface::AllIntfStatusDir const> const& allIntfStatusDir,
+       Mox::Ptr<Ip::AllVrfStatusGlobal const> const& allVrfStatusGlobal,
+       Mox::Ptr<AgentConfig> const& agentConfig, Mox::Ptr<StagesHelper> const& stagesHelper,
+       Mox::Ptr<WarpState> const& warpState, Mox::Ptr<Mox::Clock const> const& clock);
+   void warpSmDel();
+
+private:
+   Mox::Name const name_;
+   Mox::Ptr<KernelNetInfo::Status const> kniStatus_;
+   Mox::Ptr<AddrMap> addrMap_;
+   Mox::Ptr<AddrMappingSm> addrMapSm_;
+   Mox::Ptr<LoopbackIntfSm> loopbackIntfSm_;
+   Mox::Ptr<CleanupLoopbackIntfSm> cleanupLoopbackIntfSm_;
+   Mox::Ptr<KernelNetNsInfo::Root> kernelNetNsInfoRoot_;
+   Mox::Ptr<KernelNetNsInfo::Manager> kernelNetNsInfoManager_;
+   Mox::Ptr<AllVrfSm> allVrfSm_;
+   Mox::Ptr<WarpSm> warpSm_;
+   uint32_t netlinkSocket_ = 0;
+   Konet::Fd ownSocket_;  // the socket this root opened, closed with it
+   Mox::Ptr<WarpState> warpState_;
+   Mox::Ptr<VrfIpIntfConfigDir> vrfIpIntfConfigDir_;
+   Mox::Ptr<VrfIpIntfConfigSm> vrfIpIntfConfigSm_;
+   Mox::Ptr<VrfIp6IntfConfigDir> vrfIp6IntfConfigDir_;
+   Mox::Ptr<VrfIp6IntfConfigSm> vrfIp6IntfConfigSm_;
+   Mox::Ptr<Urpf::UrpfOnAllIntfStat> urpfOnAllIntfStat_;
+   Mox::Ptr<Urpf::UrpfOnAllIntfStat> urpfOnAllIntfStat6_;
+   Mox::Ptr<Bolt::TaskScheduler> scheduler_;
+   Mox::Ptr<Interface::NetNsIntfStatusManagerRoot> intfStatusManagerRoot_;
+   Mox::Ptr<Interface::NetNsIntfStatusManagerRoot> netNsIntfStatusManagerRoot_;
+};
+
+Mox::Ptr<Root> rootFactory(Mox::Name name = Mox::Name("veld"));
+
+}  // namespace Veld

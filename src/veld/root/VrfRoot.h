@@ -1,0 +1,145 @@
+// The root of one non-default VRF: inside the VRF's network namespace it does what the agent
+// root does for the default one, and owns the VRF's machines.
+//
+// Watches the VRF's IPv6 routing configuration (routing6InfoConfig.routing) and writes the
+// namespace's "/proc/sys/net/ipv6/conf/all/forwarding" from it. On initialisation it finds
+// the VRF's namespace in its local status, mounts the namespace's kernel mirror
+// ("kni/ns/<ns>/status"), opens a netlink socket in the namespace, writes the namespace's
+// knobs (setupProcSysNet), makes the kernel interface directory, the address map and its
+// seeder, registers the namespace with the interface-status manager root and makes the
+// loopback clean-up machine.
+//
+// States: uninitialised (the VRF has no global or local status yet, no namespace, or its
+// kernel mirror is not published) -> initialised. handleDelete, run when VrfRootSm lets the
+// root go, unregisters the namespace and releases the VRF's machines.
+#pragma once
+
+#include "konet/NamespaceName.h"
+#include "konet/VrfName.h"
+#include "linux/Fd.h"
+#include "mox/Bolt.h"
+#include "mox/Larder.h"
+#include "mox/StateMachine.h"
+#include "mox/Tessera.h"
+#include "platform/Interface.h"
+#include "platform/Ip.h"
+#include "platform/Ip6.h"
+#include "platform/KernelNetInfo.h"
+#include "platform/L3.h"
+#include "platform/NetNsIntfStatusManagerRoot.h"
+#include "platform/ProxyArp.h"
+#include "platform/Routing.h"
+#include "platform/Urpf.h"
+#include "veld/addr/AddrMap.h"
+#include "veld/addr/AddrMappingSm.h"
+#include "veld/config/VrfIp6IntfConfig.h"
+#include "veld/config/VrfIpIntfConfig.h"
+#include "veld/redundancy/WarpState.h"
+#include "veld/vrf/CleanupLoopbackIntfSm.h"
+
+namespace Veld {
+
+class VrfRoot : public Mox::StateMachine {
+public:
+   // The constructor parameters. The VRF's own are vrfIpIntfConfig, vrfIp6IntfConfig,
+   // routingInfoConfig and routing6InfoConfig; the others are the same for every VRF.
+   struct Inputs {
+      Mox::Ptr<Ip::Config> ipConfig;
+      Mox::Ptr<VrfIpIntfConfig const> vrfIpIntfConfig;
+      Mox::Ptr<VrfIp6IntfConfig const> vrfIp6IntfConfig;
+      Mox::Ptr<Ip::Input::Status> systemIntfIpStatus;
+      Mox::Ptr<Ip::Input::Status> localIntfIpStatus;
+      Mox::Ptr<L3::Intf::Input::StatusDir> systemL3IntfStatus;
+      Mox::Ptr<L3::Intf::Input::StatusDir> localL3IntfStatus;
+      Mox::Ptr<Routing::InfoConfig const> routingInfoConfig;
+      Mox::Ptr<Routing::Hardware::Status const> routingHardwareStatus;
+      Mox::Ptr<Routing::KernelProtoConfig const> kernelProtoConfig;
+      Mox::Ptr<Ip::AllVrfStatusGlobal> allVrfStatusGlobal;
+      Mox::Ptr<Ip::AllVrfStatusLocal const> allVrfStatusLocal;
+      Mox::Ptr<Interface::AllIntfStatusDir> allIntfStatusDir;
+      Mox::Ptr<Interface::AllIntfStatusLocalDir> allIntfStatusLocalDir;
+      Mox::Ptr<Ip6::Config> ip6Config;
+      Mox::Ptr<Ip6::Status> ip6Status;
+      Mox::Ptr<Routing6::InfoConfig const> routing6InfoConfig;
+      Mox::Ptr<Ip6::Input::Status> systemIntfIp6Status;
+      Mox::Ptr<Ip6::Input::Status> localIntfIp6Status;
+      Mox::Ptr<Ip6::MulticastGroupsForApplications> ip6MulticastGroupsVeld;
+      Mox::Ptr<L3::UpdateIpIntfStatusVrfRequests> updateIpIntfStatusVrfReq;
+      Mox::Ptr<L3::UpdateIpIntfStatusVrfRequests> updateIp6IntfStatusVrfReq;
+      Mox::Ptr<L3::UpdateIpIntfStatusRequests> updateIpIntfStatusReq;
+      Mox::Ptr<L3::UpdateIpIntfStatusRequests> updateIp6IntfStatusReq;
+      Mox::Ptr<WarpState> warpState;
+      Mox::Ptr<Larder::EntityManager> entityMgr;
+      Mox::Ptr<Bolt::TimerWheel const> timerWheel;
+      Mox::Ptr<Urpf::UrpfOnAllIntfStat> urpfOnAllIntfStat;
+      Mox::Ptr<Urpf::UrpfOnAllIntfStat> urpfOnAllIntfStat6;
+      Mox::Ptr<Ip6::Ip6Enable const> ip6EnableOverride;
+      Mox::Ptr<Interface::NetNsIntfStatusManagerRoot> intfStatusManagerRoot;
+      Mox::Ptr<ProxyArp::VirtualMacStatus const> proxyArpVirtualMac;
+   };
+
+   VrfRoot(L3::VrfName vrfName, Inputs inputs, bool standbyMode);
+   ~VrfRoot() override;
+
+   L3::VrfName const& vrfName() const { return vrfName_; }
+   Inputs const& inputs() const { return inputs_; }
+   // The create-or-update rule: an existing root is kept only for the same parameters.
+   static void checkCtorParams(Inputs const& current, Inputs const& passed);
+
+   bool standbyMode() const { return standbyMode_; }
+   void standbyModeIs(bool standbyMode);
+
+   // ---- owned state
+   Konet::NamespaceName const& ns() const { return ns_; }
+   void nsIs(Konet::NamespaceName const& ns);
+   Mox::Ptr<KernelNetInfo::Status const> const& kniStatus() const { return kniStatus_; }
+   void kniStatusIs(Mox::Ptr<KernelNetInfo::Status const> const& kniStatus);
+   // The VRF's netlink socket, in its namespace; -1 while there is none.
+   int netlinkSocket() const { return netlinkSocket_; }
+   void netlinkSocketIs(int netlinkSocket);
+
+   Mox::Ptr<Interface::DeviceIntfStatusDir> const& kernelIntfDir() const { return kernelIntfDir_; }
+   Mox::Ptr<Interface::DeviceIntfStatusDir> kernelIntfDirIs();
+   void kernelIntfDirDel();
+
+   Mox::Ptr<AddrMap> const& addrMap() const { return addrMap_; }
+   Mox::Ptr<AddrMap> addrMapIs(Mox::Ptr<KernelNetInfo::Status const> const& kniStatus);
+   void addrMapDel();
+
+   Mox::Ptr<AddrMappingSm> const& addrMapSm() const { return addrMapSm_; }
+   Mox::Ptr<AddrMappingSm> addrMapSmIs(Mox::Ptr<KernelNetInfo::Status const> const& kniStatus,
+                                       Mox::Ptr<AddrMap> const& addrMap);
+   void addrMapSmDel();
+
+   Mox::Ptr<CleanupLoopbackIntfSm> const& cleanupLoopbackIntfSm() const {
+      return cleanupLoopbackIntfSm_;
+   }
+   Mox::Ptr<CleanupLoopbackIntfSm> cleanupLoopbackIntfSmIs(
+       Mox::Ptr<KernelNetInfo::Status const> const& kniStatus,
+       Mox::Ptr<Interface::LoopbackIntfConfigDir const> const& loopbackIntfConfigDir,
+       Konet::NamespaceName const& ns);
+   void cleanupLoopbackIntfSmDel();
+
+   void handleInitialized();
+   void handleDelete();
+   void handleIp6Routing();
+
+private:
+   class MoxRouting6InfoConfig;
+
+   L3::VrfName const vrfName_;
+   Inputs const inputs_;
+   bool standbyMode_;
+   Konet::NamespaceName ns_;
+   Mox::Ptr<KernelNetInfo::Status const> kniStatus_;
+   Mox::Ptr<MoxTessera::Mount> kniMount_;
+   int netlinkSocket_ = -1;
+   Konet::Fd ownSocket_;  // the socket this root opened, closed with it
+   Mox::Ptr<Interface::DeviceIntfStatusDir> kernelIntfDir_;
+   Mox::Ptr<AddrMap> addrMap_;
+   Mox::Ptr<AddrMappingSm> addrMapSm_;
+   Mox::Ptr<CleanupLoopbackIntfSm> cleanupLoopbackIntfSm_;
+   Mox::Ptr<MoxRouting6InfoConfig> moxRouting6InfoConfig_;
+};
+
+}  // namespace Veld
