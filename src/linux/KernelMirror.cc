@@ -68,6 +68,7 @@ void KernelMirror::applyLink(LinkInfo const& link) {
    rec.flags = link.flags;
    rec.runningStateChanges = s.runningStateChanges;
    rec.mtu = link.mtu;
+   rec.mac = link.mac;
    status_->interfaceIs(rec);
 }
 

@@ -62,6 +62,10 @@ bool parseLinkMsg(nlmsghdr const* nlh, LinkInfo* out) {
       return false;
    }
    link.master = static_cast<int>(master);
+   // An Ethernet address is 6 bytes; other link layers (none, IP tunnels) are left zero.
+   if (auto* addr = attrs.tb[IFLA_ADDRESS]; addr && mnl_attr_get_payload_len(addr) == 6) {
+      std::memcpy(link.mac.data(), mnl_attr_get_payload(addr), 6);
+   }
    *out = std::move(link);
    return true;
 }

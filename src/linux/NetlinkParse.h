@@ -7,6 +7,7 @@
 
 #include <linux/netlink.h>
 
+#include <array>
 #include <cstdint>
 #include <string>
 
@@ -22,6 +23,7 @@ struct LinkInfo {
    uint32_t carrierChanges = 0;  // IFLA_CARRIER_CHANGES: advances when carrier comes or goes
    uint32_t mtu = 0;             // IFLA_MTU
    int master = 0;               // IFLA_MASTER: ifindex of the bridge or bond, 0 if none
+   std::array<uint8_t, 6> mac{};  // IFLA_ADDRESS of an Ethernet device, else zero
 };
 
 // RTM_NEWADDR / RTM_DELADDR.

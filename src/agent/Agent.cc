@@ -1,0 +1,231 @@
+#include "agent/Agent.h"
+
+#include <signal.h>
+#include <sys/epoll.h>
+#include <sys/inotify.h>
+#include <sys/signalfd.h>
+#include <sys/stat.h>
+
+#include <cstring>
+#include <fstream>
+
+#include "mox/Trace.h"
+#include "veld/ipv4/IpIntfStatusSm.h"
+#include "veld/ipv4/L3IntfStatusSm.h"
+
+namespace VeldAgent {
+
+namespace {
+Mox::TraceHandle th("VeldAgent");
+constexpr double kReloadSettle = 0.1;  // editors write a file in several steps
+}  // namespace
+
+Agent::Agent(AgentOptions options)
+    : options_(std::move(options)), mirrors_(loop_, e_.larder) {}
+
+Agent::~Agent() {
+   // The machines go before the helpers whose entities they watch; the kernel stays.
+   ipIntfVrfReactor_ = nullptr;
+   vrfRootSm_ = nullptr;
+   ipIntfStatusSm_ = nullptr;
+   l3IntfStatusSm_ = nullptr;
+   ipIntfSm_ = nullptr;
+   root_ = nullptr;
+   mover_.reset();
+   control_.reset();
+   if (signals_) loop_.remove(signals_.get());
+   if (inotify_) loop_.remove(inotify_.get());
+}
+
+int Agent::start(Configuration const& config) {
+   MOX_TRACE_FN0(th);
+   if (int err = mirrors_.mirrorIs(Konet::NamespaceName::defaultNamespace())) {
+      Mox::logMessage(Mox::LogSeverity::error, "VELD-START",
+                      std::string("cannot mirror the kernel: ") + std::strerror(err));
+      return err;
+   }
+   vrfs_ = std::make_unique<VrfNamespaces>(e_, mirrors_, options_.nsPrefix);
+   intfs_ = std::make_unique<IntfStatusPublisher>(e_, mirrors_);
+   writer_ = std::make_unique<ConfigWriter>(e_, *vrfs_, *intfs_);
+   writer_->apply(config);
+   vrfs_->runPending();  // the VRFs' namespaces and statuses before the machines
+   buildLibrary();
+   mover_ = std::make_unique<IntfNamespaceMover>(e_, mirrors_);
+   return 0;
+}
+
+void Agent::buildLibrary() {
+   MOX_TRACE_FN0(th);
+   auto const defaultNs = Konet::NamespaceName::defaultNamespace();
+   auto const defaultVrf = L3::VrfName::defaultVrf();
+   Mox::Ptr<KernelNetInfo::Status const> kni = mirrors_.mirror(defaultNs)->status();
+
+   root_ = Veld::rootFactory();
+   root_->schedulerIs(e_.scheduler);
+   root_->kniStatusIs(kni);
+
+   auto warp = root_->warpStateIs("veld");
+   auto netNsInfo = root_->kernelNetNsInfoRootIs("veld");
+   auto addrMap = root_->addrMapIs(kni);
+   auto vrfIpDir = root_->vrfIpIntfConfigDirIs();
+   auto vrfIp6Dir = root_->vrfIp6IntfConfigDirIs();
+   auto urpf = root_->urpfOnAllIntfStatIs();
+   auto urpf6 = root_->urpfOnAllIntfStat6Is();
+
+   root_->addrMapSmIs(kni, addrMap);
+   root_->vrfIpIntfConfigSmIs(e_.ipConfig, vrfIpDir);
+   root_->vrfIp6IntfConfigSmIs(e_.ip6Config, vrfIp6Dir);
+   root_->kernelNetNsInfoManagerIs(netNsInfo);
+   auto managers = root_->intfStatusManagerRootIs(e_.allIntfStatus, e_.allIntfStatusLocal, false);
+   root_->netNsIntfStatusManagerRootIs(e_.allIntfStatus, e_.allIntfStatusLocal, true);
+
+   // The default VRF is the root's: its views of the interface configuration are made here,
+   // the other VRFs' by their VRF roots.
+   auto defaultView = vrfIpDir->vrfIpIntfConfigIs(defaultVrf);
+   vrfIp6Dir->vrfIpIntfConfigIs(defaultVrf);
+   auto kniMgr = managers->intfStatusManagerIs(defaultNs);
+   ipIntfSm_ = Mox::make<Veld::IpIntfSm>(
+       e_.ipConfig, defaultView, addrMap, kniMgr->deviceIntfStatusDir(), e_.kernelProto,
+       e_.routingVrfConfig->vrfConfig(defaultVrf), e_.systemIpStatus, e_.localIpStatus,
+       e_.systemL3Status, e_.localL3Status, e_.ip6Status, e_.vrfStatusLocal,
+       static_cast<int>(root_->netlinkSocket()), e_.allIntfStatus, kniMgr, defaultVrf,
+       e_.routingHardware, false, warp, e_.timerWheel, e_.updateIpVrfRequests,
+       e_.updateIpRequests, urpf, e_.virtualMac);
+   ipIntfStatusSm_ = Mox::make<Veld::IpIntfStatusSm>(e_.ipInputStatus, e_.ipConfig, e_.ipStatus);
+   l3IntfStatusSm_ = Mox::make<Veld::L3IntfStatusSm>(e_.l3InputStatus, e_.l3Status);
+   root_->loopbackIntfSmIs(e_.loopbackConfig, e_.intfNamespaceConfig, e_.loopbackStatus,
+                           e_.loopbackStatusLocal, false, e_.clock, e_.intfStatusPtrDir);
+   root_->cleanupLoopbackIntfSmIs(kni, e_.loopbackConfig, defaultNs);
+   root_->warpSmIs(e_.ipConfig, e_.ipStatus, e_.ip6Config, e_.ip6Status, e_.allIntfStatus,
+                   e_.vrfStatusGlobal, e_.agentConfig, e_.stagesHelper, warp, e_.clock);
+
+   vrfRootSm_ = Veld::VrfRootSm::VrfRootSmIs(
+       e_.routingVrfConfig, e_.routingHardware, e_.kernelProto, e_.vrfStatusGlobal,
+       e_.vrfStatusLocal, e_.ipConfig, e_.systemIpStatus, e_.localIpStatus, e_.systemL3Status,
+       e_.localL3Status, e_.allIntfStatus, e_.allIntfStatusLocal, false, e_.ip6Config,
+       e_.ip6Status, e_.routing6VrfConfig->vrfConfig(defaultVrf), e_.routing6VrfConfig,
+       e_.systemIp6Status, e_.localIp6Status, e_.ip6MulticastGroups, e_.updateIpVrfRequests,
+       e_.updateIp6VrfRequests, e_.updateIpRequests, e_.updateIp6Requests, warp, e_.larder,
+       e_.timerWheel, vrfIpDir, vrfIp6Dir, urpf, urpf6, e_.ip6Enable, managers, e_.virtualMac);
+   ipIntfVrfReactor_ =
+       Veld::IpIntfVrfReactorIs(e_.ipConfig, e_.vrfStatusLocal, e_.intfNamespaceConfig);
+}
+
+ConfigDiff Agent::apply(Configuration const& config) {
+   auto diff = writer_->apply(config);
+   Mox::logMessage(Mox::LogSeverity::notice, "VELD-CONFIG", "configuration applied: " + diff.summary());
+   return diff;
+}
+
+bool Agent::reload() {
+   if (options_.configPath.empty()) return false;
+   auto result = loadConfigurationFile(options_.configPath);
+   if (!result.config) {
+      for (auto const& e : result.errors) {
+         Mox::logMessage(Mox::LogSeverity::error, "VELD-CONFIG",
+                         options_.configPath + ": " + e.toString());
+      }
+      Mox::logMessage(Mox::LogSeverity::error, "VELD-CONFIG",
+                      "configuration refused (" + std::to_string(result.errors.size()) +
+                          " errors); the configuration in force stays");
+      return false;
+   }
+   if (*result.config == config()) return true;
+   apply(*result.config);
+   return true;
+}
+
+// ---- veld run
+
+int Agent::serve() {
+   sigset_t set;
+   sigemptyset(&set);
+   for (int s : {SIGTERM, SIGINT, SIGHUP, SIGUSR1})
+      sigaddset(&set, s);
+   ::sigprocmask(SIG_BLOCK, &set, nullptr);
+   signals_.reset(::signalfd(-1, &set, SFD_NONBLOCK | SFD_CLOEXEC));
+   if (!signals_) return errno;
+   loop_.add(signals_.get(), EPOLLIN, [this](uint32_t) {
+      signalfd_siginfo si;
+      while (::read(signals_.get(), &si, sizeof si) == sizeof si) {
+         switch (si.ssi_signo) {
+            case SIGTERM:
+            case SIGINT:
+               Mox::logMessage(Mox::LogSeverity::notice, "VELD-STOP",
+                               "stopping; the kernel keeps its configuration");
+               loop_.stop();
+               break;
+            case SIGHUP:
+               reload();
+               break;
+            case SIGUSR1:
+               dumpRingLog();
+               break;
+         }
+      }
+   });
+   if (!options_.configPath.empty()) {
+      if (int err = watchConfig()) {
+         Mox::logMessage(Mox::LogSeverity::warning, "VELD-CONFIG",
+                         "cannot watch " + options_.configPath + " (" + std::strerror(err) +
+                             "); reload with SIGHUP");
+      }
+   }
+   if (!options_.runDir.empty()) {
+      ::mkdir(options_.runDir.c_str(), 0755);
+      control_ = std::make_unique<ControlServer>(
+          loop_, [this](std::string const& r) { return handleRequest(r); });
+      if (int err = control_->listenAt(socketPath(options_.runDir))) {
+         Mox::logMessage(Mox::LogSeverity::error, "VELD-START",
+                         "cannot listen at " + socketPath(options_.runDir) + ": " +
+                             (err == EADDRINUSE ? "another veld answers there"
+                                                : std::strerror(err)));
+         return err;
+      }
+   }
+   return 0;
+}
+
+// The directory is watched, not the file: editors replace a file by renaming a new one
+// over it, which a watch on the old file would never see.
+int Agent::watchConfig() {
+   inotify_.reset(::inotify_init1(IN_NONBLOCK | IN_CLOEXEC));
+   if (!inotify_) return errno;
+   auto slash = options_.configPath.rfind('/');
+   std::string dir = slash == std::string::npos ? "." : options_.configPath.substr(0, slash);
+   if (dir.empty()) dir = "/";
+   std::string base =
+       slash == std::string::npos ? options_.configPath : options_.configPath.substr(slash + 1);
+   if (::inotify_add_watch(inotify_.get(), dir.c_str(),
+                           IN_CLOSE_WRITE | IN_MOVED_TO | IN_CREATE | IN_DELETE) < 0) {
+      return errno;
+   }
+   reload_ = Mox::make<DeferredWork>(e_.scheduler, "ConfigReload", [this] { reload(); });
+   return loop_.add(inotify_.get(), EPOLLIN, [this, base](uint32_t) {
+      alignas(inotify_event) char buf[4096];
+      ssize_t n;
+      bool ours = false;
+      while ((n = ::read(inotify_.get(), buf, sizeof buf)) > 0) {
+         for (char* p = buf; p < buf + n;) {
+            auto* ev = reinterpret_cast<inotify_event*>(p);
+            if (ev->len && base == ev->name && !(ev->mask & IN_DELETE)) ours = true;
+            p += sizeof(inotify_event) + ev->len;
+         }
+      }
+      if (ours) reload_->scheduleTaskDelay(kReloadSettle);
+   });
+}
+
+void Agent::dumpRingLog() {
+   auto* buf = Ringlog::defaultBuf();
+   std::string text = buf ? buf->dump() : std::string("(the ring log is closed)\n");
+   if (options_.runDir.empty()) {
+      std::fputs(text.c_str(), stderr);
+      return;
+   }
+   std::string path = options_.runDir + "/ringlog.txt";
+   std::ofstream(path, std::ios::trunc) << text;
+   Mox::logMessage(Mox::LogSeverity::notice, "VELD-RINGLOG", "ring log written to " + path);
+}
+
+}  // namespace VeldAgent

@@ -1,0 +1,103 @@
+// The agent: the library's root and machines on the configuration, in the current network
+// namespace, with the platform's part done by the agent's own helpers.
+//
+// start() builds, in order: the kernel mirror of the default namespace; the configuration
+// written to the library's inputs (interfaces, VRFs); the VRF namespaces and their mirrors;
+// then the library through its root in the documented calling order (rootFactory;
+// schedulerIs, kniStatusIs; the shared entities; the machines that feed them; those that use
+// them), VrfRootSm and IpIntfVrfReactor. The address maps are seeded from the mirrors, so a
+// restarted agent starts from what the kernel holds and changes only what differs.
+//
+// serve() adds what `veld run` needs: signals (TERM and INT stop, HUP reloads, USR1 dumps the
+// ring log), the configuration file's watch and the control socket. Stopping leaves the
+// kernel as it is.
+#pragma once
+
+#include <memory>
+#include <nlohmann/json.hpp>
+#include <string>
+
+#include "agent/Config.h"
+#include "agent/ConfigDiff.h"
+#include "agent/ConfigWriter.h"
+#include "agent/ControlServer.h"
+#include "agent/Entities.h"
+#include "agent/EventLoop.h"
+#include "agent/IntfNamespaceMover.h"
+#include "agent/IntfStatusPublisher.h"
+#include "agent/KernelMirrors.h"
+#include "agent/VrfNamespaces.h"
+#include "veld/config/IpIntfVrfReactor.h"
+#include "veld/ipv4/IpIntfSm.h"
+#include "veld/root/Root.h"
+#include "veld/root/VrfRootSm.h"
+
+namespace VeldAgent {
+
+struct AgentOptions {
+   std::string configPath;          // the file reloads read ("": none)
+   std::string runDir;              // the control socket and ring-log dumps
+   std::string nsPrefix = "ns-";  // namespace names of VRFs that name none
+};
+
+class Agent {
+public:
+   explicit Agent(AgentOptions options);
+   ~Agent();
+   Agent(Agent const&) = delete;
+   Agent& operator=(Agent const&) = delete;
+
+   // 0, or an errno after logging what failed.
+   int start(Configuration const& config);
+   int serve();
+   // Until SIGTERM or SIGINT.
+   void run() { loop_.run(); }
+
+   ConfigDiff apply(Configuration const& config);
+   // Reads the configuration file again and applies it; a configuration that fails its
+   // checks is logged with its errors and refused, and the one in force stays.
+   bool reload();
+   Configuration const& config() const { return writer_->current(); }
+
+   EventLoop& loop() { return loop_; }
+   Entities& entities() { return e_; }
+   KernelMirrors& mirrors() { return mirrors_; }
+   VrfNamespaces& vrfNamespaces() { return *vrfs_; }
+
+   // Every configured address is in the kernel and published, every device in its VRF's
+   // namespace, every backlog empty.
+   bool converged() const;
+
+   nlohmann::json showInterfaces() const;
+   nlohmann::json showVrfs() const;
+   nlohmann::json showBacklog() const;
+   std::string handleRequest(std::string const& request) const;
+   static std::string socketPath(std::string const& runDir) { return runDir + "/veld.sock"; }
+
+private:
+   void buildLibrary();
+   void dumpRingLog();
+   int watchConfig();
+   // The IPv4 machines by VRF.
+   std::vector<std::pair<L3::VrfName, Mox::Ptr<Veld::IpIntfSm>>> ipIntfSms() const;
+
+   AgentOptions const options_;
+   EventLoop loop_;
+   Entities e_;
+   KernelMirrors mirrors_;
+   std::unique_ptr<VrfNamespaces> vrfs_;
+   std::unique_ptr<IntfStatusPublisher> intfs_;
+   std::unique_ptr<ConfigWriter> writer_;
+   std::unique_ptr<IntfNamespaceMover> mover_;
+   Mox::Ptr<Veld::Root> root_;
+   Mox::Ptr<Veld::IpIntfSm> ipIntfSm_;
+   Mox::Ptr<Mox::StateMachine> ipIntfStatusSm_, l3IntfStatusSm_;
+   Mox::Ptr<Veld::VrfRootSm> vrfRootSm_;
+   Mox::Ptr<Veld::IpIntfVrfReactor> ipIntfVrfReactor_;
+   std::unique_ptr<ControlServer> control_;
+   Konet::Fd signals_;
+   Konet::Fd inotify_;
+   Mox::Ptr<DeferredWork> reload_;
+};
+
+}  // namespace VeldAgent

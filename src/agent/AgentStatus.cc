@@ -1,0 +1,202 @@
+// What the agent shows: the published status next to the configuration and the kernel,
+// and whether they agree.
+#include <algorithm>
+#include <cstdio>
+
+#include "agent/Agent.h"
+
+namespace VeldAgent {
+
+using Json = nlohmann::json;
+
+namespace {
+
+std::set<Konet::IpAddrWithMask> configuredV4(InterfaceSettings const& s) {
+   std::set<Konet::IpAddrWithMask> out(s.ipv4.secondaries);
+   if (s.ipv4.address) out.insert(*s.ipv4.address);
+   if (s.ipv4.virtualAddress) out.insert(*s.ipv4.virtualAddress);
+   out.insert(s.ipv4.virtualSecondaries.begin(), s.ipv4.virtualSecondaries.end());
+   return out;
+}
+
+template <class C>
+Json addrs(C const& c) {
+   Json out = Json::array();
+   for (auto const& a : c)
+      out.push_back(a.toString());
+   return out;
+}
+
+std::string eui64Text(Interface::Eui64 const& e) {
+   char buf[32];
+   std::snprintf(buf, sizeof buf, "%02x%02x:%02x%02x:%02x%02x:%02x%02x", e[0], e[1], e[2], e[3],
+                 e[4], e[5], e[6], e[7]);
+   return buf;
+}
+
+}  // namespace
+
+std::vector<std::pair<L3::VrfName, Mox::Ptr<Veld::IpIntfSm>>> Agent::ipIntfSms() const {
+   std::vector<std::pair<L3::VrfName, Mox::Ptr<Veld::IpIntfSm>>> out;
+   if (ipIntfSm_) out.emplace_back(L3::VrfName::defaultVrf(), ipIntfSm_);
+   return out;
+}
+
+// The kernel's IPv4 addresses of each namespace, by device.
+static std::map<Konet::NamespaceName, std::map<std::string, std::set<Konet::IpAddrWithMask>>>
+kernelAddrs(KernelMirrors const& mirrors) {
+   std::map<Konet::NamespaceName, std::map<std::string, std::set<Konet::IpAddrWithMask>>> out;
+   for (auto const& ns : mirrors.namespaces()) {
+      auto* m = mirrors.mirror(ns);
+      auto& byDev = out[ns];
+      for (auto const& [index, list] : kernelIpv4ByIfindex(*m)) {
+         auto rec = m->status()->interface(KernelNetInfo::InterfaceKey{index});
+         byDev[rec.deviceName].insert(list.begin(), list.end());
+      }
+   }
+   return out;
+}
+
+bool Agent::converged() const {
+   if (!writer_ || !vrfs_->settled() || !mover_->settled() || !intfs_->settled()) return false;
+   for (auto const& [vrf, sm] : ipIntfSms()) {
+      if (sm->ipIntfKernelUpdateCodefListSize()) return false;
+   }
+   auto kernel = kernelAddrs(mirrors_);
+   for (auto const& [id, s] : config().interfaces) {
+      auto status = e_.allIntfStatus->intfStatus(id);
+      if (!status || status->deviceName().empty()) return false;
+      auto ns = vrfs_->ns(s.vrf);
+      if (!(status->netNsName() == ns) || !(mover_->desiredNs(id) == ns)) return false;
+      auto want = configuredV4(s);
+      auto const& held = kernel[ns][s.device];
+      auto ip = e_.ipStatus->intf(id);
+      if (!s.routed || !status->operUp()) {
+         if (ip && s.routed) {
+            if (ip->addrWithMask().len()) return false;
+         } else if (ip) {
+            return false;
+         }
+         for (auto const& a : want) {
+            if (held.count(a)) return false;
+         }
+         continue;
+      }
+      if (held != want || !ip) return false;
+      if (ip->addrWithMask() != s.ipv4.address.value_or(Konet::IpAddrWithMask())) return false;
+      if (ip->activeSecondaryWithMaskIterator().size() != s.ipv4.secondaries.size()) return false;
+      for (auto const& a : s.ipv4.secondaries) {
+         if (!ip->activeSecondaryWithMask(a)) return false;
+      }
+   }
+   return true;
+}
+
+Json Agent::showInterfaces() const {
+   auto kernel = kernelAddrs(mirrors_);
+   Json list = Json::array();
+   for (auto const& [id, s] : config().interfaces) {
+      Json j;
+      j["interface"] = id.name();
+      j["device"] = s.device;
+      j["vrf"] = s.vrf.name();
+      j["routed"] = s.routed;
+      auto status = e_.allIntfStatus->intfStatus(id);
+      bool present = status && !status->deviceName().empty();
+      j["deviceFound"] = present;
+      j["namespace"] = status ? status->netNsName().name() : "";
+      j["operUp"] = status && status->operUp();
+      j["mtu"] = status ? status->mtu() : 0;
+      j["eui64"] = status ? eui64Text(status->eui64()) : "";
+      Json conf;
+      conf["address"] = s.ipv4.address ? s.ipv4.address->toString() : "";
+      conf["secondaries"] = addrs(s.ipv4.secondaries);
+      conf["virtualAddress"] = s.ipv4.virtualAddress ? s.ipv4.virtualAddress->toString() : "";
+      conf["virtualSecondaries"] = addrs(s.ipv4.virtualSecondaries);
+      j["configured"] = conf;
+      if (auto ip = e_.ipStatus->intf(id)) {
+         Json st;
+         st["address"] = ip->addrWithMask().len() ? ip->addrWithMask().toString() : "";
+         std::set<Konet::IpAddrWithMask> sec, vsec;
+         for (auto const& a : ip->activeSecondaryWithMaskIterator())
+            sec.insert(a);
+         for (auto const& a : ip->activeVirtualSecondaryWithMaskIterator())
+            vsec.insert(a);
+         st["secondaries"] = addrs(sec);
+         st["virtualAddress"] =
+             ip->virtualAddrWithMask().len() ? ip->virtualAddrWithMask().toString() : "";
+         st["virtualSecondaries"] = addrs(vsec);
+         st["vrf"] = ip->vrf().name();
+         st["dpRoutingEnabled"] = ip->dpRoutingEnabled();
+         j["status"] = st;
+      } else {
+         j["status"] = nullptr;
+      }
+      Json k = Json::array();
+      if (present) k = addrs(kernel[status->netNsName()][status->deviceName()]);
+      j["kernel"] = k;
+      list.push_back(j);
+   }
+   return Json{{"interfaces", list}};
+}
+
+Json Agent::showVrfs() const {
+   Json list = Json::array();
+   for (auto const& [name, v] : config().vrfs) {
+      Json j;
+      j["vrf"] = name.name();
+      j["namespace"] = vrfs_->nsOf(name, v).name();
+      auto const* state = vrfs_->state(name);
+      j["state"] = state ? VrfNamespaces::stateName(*state) : "creating";
+      auto global = e_.vrfStatusGlobal->vrf(name);
+      j["vrfId"] = global ? global->vrfId() : 0;
+      j["ipv4Routing"] = v.ipv4Routing;
+      j["ipv6Routing"] = v.ipv6Routing;
+      size_t n = 0;
+      for (auto const& [id, s] : config().interfaces)
+         n += s.vrf == name;
+      j["interfaces"] = n;
+      j["root"] = name.isDefault() || (vrfRootSm_ && vrfRootSm_->vrfRoot(name));
+      list.push_back(j);
+   }
+   return Json{{"vrfs", list}};
+}
+
+Json Agent::showBacklog() const {
+   Json list = Json::array();
+   auto warp = root_ ? root_->warpState() : nullptr;
+   for (auto const& [vrf, sm] : ipIntfSms()) {
+      Json j;
+      j["vrf"] = vrf.name();
+      j["machine"] = "ipIntfSm";
+      j["pending"] = sm->ipIntfKernelUpdateCodefListSize();
+      j["runs"] = sm->ipIntfKernelUpdateCodefListProcessed();
+      j["itemsProcessed"] = sm->ipIntfKernelUpdateCodefListItemsProcessed();
+      j["errors"] = sm->ipIntfKernelUpdateCodefListErrs();
+      j["empty"] = warp ? warp->backlogEmpty(sm->warpKey()) : sm->ipIntfKernelUpdateCodefListSize() == 0;
+      list.push_back(j);
+   }
+   Json missing = Json::array();
+   for (auto const& id : intfs_->missingDevices())
+      missing.push_back(id.name());
+   return Json{{"backlog", list},
+               {"missingDevices", missing},
+               {"deviceMoves", mover_ ? mover_->moves() : 0},
+               {"converged", converged()}};
+}
+
+std::string Agent::handleRequest(std::string const& request) const {
+   Json out;
+   if (request == "show interfaces") {
+      out = showInterfaces();
+   } else if (request == "show vrfs") {
+      out = showVrfs();
+   } else if (request == "show backlog") {
+      out = showBacklog();
+   } else {
+      out = Json{{"error", "unknown request (show interfaces|vrfs|backlog)"}};
+   }
+   return out.dump(1) + "\n";
+}
+
+}  // namespace VeldAgent

@@ -1,0 +1,111 @@
+// The agent's configuration: one JSON document, checked in full before any of it is used.
+//
+// A Configuration is plain values. It reaches the library only through ConfigWriter, which
+// writes the library's input entities; nothing else reads the file. Loading refuses the
+// whole document on the first class of problem it finds in each place and reports every
+// place, each with its JSON pointer (RFC 6901: "/interfaces/Ethernet3~11/ipv4/address").
+//
+// Settings that later work wires (IPv6, DHCP, unnumbered) are validated and kept here, but
+// not written to the library yet.
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <optional>
+#include <set>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "konet/IntfId.h"
+#include "konet/IpPrefix.h"
+#include "konet/VrfName.h"
+#include "platform/Ip.h"
+#include "platform/Urpf.h"
+
+namespace VeldAgent {
+
+struct RoutingSettings {
+   bool tcpReset = true;        // the kernel answers closed TCP ports with a reset
+   bool udpUnreachable = true;  // ... and closed UDP ports with ICMP port unreachable
+   bool sendRedirects = false;  // ICMP redirects, everywhere
+   friend bool operator==(RoutingSettings const&, RoutingSettings const&) = default;
+};
+
+struct VrfSettings {
+   bool ipv4Routing = true;
+   bool ipv6Routing = false;
+   // The VRF's network namespace; empty: the agent's default name for the VRF.
+   std::string netNs;
+   friend bool operator==(VrfSettings const&, VrfSettings const&) = default;
+};
+
+struct Ipv4Settings {
+   std::optional<Konet::IpAddrWithMask> address;
+   std::set<Konet::IpAddrWithMask> secondaries;
+   std::optional<Konet::IpAddrWithMask> virtualAddress;
+   std::set<Konet::IpAddrWithMask> virtualSecondaries;
+   bool proxyArp = false;
+   bool localProxyArp = false;
+   bool gratuitousArpAccept = false;
+   bool forwarding = true;
+   Urpf::UrpfConfig urpf;
+   Ip::TristateBool noArp = Ip::TristateBool::isUnset;
+   uint16_t mssIngress = 0;  // 0: no clamp
+   uint16_t mssEgress = 0;
+   bool directedBroadcast = false;
+   bool attachedRoutes = true;
+   // Kept, not applied yet.
+   bool dhcp = false;
+   std::optional<Konet::IntfId> unnumbered;
+   friend bool operator==(Ipv4Settings const&, Ipv4Settings const&) = default;
+};
+
+// Kept, not applied yet.
+struct Ipv6Settings {
+   bool enable = false;
+   std::set<Konet::Ip6AddrWithMask> addresses;
+   friend bool operator==(Ipv6Settings const&, Ipv6Settings const&) = default;
+};
+
+struct InterfaceSettings {
+   std::string device;  // the kernel device that carries the interface
+   bool routed = true;
+   L3::VrfName vrf;
+   Ipv4Settings ipv4;
+   Ipv6Settings ipv6;
+   friend bool operator==(InterfaceSettings const&, InterfaceSettings const&) = default;
+};
+
+struct Configuration {
+   RoutingSettings routing;
+   std::map<L3::VrfName, VrfSettings> vrfs;  // always holds the default VRF
+   std::map<Konet::IntfId, InterfaceSettings> interfaces;
+   friend bool operator==(Configuration const&, Configuration const&) = default;
+};
+
+struct ConfigError {
+   std::string pointer;  // JSON pointer of the place ("" is the whole document)
+   std::string message;
+   std::string toString() const;
+};
+
+struct LoadResult {
+   std::optional<Configuration> config;  // set exactly when errors is empty
+   std::vector<ConfigError> errors;
+};
+
+// The largest configuration file accepted.
+inline constexpr size_t kMaxConfigBytes = 64u << 20;
+
+LoadResult parseConfiguration(std::string_view text);
+LoadResult loadConfigurationFile(std::string const& path);
+
+// The document of a configuration, in the form parseConfiguration reads (defaults left out
+// only where they are the defaults).
+std::string configurationToJson(Configuration const& config);
+
+// One reference token of a JSON pointer, escaped ("~" as "~0", "/" as "~1").
+std::string pointerToken(std::string_view token);
+
+}  // namespace VeldAgent

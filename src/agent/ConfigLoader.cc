@@ -1,0 +1,630 @@
+// Reading and checking the configuration document.
+//
+// Our implementation, in order:
+//  1. refuse a document too large or nested too deep to be a configuration;
+//  2. parse it, refusing a key given twice in one object (the parser would keep the last);
+//  3. walk it against the schema, refusing unknown keys and wrong types, and checking each
+//     name and address where it enters;
+//  4. check the rules between places: a VRF's namespace used once, a device carried by one
+//     interface, an interface in a configured VRF, an address used once per VRF, no subnet
+//     on two interfaces of one VRF.
+// Every problem is reported with its place; the configuration is usable only without any.
+#include <algorithm>
+#include <cstring>
+#include <fstream>
+#include <map>
+#include <nlohmann/json.hpp>
+#include <sstream>
+
+#include "agent/Config.h"
+#include "linux/SafeName.h"
+
+namespace VeldAgent {
+
+using Json = nlohmann::json;
+
+std::string ConfigError::toString() const {
+   return (pointer.empty() ? std::string("(document)") : pointer) + ": " + message;
+}
+
+std::string pointerToken(std::string_view token) {
+   std::string out;
+   out.reserve(token.size());
+   for (char c : token) {
+      if (c == '~') {
+         out += "~0";
+      } else if (c == '/') {
+         out += "~1";
+      } else {
+         out += c;
+      }
+   }
+   return out;
+}
+
+namespace {
+
+constexpr size_t kMaxDepth = 32;
+
+std::string at(std::string const& pointer, std::string_view token) {
+   return pointer + "/" + pointerToken(token);
+}
+
+std::string inQuotes(std::string_view s) {
+   std::string out = "\"";
+   for (char c : s) {
+      auto u = static_cast<unsigned char>(c);
+      if (u < 0x20 || u == 0x7f) {
+         char buf[8];
+         std::snprintf(buf, sizeof buf, "\\x%02x", u);
+         out += buf;
+      } else {
+         out += c;
+      }
+   }
+   return out + "\"";
+}
+
+// Deeper than any configuration: refused before the parser sees it.
+bool tooDeep(std::string_view text) {
+   size_t depth = 0;
+   bool inString = false, escaped = false;
+   for (char c : text) {
+      if (inString) {
+         if (escaped) {
+            escaped = false;
+         } else if (c == '\\') {
+            escaped = true;
+         } else if (c == '"') {
+            inString = false;
+         }
+      } else if (c == '"') {
+         inString = true;
+      } else if (c == '{' || c == '[') {
+         if (++depth > kMaxDepth) return true;
+      } else if ((c == '}' || c == ']') && depth > 0) {
+         --depth;
+      }
+   }
+   return false;
+}
+
+// Finds keys given twice in one object while the parser runs.
+class DuplicateKeys {
+public:
+   explicit DuplicateKeys(std::vector<ConfigError>* errors) : errors_(errors) {}
+
+   bool event(Json::parse_event_t event, Json const& parsed) {
+      switch (event) {
+         case Json::parse_event_t::object_start:
+            frames_.push_back(Frame{false, 0, {}, {}});
+            break;
+         case Json::parse_event_t::array_start:
+            frames_.push_back(Frame{true, 0, {}, {}});
+            break;
+         case Json::parse_event_t::key: {
+            if (frames_.empty()) break;
+            auto key = parsed.get<std::string>();
+            if (!frames_.back().keys.insert(key).second) {
+               errors_->push_back({at(pathTo(frames_.size() - 1), key),
+                                   "the key " + inQuotes(key) + " is given twice"});
+            }
+            frames_.back().key = key;
+            break;
+         }
+         case Json::parse_event_t::object_end:
+         case Json::parse_event_t::array_end:
+            if (!frames_.empty()) frames_.pop_back();
+            elementDone();
+            break;
+         case Json::parse_event_t::value:
+            elementDone();
+            break;
+      }
+      return true;
+   }
+
+private:
+   struct Frame {
+      bool array;
+      size_t index;
+      std::string key;
+      std::set<std::string> keys;
+   };
+   void elementDone() {
+      if (!frames_.empty() && frames_.back().array) ++frames_.back().index;
+   }
+   // The pointer of frame n (the tokens that lead into it).
+   std::string pathTo(size_t n) const {
+      std::string p;
+      for (size_t i = 0; i < n; ++i) {
+         p = frames_[i].array ? p + "/" + std::to_string(frames_[i].index) : at(p, frames_[i].key);
+      }
+      return p;
+   }
+   std::vector<ConfigError>* errors_;
+   std::vector<Frame> frames_;
+};
+
+char const* typeName(Json const& v) {
+   switch (v.type()) {
+      case Json::value_t::object:
+         return "an object";
+      case Json::value_t::array:
+         return "an array";
+      case Json::value_t::string:
+         return "a string";
+      case Json::value_t::boolean:
+         return "a boolean";
+      case Json::value_t::null:
+         return "null";
+      default:
+         return "a number";
+   }
+}
+
+// The schema walk: each getter checks one place and records what is wrong with it.
+class Checker {
+public:
+   std::vector<ConfigError> errors;
+
+   void error(std::string pointer, std::string message) {
+      errors.push_back({std::move(pointer), std::move(message)});
+   }
+
+   bool isObject(Json const& v, std::string const& p) {
+      if (v.is_object()) return true;
+      error(p, std::string("must be an object, not ") + typeName(v));
+      return false;
+   }
+
+   void knownKeys(Json const& obj, std::string const& p, std::vector<char const*> const& known) {
+      for (auto it = obj.begin(); it != obj.end(); ++it) {
+         bool ok = false;
+         for (auto* k : known)
+            ok = ok || it.key() == k;
+         if (ok) continue;
+         std::string list;
+         for (auto* k : known)
+            list += std::string(list.empty() ? "" : ", ") + k;
+         error(at(p, it.key()),
+               "unknown setting " + inQuotes(it.key()) + " (known here: " + list + ")");
+      }
+   }
+
+   template <class F>
+   void optional(Json const& obj, std::string const& p, char const* key, F&& read) {
+      auto it = obj.find(key);
+      if (it != obj.end()) read(*it, at(p, key));
+   }
+
+   void boolean(Json const& obj, std::string const& p, char const* key, bool* out) {
+      optional(obj, p, key, [&](Json const& v, std::string const& vp) {
+         if (v.is_boolean()) {
+            *out = v.get<bool>();
+         } else {
+            error(vp, std::string("must be true or false, not ") + typeName(v));
+         }
+      });
+   }
+
+   std::optional<std::string> string(Json const& v, std::string const& p) {
+      if (v.is_string()) return v.get<std::string>();
+      error(p, std::string("must be a string, not ") + typeName(v));
+      return std::nullopt;
+   }
+
+   std::optional<Konet::IpAddrWithMask> ipv4(Json const& v, std::string const& p) {
+      auto text = string(v, p);
+      if (!text) return std::nullopt;
+      std::string why;
+      auto a = Konet::IpAddrWithMask::parse(*text, &why);
+      if (!a) {
+         error(p, inQuotes(*text) + " is not an IPv4 address with a prefix length (" + why + ")");
+         return std::nullopt;
+      }
+      // Where a rule is left to us: an interface address is a unicast host address on a
+      // subnet of its own (not /0), and not the subnet's network or broadcast address
+      // unless the subnet is a point-to-point /31 or a /32.
+      uint32_t value = a->addr().value();
+      if (a->len() == 0) {
+         error(p, inQuotes(*text) + ": an interface address needs a prefix length from 1 to 32");
+      } else if (value == 0 || (value >> 28) == 0xe || (value >> 28) == 0xf ||
+                 (value >> 24) == 127) {
+         error(p, inQuotes(*text) + " is not a unicast host address");
+      } else if (a->len() < 31 && (a->addr() == a->subnet().network() || a->addr() == a->broadcast())) {
+         error(p, inQuotes(*text) + " is the network or broadcast address of its subnet");
+      } else {
+         return a;
+      }
+      return std::nullopt;
+   }
+
+   std::optional<Konet::Ip6AddrWithMask> ipv6(Json const& v, std::string const& p) {
+      auto text = string(v, p);
+      if (!text) return std::nullopt;
+      std::string why;
+      auto a = Konet::Ip6AddrWithMask::parse(*text, &why);
+      if (!a) {
+         error(p, inQuotes(*text) + " is not an IPv6 address with a prefix length (" + why + ")");
+         return std::nullopt;
+      }
+      if (a->len() == 0) {
+         error(p, inQuotes(*text) + ": an interface address needs a prefix length from 1 to 128");
+         return std::nullopt;
+      }
+      return a;
+   }
+
+   template <class T, class Read>
+   void list(Json const& obj, std::string const& p, char const* key, std::set<T>* out, Read read) {
+      optional(obj, p, key, [&](Json const& v, std::string const& vp) {
+         if (!v.is_array()) {
+            error(vp, std::string("must be an array, not ") + typeName(v));
+            return;
+         }
+         for (size_t i = 0; i < v.size(); ++i) {
+            auto ip = vp + "/" + std::to_string(i);
+            auto a = (this->*read)(v[i], ip);
+            if (a && !out->insert(*a).second) error(ip, inQuotes(a->toString()) + " is listed twice");
+         }
+      });
+   }
+
+   void mss(Json const& obj, std::string const& p, char const* key, uint16_t* out) {
+      optional(obj, p, key, [&](Json const& v, std::string const& vp) {
+         if (!v.is_number_integer() || v.get<int64_t>() < 64 || v.get<int64_t>() > 65495) {
+            error(vp, "must be a whole number of bytes from 64 to 65495");
+            return;
+         }
+         *out = static_cast<uint16_t>(v.get<int64_t>());
+      });
+   }
+};
+
+std::optional<Urpf::UrpfMode> urpfMode(std::string_view s) {
+   for (auto const& [mode, name] : moxEnumNames(Urpf::UrpfMode{})) {
+      if (name == s) return mode;
+   }
+   return std::nullopt;
+}
+
+void readUrpf(Checker& c, Json const& v, std::string const& p, Urpf::UrpfConfig* out) {
+   auto readMode = [&](Json const& m, std::string const& mp) {
+      auto text = c.string(m, mp);
+      if (!text) return;
+      if (auto mode = urpfMode(*text)) {
+         out->mode = *mode;
+      } else {
+         c.error(mp, inQuotes(*text) + " is not a uRPF mode (disable, loose, strict, strictDefault)");
+      }
+   };
+   if (v.is_string()) {
+      readMode(v, p);
+      return;
+   }
+   if (!v.is_object()) {
+      c.error(p, std::string("must be a uRPF mode or an object, not ") + typeName(v));
+      return;
+   }
+   c.knownKeys(v, p, {"mode", "allowDefaultRoute"});
+   c.optional(v, p, "mode", readMode);
+   c.boolean(v, p, "allowDefaultRoute", &out->allowDefaultRoute);
+}
+
+void readIpv4(Checker& c, Json const& v, std::string const& p, Ipv4Settings* out) {
+   if (!c.isObject(v, p)) return;
+   c.knownKeys(v, p,
+               {"address", "secondaries", "virtualAddress", "virtualSecondaries", "proxyArp",
+                "localProxyArp", "gratuitousArpAccept", "forwarding", "urpf", "noArp", "mss",
+                "directedBroadcast", "attachedRoutes", "dhcp", "unnumbered"});
+   c.optional(v, p, "address",
+              [&](Json const& a, std::string const& ap) { out->address = c.ipv4(a, ap); });
+   c.list(v, p, "secondaries", &out->secondaries, &Checker::ipv4);
+   c.optional(v, p, "virtualAddress",
+              [&](Json const& a, std::string const& ap) { out->virtualAddress = c.ipv4(a, ap); });
+   c.list(v, p, "virtualSecondaries", &out->virtualSecondaries, &Checker::ipv4);
+   c.boolean(v, p, "proxyArp", &out->proxyArp);
+   c.boolean(v, p, "localProxyArp", &out->localProxyArp);
+   c.boolean(v, p, "gratuitousArpAccept", &out->gratuitousArpAccept);
+   c.boolean(v, p, "forwarding", &out->forwarding);
+   c.optional(v, p, "urpf", [&](Json const& u, std::string const& up) {
+      readUrpf(c, u, up, &out->urpf);
+   });
+   c.optional(v, p, "noArp", [&](Json const& n, std::string const& np) {
+      if (!n.is_boolean()) {
+         c.error(np, std::string("must be true or false, not ") + typeName(n));
+         return;
+      }
+      out->noArp = n.get<bool>() ? Ip::TristateBool::isTrue : Ip::TristateBool::isFalse;
+   });
+   c.optional(v, p, "mss", [&](Json const& m, std::string const& mp) {
+      if (!c.isObject(m, mp)) return;
+      c.knownKeys(m, mp, {"ingress", "egress"});
+      c.mss(m, mp, "ingress", &out->mssIngress);
+      c.mss(m, mp, "egress", &out->mssEgress);
+   });
+   c.boolean(v, p, "directedBroadcast", &out->directedBroadcast);
+   c.boolean(v, p, "attachedRoutes", &out->attachedRoutes);
+   c.boolean(v, p, "dhcp", &out->dhcp);
+   c.optional(v, p, "unnumbered", [&](Json const& u, std::string const& up) {
+      auto text = c.string(u, up);
+      if (!text) return;
+      std::string why;
+      out->unnumbered = Konet::IntfId::parse(*text, &why);
+      if (!out->unnumbered) c.error(up, why);
+   });
+
+   bool hasStatic = out->address || !out->secondaries.empty();
+   if (out->dhcp && hasStatic) {
+      c.error(at(p, "dhcp"), "an address from DHCP and a configured address exclude each other");
+   }
+   if (out->unnumbered && hasStatic) {
+      c.error(at(p, "unnumbered"),
+              "an unnumbered interface borrows its address and has none of its own");
+   }
+   if (out->dhcp && out->unnumbered) {
+      c.error(at(p, "unnumbered"), "an interface is either unnumbered or a DHCP client");
+   }
+   if (!out->address && !out->secondaries.empty()) {
+      c.error(at(p, "secondaries"), "secondary addresses need a primary address");
+   }
+   if (!out->virtualAddress && !out->virtualSecondaries.empty()) {
+      c.error(at(p, "virtualSecondaries"),
+              "virtual secondary addresses need a virtual address");
+   }
+}
+
+void readIpv6(Checker& c, Json const& v, std::string const& p, Ipv6Settings* out) {
+   if (!c.isObject(v, p)) return;
+   c.knownKeys(v, p, {"enable", "addresses"});
+   c.boolean(v, p, "enable", &out->enable);
+   c.list(v, p, "addresses", &out->addresses, &Checker::ipv6);
+}
+
+void readInterface(Checker& c, Json const& v, std::string const& p, InterfaceSettings* out) {
+   if (!c.isObject(v, p)) return;
+   c.knownKeys(v, p, {"device", "routed", "vrf", "ipv4", "ipv6"});
+   auto device = v.find("device");
+   if (device == v.end()) {
+      c.error(at(p, "device"), "missing: the kernel device that carries the interface");
+   } else if (auto name = c.string(*device, at(p, "device"))) {
+      if (char const* why = Konet::deviceNameProblem(*name)) {
+         c.error(at(p, "device"), inQuotes(*name) + " is not a usable device name: " + why);
+      } else {
+         out->device = *name;
+      }
+   }
+   c.boolean(v, p, "routed", &out->routed);
+   c.optional(v, p, "vrf", [&](Json const& n, std::string const& np) {
+      auto name = c.string(n, np);
+      if (!name) return;
+      if (name->empty() || name->size() > L3::VrfName::maxLength) {
+         c.error(np, "a VRF name has 1 to 100 characters");
+      } else {
+         out->vrf = L3::VrfName(*name);
+      }
+   });
+   c.optional(v, p, "ipv4", [&](Json const& a, std::string const& ap) {
+      readIpv4(c, a, ap, &out->ipv4);
+   });
+   c.optional(v, p, "ipv6", [&](Json const& a, std::string const& ap) {
+      readIpv6(c, a, ap, &out->ipv6);
+   });
+}
+
+// A VRF name as the agent uses it in namespace names and tables.
+char const* vrfNameProblem(std::string_view name) {
+   if (name.empty() || name.size() > L3::VrfName::maxLength) return "a VRF name has 1 to 100 characters";
+   for (char c : name) {
+      bool ok = (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') ||
+                c == '_' || c == '-' || c == '.';
+      if (!ok) return "a VRF name has only letters, digits and \"_-.\"";
+   }
+   return nullptr;
+}
+
+void readVrf(Checker& c, Json const& v, std::string const& p, bool isDefault, VrfSettings* out) {
+   if (!c.isObject(v, p)) return;
+   c.knownKeys(v, p, {"ipv4Routing", "ipv6Routing", "namespace"});
+   c.boolean(v, p, "ipv4Routing", &out->ipv4Routing);
+   c.boolean(v, p, "ipv6Routing", &out->ipv6Routing);
+   c.optional(v, p, "namespace", [&](Json const& n, std::string const& np) {
+      auto name = c.string(n, np);
+      if (!name) return;
+      if (isDefault) {
+         c.error(np, "the default VRF is the agent's own namespace and names none");
+      } else if (char const* why = Konet::namespaceNameProblem(*name)) {
+         c.error(np, inQuotes(*name) + " is not a usable namespace name: " + why);
+      } else {
+         out->netNs = *name;
+      }
+   });
+}
+
+void readRouting(Checker& c, Json const& v, std::string const& p, RoutingSettings* out) {
+   if (!c.isObject(v, p)) return;
+   c.knownKeys(v, p, {"tcpReset", "udpUnreachable", "sendRedirects"});
+   c.boolean(v, p, "tcpReset", &out->tcpReset);
+   c.boolean(v, p, "udpUnreachable", &out->udpUnreachable);
+   c.boolean(v, p, "sendRedirects", &out->sendRedirects);
+}
+
+// The rules between places.
+void checkAcross(Checker& c, Configuration const& config) {
+   std::map<std::string, L3::VrfName> namespaces;
+   for (auto const& [vrf, s] : config.vrfs) {
+      if (s.netNs.empty()) continue;
+      auto [it, fresh] = namespaces.emplace(s.netNs, vrf);
+      if (!fresh) {
+         c.error(at(at("/vrfs", vrf.name()), "namespace"),
+                 inQuotes(s.netNs) + " is already the namespace of VRF " + it->second.name());
+      }
+   }
+   std::map<std::string, Konet::IntfId> devices;
+   // Per VRF: each address, and each subnet, with the interface that has it.
+   struct Owner {
+      Konet::IntfId intf;
+      std::string place;
+   };
+   std::map<std::pair<L3::VrfName, uint32_t>, Owner> addrs;
+   struct Subnet {
+      L3::VrfName vrf;
+      uint32_t net;
+      uint8_t len;
+      Owner owner;
+   };
+   std::vector<Subnet> subnets;
+   for (auto const& [id, s] : config.interfaces) {
+      std::string p = at("/interfaces", id.name());
+      if (!s.device.empty()) {
+         auto [it, fresh] = devices.emplace(s.device, id);
+         if (!fresh) {
+            c.error(at(p, "device"),
+                    "device " + inQuotes(s.device) + " already carries interface " + it->second.name());
+         }
+      }
+      if (!config.vrfs.count(s.vrf)) {
+         c.error(at(p, "vrf"), "VRF " + inQuotes(s.vrf.name()) + " is not configured under /vrfs");
+      }
+      if (s.ipv4.unnumbered && !config.interfaces.count(*s.ipv4.unnumbered)) {
+         c.error(at(at(p, "ipv4"), "unnumbered"),
+                 "interface " + inQuotes(s.ipv4.unnumbered->name()) + " is not configured");
+      }
+      std::vector<std::pair<Konet::IpAddrWithMask, std::string>> own;
+      std::string ip = at(p, "ipv4");
+      if (s.ipv4.address) own.emplace_back(*s.ipv4.address, at(ip, "address"));
+      size_t i = 0;
+      for (auto const& a : s.ipv4.secondaries)
+         own.emplace_back(a, at(ip, "secondaries") + "/" + std::to_string(i++));
+      if (s.ipv4.virtualAddress) own.emplace_back(*s.ipv4.virtualAddress, at(ip, "virtualAddress"));
+      i = 0;
+      for (auto const& a : s.ipv4.virtualSecondaries)
+         own.emplace_back(a, at(ip, "virtualSecondaries") + "/" + std::to_string(i++));
+      for (auto const& [a, place] : own) {
+         auto [it, fresh] = addrs.emplace(std::pair(s.vrf, a.addr().value()), Owner{id, place});
+         if (!fresh) {
+            c.error(place, "address " + a.addr().toString() + " is already configured at " +
+                               it->second.place);
+            continue;
+         }
+         subnets.push_back({s.vrf, a.subnet().network().value(), a.len(), Owner{id, place}});
+      }
+   }
+   // A subnet belongs to one interface of a VRF. Subnets either nest or are apart, so in
+   // (VRF, network, length) order every subnet that overlaps one follows it within its range.
+   std::sort(subnets.begin(), subnets.end(), [](Subnet const& x, Subnet const& y) {
+      return std::tie(x.vrf, x.net, x.len) < std::tie(y.vrf, y.net, y.len);
+   });
+   for (size_t i = 0; i < subnets.size(); ++i) {
+      auto const& outer = subnets[i];
+      uint32_t last = outer.net | ~(~uint32_t{0} << (32 - outer.len));
+      for (size_t j = i + 1; j < subnets.size(); ++j) {
+         auto const& inner = subnets[j];
+         if (inner.vrf != outer.vrf || inner.net > last) break;
+         if (inner.owner.intf == outer.owner.intf) continue;
+         c.error(inner.owner.place, "subnet " + Konet::IpAddr(inner.net).toString() + "/" +
+                                        std::to_string(inner.len) + " overlaps subnet " +
+                                        Konet::IpAddr(outer.net).toString() + "/" +
+                                        std::to_string(outer.len) + " of " + outer.owner.place);
+         break;
+      }
+   }
+}
+
+}  // namespace
+
+LoadResult parseConfiguration(std::string_view text) {
+   LoadResult result;
+   if (text.size() > kMaxConfigBytes) {
+      result.errors.push_back({"", "the document is larger than " +
+                                       std::to_string(kMaxConfigBytes >> 20) + " MiB"});
+      return result;
+   }
+   if (tooDeep(text)) {
+      result.errors.push_back(
+          {"", "the document nests deeper than " + std::to_string(kMaxDepth) + " levels"});
+      return result;
+   }
+   Json doc;
+   DuplicateKeys dups(&result.errors);
+   try {
+      doc = Json::parse(
+          text.begin(), text.end(),
+          [&](int, Json::parse_event_t e, Json& parsed) { return dups.event(e, parsed); });
+   } catch (Json::parse_error const& e) {
+      size_t line = 1, column = 1;
+      for (size_t i = 0; i + 1 < e.byte && i < text.size(); ++i) {
+         if (text[i] == '\n') {
+            ++line;
+            column = 1;
+         } else {
+            ++column;
+         }
+      }
+      std::string what = e.what();
+      auto colon = what.rfind(": ");
+      if (colon != std::string::npos) what = what.substr(colon + 2);
+      result.errors.push_back({"", "not valid JSON at line " + std::to_string(line) + ", column " +
+                                       std::to_string(column) + ": " + what});
+      return result;
+   }
+
+   Checker c;
+   c.errors = std::move(result.errors);
+   Configuration config;
+   config.vrfs[L3::VrfName::defaultVrf()] = VrfSettings{};
+   if (c.isObject(doc, "")) {
+      c.knownKeys(doc, "", {"routing", "vrfs", "interfaces"});
+      c.optional(doc, "", "routing", [&](Json const& v, std::string const& p) {
+         readRouting(c, v, p, &config.routing);
+      });
+      c.optional(doc, "", "vrfs", [&](Json const& v, std::string const& p) {
+         if (!c.isObject(v, p)) return;
+         for (auto it = v.begin(); it != v.end(); ++it) {
+            auto vp = at(p, it.key());
+            if (char const* why = vrfNameProblem(it.key())) {
+               c.error(vp, inQuotes(it.key()) + ": " + why);
+               continue;
+            }
+            L3::VrfName name(it.key());
+            readVrf(c, *it, vp, name.isDefault(), &config.vrfs[name]);
+         }
+      });
+      c.optional(doc, "", "interfaces", [&](Json const& v, std::string const& p) {
+         if (!c.isObject(v, p)) return;
+         for (auto it = v.begin(); it != v.end(); ++it) {
+            auto ip = at(p, it.key());
+            std::string why;
+            auto id = Konet::IntfId::parse(it.key(), &why);
+            if (!id) {
+               c.error(ip, why);
+               continue;
+            }
+            readInterface(c, *it, ip, &config.interfaces[*id]);
+         }
+      });
+   }
+   if (c.errors.empty()) checkAcross(c, config);
+   result.errors = std::move(c.errors);
+   if (result.errors.empty()) result.config = std::move(config);
+   return result;
+}
+
+LoadResult loadConfigurationFile(std::string const& path) {
+   std::ifstream in(path, std::ios::binary);
+   if (!in) {
+      LoadResult r;
+      r.errors.push_back({"", "cannot read " + path + ": " + std::strerror(errno)});
+      return r;
+   }
+   std::string text;
+   char buf[65536];
+   while (in.read(buf, sizeof buf) || in.gcount() > 0) {
+      text.append(buf, static_cast<size_t>(in.gcount()));
+      if (text.size() > kMaxConfigBytes) break;
+   }
+   return parseConfiguration(text);
+}
+
+}  // namespace VeldAgent

@@ -1,0 +1,44 @@
+// Writes a configuration into the library's inputs and the agent's platform helpers, place
+// by place, only where it differs from the configuration written before:
+//
+//    routing knobs   -> Routing::KernelProtoConfig, Ip::Config (sendRedirects)
+//    each VRF        -> Routing::VrfInfoConfigDir, Routing6::VrfInfoConfigDir, VrfNamespaces
+//    each interface  -> Ip::Config (IpIntfConfig), L3::Intf::ConfigDir (its VRF),
+//                       IntfStatusPublisher (forwarding model, device)
+//
+// VRFs are added before the interfaces that use them and removed after. Within an interface
+// every setter is silent when its value is unchanged, so a changed secondary notifies that
+// secondary only. IPv6, DHCP and unnumbered settings are not written yet.
+#pragma once
+
+#include "agent/Config.h"
+#include "agent/ConfigDiff.h"
+#include "agent/Entities.h"
+#include "agent/IntfStatusPublisher.h"
+#include "agent/VrfNamespaces.h"
+
+namespace VeldAgent {
+
+class ConfigWriter {
+public:
+   ConfigWriter(Entities& entities, VrfNamespaces& vrfs, IntfStatusPublisher& intfs);
+
+   // Writes what `next` changes relative to the configuration written last (nothing, at
+   // first). Returns what changed.
+   ConfigDiff apply(Configuration const& next);
+   Configuration const& current() const { return current_; }
+
+private:
+   void writeRouting(RoutingSettings const& r);
+   void writeVrf(L3::VrfName const& name, VrfSettings const& v);
+   void removeVrf(L3::VrfName const& name);
+   void writeIntf(Konet::IntfId const& id, InterfaceSettings const& s);
+   void removeIntf(Konet::IntfId const& id, InterfaceSettings const& old);
+
+   Entities& e_;
+   VrfNamespaces& vrfs_;
+   IntfStatusPublisher& intfs_;
+   Configuration current_;
+};
+
+}  // namespace VeldAgent

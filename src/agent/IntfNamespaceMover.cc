@@ -1,0 +1,166 @@
+#include "agent/IntfNamespaceMover.h"
+
+#include <cstring>
+
+#include "linux/NetNs.h"
+#include "linux/NetlinkLink.h"
+#include "mox/Trace.h"
+
+namespace VeldAgent {
+
+namespace {
+Mox::TraceHandle th("VeldAgentMove");
+constexpr double kRetryDelay = 1.0;
+}  // namespace
+
+class IntfNamespaceMover::MoxNamespaceConfigDir
+    : public Interface::AllIntfNamespaceConfigDir::NotifieeConst {
+public:
+   explicit MoxNamespaceConfigDir(IntfNamespaceMover* o) : owner_(o) {}
+   void onIntfNamespaceConfig(Konet::IntfId const& id) override {
+      owner_->handleNamespaceConfig(id);
+   }
+
+private:
+   IntfNamespaceMover* owner_;
+};
+
+class IntfNamespaceMover::MoxNamespaceConfig : public Interface::IntfNamespaceConfig::NotifieeConst {
+public:
+   MoxNamespaceConfig(IntfNamespaceMover* o, Konet::IntfId id) : owner_(o), id_(std::move(id)) {}
+   void onNetNsName() override { owner_->schedule(id_); }
+
+private:
+   IntfNamespaceMover* owner_;
+   Konet::IntfId id_;
+};
+
+class IntfNamespaceMover::MoxIntfStatusDir : public Interface::AllIntfStatusDir::NotifieeConst {
+public:
+   explicit MoxIntfStatusDir(IntfNamespaceMover* o) : owner_(o) {}
+   void onIntfStatus(Konet::IntfId const& id) override { owner_->handleIntfStatus(id); }
+
+private:
+   IntfNamespaceMover* owner_;
+};
+
+class IntfNamespaceMover::MoxIntfStatus : public Interface::IntfStatus::NotifieeConst {
+public:
+   MoxIntfStatus(IntfNamespaceMover* o, Konet::IntfId id) : owner_(o), id_(std::move(id)) {}
+   void onDeviceName() override { owner_->schedule(id_); }
+   void onNetNsName() override { owner_->schedule(id_); }
+
+private:
+   IntfNamespaceMover* owner_;
+   Konet::IntfId id_;
+};
+
+IntfNamespaceMover::IntfNamespaceMover(Entities& entities, KernelMirrors& mirrors)
+    : e_(entities), mirrors_(mirrors), home_(Konet::getns()) {
+   work_ = Mox::make<DeferredWork>(e_.scheduler, "IntfNamespaceMover", [this] { doMoves(); });
+   nsConfigDir_ = Mox::make<MoxNamespaceConfigDir>(this);
+   nsConfigDir_->notifierIs(e_.intfNamespaceConfig);
+   statusDir_ = Mox::make<MoxIntfStatusDir>(this);
+   statusDir_->notifierIs(e_.allIntfStatus);
+   for (auto const& id : e_.intfNamespaceConfig->intfNamespaceConfigIterator().keys())
+      handleNamespaceConfig(id);
+   for (auto const& id : e_.allIntfStatus->intfStatusIterator().keys())
+      handleIntfStatus(id);
+}
+
+IntfNamespaceMover::~IntfNamespaceMover() {
+   for (auto* r : std::initializer_list<Mox::NotifieeBase*>{nsConfigDir_.ptr(), statusDir_.ptr()})
+      r->moxDoZombieReactors(true);
+   for (auto& [id, r] : nsConfig_)
+      r->moxDoZombieReactors(true);
+   for (auto& [id, r] : status_)
+      r->moxDoZombieReactors(true);
+}
+
+void IntfNamespaceMover::handleNamespaceConfig(Konet::IntfId const& id) {
+   if (auto c = e_.intfNamespaceConfig->intfNamespaceConfig(id)) {
+      auto& r = nsConfig_[id];
+      if (!r || r->notifierRaw() != c.ptr()) {
+         r = Mox::make<MoxNamespaceConfig>(this, id);
+         r->notifierIs(c);
+      }
+   } else {
+      nsConfig_.erase(id);
+   }
+   schedule(id);
+}
+
+void IntfNamespaceMover::handleIntfStatus(Konet::IntfId const& id) {
+   if (auto s = e_.allIntfStatus->intfStatus(id)) {
+      auto& r = status_[id];
+      if (!r || r->notifierRaw() != s.ptr()) {
+         r = Mox::make<MoxIntfStatus>(this, id);
+         r->notifierIs(s);
+      }
+   } else {
+      status_.erase(id);
+   }
+   schedule(id);
+}
+
+void IntfNamespaceMover::schedule(Konet::IntfId const& id) {
+   pending_.insert(id);
+   work_->scheduleTask();
+}
+
+Konet::NamespaceName IntfNamespaceMover::desiredNs(Konet::IntfId const& id) const {
+   auto c = e_.intfNamespaceConfig->intfNamespaceConfig(id);
+   return c && !c->netNsName().isDefault() ? c->netNsName()
+                                           : Konet::NamespaceName::defaultNamespace();
+}
+
+void IntfNamespaceMover::doMoves() {
+   MOX_TRACE_FN(th, " pending " << pending_.size());
+   std::set<Konet::IntfId> retry;
+   auto pending = std::move(pending_);
+   pending_.clear();
+   for (auto const& id : pending) {
+      int rc = doMove(id);
+      if (rc && rc != EAGAIN) retry.insert(id);
+   }
+   if (!retry.empty()) {
+      pending_.insert(retry.begin(), retry.end());
+      work_->scheduleTaskDelay(kRetryDelay);
+   }
+}
+
+int IntfNamespaceMover::doMove(Konet::IntfId const& id) {
+   auto status = e_.allIntfStatus->intfStatus(id);
+   if (!status || status->deviceName().empty()) return EAGAIN;  // no device to move (yet)
+   auto const& dev = status->deviceName();
+   auto from = status->netNsName().isDefault() ? Konet::NamespaceName::defaultNamespace()
+                                               : status->netNsName();
+   auto to = desiredNs(id);
+   if (from == to) return EAGAIN;
+   int fromSock = mirrors_.requestSocket(from);
+   int toSock = mirrors_.requestSocket(to);
+   if (fromSock < 0 || toSock < 0) return EAGAIN;  // a namespace not served (yet)
+   MOX_TRACE_FN(th, id << " device " << dev << " from " << from << " to " << to);
+   int ifindex = 0;
+   int rc = Konet::linkIndex(fromSock, dev, &ifindex);
+   if (rc == ENODEV) return EAGAIN;  // gone already; the mirrors will tell where
+   if (rc == 0) {
+      rc = to.isDefault() ? Konet::moveLinkToNetNs(fromSock, ifindex, home_.get())
+                          : Konet::moveLinkToNamedNetNs(fromSock, ifindex, to);
+   }
+   if (rc == 0) rc = Konet::linkIndex(toSock, dev, &ifindex);
+   if (rc == 0) rc = Konet::setLinkUp(toSock, ifindex, true);
+   if (rc) {
+      Mox::logMessage(Mox::LogSeverity::error, "VELD-INTF-MOVE",
+                      "cannot move device " + dev + " of interface " + id.name() + " from " +
+                          from.name() + " to namespace " + to.name() + ": " + std::strerror(rc));
+      return rc;
+   }
+   ++moves_;
+   Mox::logMessage(Mox::LogSeverity::info, "VELD-INTF-MOVE",
+                   "interface " + id.name() + ": device " + dev + " moved to namespace " +
+                       to.name());
+   return 0;
+}
+
+}  // namespace VeldAgent

@@ -1,0 +1,57 @@
+// Moves each interface's kernel device into the namespace its namespace configuration names
+// (Interface::AllIntfNamespaceConfigDir, written by the library's IpIntfVrfReactor), and back
+// to the agent's own namespace when the entry goes or names the default one.
+//
+// Watches the namespace configuration entries and the interface statuses (device and the
+// namespace the device is in now). Handlers only note the interface; the move runs from
+// the task scheduler: the device is moved from the namespace its status names, brought up
+// in the new one (a move takes a device down), and the interface status follows when the
+// mirrors see it there. A move that fails is logged and retried each second.
+#pragma once
+
+#include <map>
+#include <set>
+
+#include "agent/DeferredWork.h"
+#include "agent/Entities.h"
+#include "agent/KernelMirrors.h"
+#include "linux/Fd.h"
+
+namespace VeldAgent {
+
+class IntfNamespaceMover {
+public:
+   IntfNamespaceMover(Entities& entities, KernelMirrors& mirrors);
+   ~IntfNamespaceMover();
+
+   // Where the interface's device is to be.
+   Konet::NamespaceName desiredNs(Konet::IntfId const& id) const;
+   bool settled() const { return pending_.empty(); }
+   uint64_t moves() const { return moves_; }
+
+   void handleNamespaceConfig(Konet::IntfId const& id);
+   void handleIntfStatus(Konet::IntfId const& id);
+
+private:
+   class MoxNamespaceConfigDir;
+   class MoxNamespaceConfig;
+   class MoxIntfStatusDir;
+   class MoxIntfStatus;
+   void schedule(Konet::IntfId const& id);
+   void doMoves();
+   // 0 or an errno; EAGAIN: nothing to do yet.
+   int doMove(Konet::IntfId const& id);
+
+   Entities& e_;
+   KernelMirrors& mirrors_;
+   Konet::Fd home_;
+   Mox::Ptr<MoxNamespaceConfigDir> nsConfigDir_;
+   Mox::Ptr<MoxIntfStatusDir> statusDir_;
+   std::map<Konet::IntfId, Mox::Ptr<MoxNamespaceConfig>> nsConfig_;
+   std::map<Konet::IntfId, Mox::Ptr<MoxIntfStatus>> status_;
+   std::set<Konet::IntfId> pending_;
+   Mox::Ptr<DeferredWork> work_;
+   uint64_t moves_ = 0;
+};
+
+}  // namespace VeldAgent

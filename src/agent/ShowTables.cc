@@ -1,0 +1,130 @@
+#include "agent/ShowTables.h"
+
+#include <algorithm>
+
+namespace VeldAgent {
+
+using Json = nlohmann::json;
+
+std::string Table::render() const {
+   std::vector<size_t> width;
+   for (auto const& r : rows_) {
+      if (width.size() < r.size()) width.resize(r.size(), 0);
+      for (size_t i = 0; i < r.size(); ++i)
+         width[i] = std::max(width[i], r[i].size());
+   }
+   std::string out;
+   auto line = [&](std::vector<std::string> const& r) {
+      std::string l;
+      for (size_t i = 0; i < r.size(); ++i) {
+         l += r[i];
+         if (i + 1 < r.size()) l += std::string(width[i] - r[i].size() + 2, ' ');
+      }
+      out += l + "\n";
+   };
+   for (size_t n = 0; n < rows_.size(); ++n) {
+      line(rows_[n]);
+      if (n == 0) {
+         std::vector<std::string> rule;
+         for (size_t i = 0; i < rows_[0].size(); ++i)
+            rule.push_back(std::string(width[i], '-'));
+         line(rule);
+      }
+   }
+   return out;
+}
+
+namespace {
+
+std::string join(Json const& list, char const* sep = " ") {
+   std::string out;
+   for (auto const& a : list)
+      out += (out.empty() ? "" : sep) + a.get<std::string>();
+   return out;
+}
+
+std::string orDash(std::string s) { return s.empty() ? "-" : s; }
+
+}  // namespace
+
+std::string renderInterfaces(Json const& answer) {
+   Table t({"Interface", "VRF", "Device", "Namespace", "Link", "MTU", "Primary", "Secondaries",
+            "Kernel"});
+   for (auto const& i : answer.at("interfaces")) {
+      std::string primary, secondaries, kernel;
+      auto const& st = i.at("status");
+      if (!i.at("routed").get<bool>()) {
+         primary = "(unrouted)";
+      } else if (st.is_null()) {
+         primary = "(none)";
+      } else {
+         primary = orDash(st.at("address").get<std::string>());
+         secondaries = join(st.at("secondaries"));
+         if (!st.at("virtualAddress").get<std::string>().empty()) {
+            secondaries += std::string(secondaries.empty() ? "" : " ") + "virtual " +
+                           st.at("virtualAddress").get<std::string>();
+         }
+      }
+      // The kernel column says whether the kernel holds exactly what is published.
+      std::vector<std::string> held, published;
+      for (auto const& a : i.at("kernel"))
+         held.push_back(a.get<std::string>());
+      if (!st.is_null()) {
+         if (!st.at("address").get<std::string>().empty()) {
+            published.push_back(st.at("address").get<std::string>());
+         }
+         for (auto const& a : st.at("secondaries"))
+            published.push_back(a.get<std::string>());
+         if (!st.at("virtualAddress").get<std::string>().empty()) {
+            published.push_back(st.at("virtualAddress").get<std::string>());
+         }
+         for (auto const& a : st.at("virtualSecondaries"))
+            published.push_back(a.get<std::string>());
+      }
+      std::sort(held.begin(), held.end());
+      std::sort(published.begin(), published.end());
+      if (!i.at("deviceFound").get<bool>()) {
+         kernel = "no device";
+      } else if (held == published) {
+         kernel = held.empty() ? "no address" : "in sync";
+      } else {
+         kernel = "holds " + join(i.at("kernel"), ",");
+      }
+      t.row({i.at("interface").get<std::string>(), i.at("vrf").get<std::string>(),
+             i.at("device").get<std::string>(), orDash(i.at("namespace").get<std::string>()),
+             i.at("operUp").get<bool>() ? "up" : "down", std::to_string(i.at("mtu").get<int>()),
+             primary, orDash(secondaries), kernel});
+   }
+   return t.render();
+}
+
+std::string renderVrfs(Json const& answer) {
+   Table t({"VRF", "Id", "Namespace", "State", "IPv4 routing", "IPv6 routing", "Interfaces"});
+   for (auto const& v : answer.at("vrfs")) {
+      t.row({v.at("vrf").get<std::string>(), std::to_string(v.at("vrfId").get<int>()),
+             v.at("namespace").get<std::string>(), v.at("state").get<std::string>(),
+             v.at("ipv4Routing").get<bool>() ? "enabled" : "disabled",
+             v.at("ipv6Routing").get<bool>() ? "enabled" : "disabled",
+             std::to_string(v.at("interfaces").get<int>())});
+   }
+   return t.render();
+}
+
+std::string renderBacklog(Json const& answer) {
+   Table t({"VRF", "Machine", "Pending", "Runs", "Items", "Errors", "Empty"});
+   for (auto const& b : answer.at("backlog")) {
+      t.row({b.at("vrf").get<std::string>(), b.at("machine").get<std::string>(),
+             std::to_string(b.at("pending").get<int>()), std::to_string(b.at("runs").get<int>()),
+             std::to_string(b.at("itemsProcessed").get<int>()),
+             std::to_string(b.at("errors").get<int>()), b.at("empty").get<bool>() ? "yes" : "no"});
+   }
+   std::string out = t.render();
+   out += "\nConverged: " + std::string(answer.at("converged").get<bool>() ? "yes" : "no");
+   out += "   Device moves: " + std::to_string(answer.at("deviceMoves").get<int>());
+   if (!answer.at("missingDevices").empty()) {
+      out += "   Waiting for devices of: " + join(answer.at("missingDevices"), ", ");
+   }
+   return out + "\n";
+}
+
+}  // namespace VeldAgent

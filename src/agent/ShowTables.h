@@ -1,0 +1,26 @@
+// The tables of `veld show` and of the demo, drawn from the agent's JSON answers the way a
+// switch's show commands print them.
+#pragma once
+
+#include <nlohmann/json.hpp>
+#include <string>
+#include <vector>
+
+namespace VeldAgent {
+
+// Columns padded to their widest cell, a rule under the header.
+class Table {
+public:
+   explicit Table(std::vector<std::string> header) { rows_.push_back(std::move(header)); }
+   void row(std::vector<std::string> cells) { rows_.push_back(std::move(cells)); }
+   std::string render() const;
+
+private:
+   std::vector<std::vector<std::string>> rows_;
+};
+
+std::string renderInterfaces(nlohmann::json const& answer);
+std::string renderVrfs(nlohmann::json const& answer);
+std::string renderBacklog(nlohmann::json const& answer);
+
+}  // namespace VeldAgent

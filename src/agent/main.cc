@@ -1,0 +1,126 @@
+// veld: the IP agent.
+//
+//    veld run --config FILE [--run-dir DIR] [--trace Facility/level,...]
+//    veld demo [--config FILE] [--trace ...]
+//    veld check FILE
+//    veld show interfaces|vrfs|backlog [--json] [--run-dir DIR]
+#include <CLI/CLI.hpp>
+#include <cstdio>
+#include <cstring>
+#include <nlohmann/json.hpp>
+
+#include "agent/Agent.h"
+#include "agent/Demo.h"
+#include "agent/ShowTables.h"
+#include "mox/Trace.h"
+
+namespace {
+
+using namespace VeldAgent;
+
+constexpr char kDefaultRunDir[] = "/run/veld";
+
+int traceLevels(std::string const& spec) {
+   if (spec.empty() || Mox::traceLevelsFromString(spec)) return 0;
+   std::fprintf(stderr, "veld: --trace %s: expected Facility/level[,Facility/level...]\n",
+                spec.c_str());
+   return 2;
+}
+
+int check(std::string const& path) {
+   auto result = loadConfigurationFile(path);
+   for (auto const& e : result.errors)
+      std::printf("%s: %s\n", path.c_str(), e.toString().c_str());
+   if (!result.config) {
+      std::printf("%s: %zu error%s\n", path.c_str(), result.errors.size(),
+                  result.errors.size() == 1 ? "" : "s");
+      return 1;
+   }
+   auto const& c = *result.config;
+   std::printf("%s: valid (%zu VRFs, %zu interfaces)\n", path.c_str(), c.vrfs.size(),
+               c.interfaces.size());
+   return 0;
+}
+
+int run(std::string const& path, std::string const& runDir, std::string const& nsPrefix) {
+   auto result = loadConfigurationFile(path);
+   if (!result.config) {
+      for (auto const& e : result.errors)
+         Mox::logMessage(Mox::LogSeverity::error, "VELD-CONFIG", path + ": " + e.toString());
+      Mox::logMessage(Mox::LogSeverity::error, "VELD-START",
+                      "refusing to start on an invalid configuration");
+      return 1;
+   }
+   Ringlog::open();
+   VeldAgent::Agent agent(AgentOptions{path, runDir, nsPrefix});
+   if (agent.serve() != 0 || agent.start(*result.config) != 0) return 1;
+   Mox::logMessage(Mox::LogSeverity::notice, "VELD-START",
+                   "veld running on " + path + " (" +
+                       std::to_string(result.config->interfaces.size()) + " interfaces)");
+   agent.run();
+   return 0;
+}
+
+int show(std::string const& what, bool json, std::string const& runDir) {
+   std::string answer;
+   auto path = VeldAgent::Agent::socketPath(runDir);
+   if (int err = controlRequest(path, "show " + what, &answer)) {
+      std::fprintf(stderr, "veld show: no agent answers at %s: %s\n", path.c_str(),
+                   std::strerror(err));
+      return 1;
+   }
+   if (json) {
+      std::fputs(answer.c_str(), stdout);
+      return 0;
+   }
+   auto doc = nlohmann::json::parse(answer, nullptr, false);
+   if (doc.is_discarded() || doc.contains("error")) {
+      std::fprintf(stderr, "veld show: unexpected answer: %s", answer.c_str());
+      return 1;
+   }
+   std::string text = what == "interfaces" ? renderInterfaces(doc)
+                      : what == "vrfs"     ? renderVrfs(doc)
+                                           : renderBacklog(doc);
+   std::fputs(text.c_str(), stdout);
+   return 0;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+   CLI::App app{"veld: the IP agent of the switch"};
+   app.require_subcommand(1);
+   std::string trace, configPath, runDir = kDefaultRunDir, nsPrefix = "ns-", what;
+   bool json = false;
+
+   auto* runCmd = app.add_subcommand("run", "run the agent in this network namespace");
+   runCmd->add_option("--config", configPath, "the configuration file (JSON)")->required();
+   runCmd->add_option("--run-dir", runDir, "where the control socket and ring-log dumps go")
+       ->capture_default_str();
+   runCmd->add_option("--trace", trace, "trace levels, e.g. Veld/8,VeldAgent/7");
+   runCmd->add_option("--namespace-prefix", nsPrefix,
+                      "prefix of the namespaces of VRFs that name none")
+       ->capture_default_str();
+
+   auto* demoCmd = app.add_subcommand("demo", "the agent on the example configuration, sandboxed");
+   demoCmd->add_option("--config", configPath, "another configuration (default: the embedded one)");
+   demoCmd->add_option("--trace", trace, "trace levels, e.g. Veld/8");
+
+   auto* checkCmd = app.add_subcommand("check", "validate a configuration file");
+   checkCmd->add_option("file", configPath, "the configuration file")->required();
+
+   auto* showCmd = app.add_subcommand("show", "ask a running agent");
+   showCmd->add_option("what", what, "interfaces, vrfs or backlog")
+       ->required()
+       ->check(CLI::IsMember({"interfaces", "vrfs", "backlog"}));
+   showCmd->add_flag("--json", json, "print the agent's JSON answer");
+   showCmd->add_option("--run-dir", runDir, "the running agent's run directory")
+       ->capture_default_str();
+
+   CLI11_PARSE(app, argc, argv);
+   if (int rc = traceLevels(trace)) return rc;
+   if (*runCmd) return run(configPath, runDir, nsPrefix);
+   if (*demoCmd) return runDemo(configPath);
+   if (*checkCmd) return check(configPath);
+   return show(what, json, runDir);
+}
