@@ -142,7 +142,9 @@ Json Agent::showInterfaces() const {
 
 Json Agent::showVrfs() const {
    Json list = Json::array();
-   for (auto const& [name, v] : config().vrfs) {
+   std::vector<std::pair<L3::VrfName, VrfSettings>> vrfs(config().vrfs.begin(), config().vrfs.end());
+   std::stable_partition(vrfs.begin(), vrfs.end(), [](auto const& v) { return v.first.isDefault(); });
+   for (auto const& [name, v] : vrfs) {
       Json j;
       j["vrf"] = name.name();
       j["namespace"] = vrfs_->nsOf(name, v).name();

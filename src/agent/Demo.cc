@@ -14,6 +14,7 @@
 #include "linux/NetNs.h"
 #include "linux/Netlink.h"
 #include "linux/NetlinkLink.h"
+#include "mox/Trace.h"
 
 namespace VeldAgent {
 
@@ -135,6 +136,12 @@ int runDemo(std::string const& configPath) {
          std::fprintf(stderr, "%s\n", e.toString().c_str());
       return 1;
    }
+   std::setvbuf(stdout, nullptr, _IOLBF, 0);
+   // The agent's log lines go with the demo's output, in its order, dimmed.
+   Mox::logSinkIs([](Mox::LogRecord const& r) {
+      if (r.severity == Mox::LogSeverity::info) return;
+      std::printf("\033[2m  %%%s: %s\033[0m\n", r.id.c_str(), r.text.c_str());
+   });
    if (auto problem = sandbox(); !problem.empty()) {
       std::fprintf(stderr, "veld demo: %s\n", problem.c_str());
       return 1;

@@ -1,0 +1,179 @@
+// The configuration loader: what it accepts, and each class of refusal with its place.
+#include <gtest/gtest.h>
+
+#include "agent/Config.h"
+#include "agent/ConfigDiff.h"
+
+namespace {
+
+using namespace VeldAgent;
+
+// The errors of a document, as "pointer: message" lines.
+std::vector<ConfigError> errorsOf(std::string const& text) {
+   auto r = parseConfiguration(text);
+   EXPECT_EQ(r.config.has_value(), r.errors.empty());
+   return r.errors;
+}
+
+// True when one error sits at `pointer` and its message contains `text`.
+::testing::AssertionResult refusedAt(std::string const& doc, std::string const& pointer,
+                                     std::string const& text) {
+   auto errors = errorsOf(doc);
+   std::string all;
+   for (auto const& e : errors) {
+      if (e.pointer == pointer && e.message.find(text) != std::string::npos) {
+         return ::testing::AssertionSuccess();
+      }
+      all += "\n  " + e.toString();
+   }
+   return ::testing::AssertionFailure() << "no error at " << pointer << " containing \"" << text
+                                        << "\"; got:" << (all.empty() ? " none" : all);
+}
+
+std::string intf(std::string const& ipv4, std::string const& extra = "") {
+   return R"({"interfaces": {"Ethernet1": {"device": "et1")" + extra + R"(, "ipv4": )" + ipv4 +
+          "}}}";
+}
+
+TEST(ConfigLoader, ReadsAFullConfiguration) {
+   auto r = parseConfiguration(R"({
+      "routing": {"tcpReset": false, "udpUnreachable": true, "sendRedirects": true},
+      "vrfs": {"red": {"ipv4Routing": true, "ipv6Routing": true, "namespace": "ns-red"}},
+      "interfaces": {
+         "Ethernet3/1": {"device": "et31", "vrf": "red", "routed": true,
+            "ipv4": {"address": "10.0.0.1/24", "secondaries": ["10.0.1.1/24"],
+                     "virtualAddress": "10.0.2.1/24", "virtualSecondaries": ["10.0.3.1/24"],
+                     "proxyArp": true, "localProxyArp": true, "gratuitousArpAccept": true,
+                     "forwarding": false, "urpf": {"mode": "strict", "allowDefaultRoute": true},
+                     "noArp": true, "mss": {"ingress": 1400, "egress": 1300},
+                     "directedBroadcast": true, "attachedRoutes": false},
+            "ipv6": {"enable": true, "addresses": ["2001:db8::1/64"]}},
+         "Ethernet2": {"device": "et2", "routed": false, "ipv4": {"dhcp": true}}}})");
+   ASSERT_TRUE(r.config) << r.errors.front().toString();
+   auto const& c = *r.config;
+   EXPECT_FALSE(c.routing.tcpReset);
+   EXPECT_TRUE(c.routing.sendRedirects);
+   ASSERT_EQ(c.vrfs.size(), 2u);  // the default VRF is always there
+   EXPECT_EQ(c.vrfs.at(L3::VrfName("red")).netNs, "ns-red");
+   auto const& e = c.interfaces.at(Konet::IntfId("Ethernet3/1"));
+   EXPECT_EQ(e.vrf, L3::VrfName("red"));
+   EXPECT_EQ(e.ipv4.address->toString(), "10.0.0.1/24");
+   EXPECT_EQ(e.ipv4.secondaries.size(), 1u);
+   EXPECT_EQ(e.ipv4.urpf.mode, Urpf::UrpfMode::strict);
+   EXPECT_TRUE(e.ipv4.urpf.allowDefaultRoute);
+   EXPECT_EQ(e.ipv4.noArp, Ip::TristateBool::isTrue);
+   EXPECT_EQ(e.ipv4.mssEgress, 1300);
+   EXPECT_FALSE(e.ipv4.attachedRoutes);
+   EXPECT_EQ(e.ipv6.addresses.size(), 1u);
+   EXPECT_TRUE(c.interfaces.at(Konet::IntfId("Ethernet2")).ipv4.dhcp);
+   // What the loader writes back reads the same.
+   auto again = parseConfiguration(configurationToJson(c));
+   ASSERT_TRUE(again.config);
+   EXPECT_EQ(*again.config, c);
+}
+
+TEST(ConfigLoader, RefusesBrokenDocuments) {
+   EXPECT_TRUE(refusedAt("{\"interfaces\": {", "", "not valid JSON at line 1"));
+   EXPECT_TRUE(refusedAt("[]", "", "must be an object"));
+   EXPECT_TRUE(refusedAt(std::string(100, '[') + std::string(100, ']'), "", "nests deeper"));
+   EXPECT_TRUE(refusedAt(R"({"vrfs": {}, "vrfs": {}})", "/vrfs", "given twice"));
+   EXPECT_TRUE(refusedAt(R"({"interfaces": {"Ethernet3/1": {"device": "a", "device": "b"}}})",
+                         "/interfaces/Ethernet3~11/device", "given twice"));
+}
+
+TEST(ConfigLoader, RefusesUnknownKeysAndWrongTypes) {
+   EXPECT_TRUE(refusedAt(R"({"interface": {}})", "/interface", "unknown setting"));
+   EXPECT_TRUE(refusedAt(intf(R"({"adress": "10.0.0.1/24"})"), "/interfaces/Ethernet1/ipv4/adress",
+                         "unknown setting \"adress\""));
+   EXPECT_TRUE(refusedAt(intf(R"({"proxyArp": "yes"})"), "/interfaces/Ethernet1/ipv4/proxyArp",
+                         "must be true or false"));
+   EXPECT_TRUE(refusedAt(intf(R"({"secondaries": "10.0.0.2/24"})"),
+                         "/interfaces/Ethernet1/ipv4/secondaries", "must be an array"));
+   EXPECT_TRUE(refusedAt(intf(R"({"mss": {"ingress": 10}})"),
+                         "/interfaces/Ethernet1/ipv4/mss/ingress", "from 64 to 65495"));
+   EXPECT_TRUE(refusedAt(intf(R"({"urpf": "sometimes"})"), "/interfaces/Ethernet1/ipv4/urpf",
+                         "not a uRPF mode"));
+}
+
+TEST(ConfigLoader, RefusesBadAddresses) {
+   auto at = "/interfaces/Ethernet1/ipv4/address";
+   EXPECT_TRUE(refusedAt(intf(R"({"address": "10.0.0.1/33"})"), at, "prefix length"));
+   EXPECT_TRUE(refusedAt(intf(R"({"address": "1.2.3"})"), at, "not an IPv4 address"));
+   EXPECT_TRUE(refusedAt(intf(R"({"address": "10.0.0.1"})"), at, "no prefix length"));
+   EXPECT_TRUE(refusedAt(intf(R"({"address": "224.0.0.1/24"})"), at, "not a unicast"));
+   EXPECT_TRUE(refusedAt(intf(R"({"address": "10.0.0.0/24"})"), at, "network or broadcast"));
+   EXPECT_TRUE(refusedAt(intf(R"({"address": "10.0.0.1/24", "secondaries": ["x"]})"),
+                         "/interfaces/Ethernet1/ipv4/secondaries/0", "not an IPv4 address"));
+   EXPECT_TRUE(parseConfiguration(intf(R"({"address": "10.0.0.0/31"})")).config);
+}
+
+TEST(ConfigLoader, RefusesUnsafeNames) {
+   EXPECT_TRUE(refusedAt(R"({"interfaces": {"Ethernet1": {"device": "../../etc"}}})",
+                         "/interfaces/Ethernet1/device", "not a usable device name"));
+   EXPECT_TRUE(refusedAt(R"({"interfaces": {"Ethernet1": {"device": "averyveryverylongname"}}})",
+                         "/interfaces/Ethernet1/device", "not a usable device name"));
+   EXPECT_TRUE(refusedAt(R"({"interfaces": {"Ethernet1": {}}})", "/interfaces/Ethernet1/device",
+                         "missing"));
+   EXPECT_TRUE(refusedAt(R"({"interfaces": {"1bad": {"device": "x"}}})", "/interfaces/1bad",
+                         "not an interface name"));
+   EXPECT_TRUE(refusedAt(R"({"vrfs": {"red": {"namespace": "a/b"}}})", "/vrfs/red/namespace",
+                         "not a usable namespace name"));
+   EXPECT_TRUE(refusedAt(R"({"vrfs": {"re d": {}}})", "/vrfs/re d", "only letters"));
+}
+
+TEST(ConfigLoader, RefusesConflictsBetweenPlaces) {
+   EXPECT_TRUE(refusedAt(intf(R"({"address": "10.0.0.1/24"})", R"(, "vrf": "red")"),
+                         "/interfaces/Ethernet1/vrf", "not configured under /vrfs"));
+   EXPECT_TRUE(refusedAt(R"({"interfaces": {"Ethernet1": {"device": "et1"},
+                                            "Ethernet2": {"device": "et1"}}})",
+                         "/interfaces/Ethernet2/device", "already carries interface Ethernet1"));
+   EXPECT_TRUE(refusedAt(R"({"vrfs": {"a": {"namespace": "n"}, "b": {"namespace": "n"}}})",
+                         "/vrfs/b/namespace", "already the namespace of VRF a"));
+   auto twoIntfs = [](char const* a, char const* b, char const* vrfB = "default") {
+      return std::string(R"({"vrfs": {"red": {}}, "interfaces": {
+         "Ethernet1": {"device": "et1", "ipv4": {"address": ")") +
+             a + R"("}}, "Ethernet2": {"device": "et2", "vrf": ")" + vrfB +
+             R"(", "ipv4": {"address": ")" + b + R"("}}}})";
+   };
+   EXPECT_TRUE(refusedAt(twoIntfs("10.0.0.1/24", "10.0.0.1/24"),
+                         "/interfaces/Ethernet2/ipv4/address",
+                         "already configured at /interfaces/Ethernet1/ipv4/address"));
+   EXPECT_TRUE(refusedAt(twoIntfs("10.0.0.1/16", "10.0.5.1/24"),
+                         "/interfaces/Ethernet2/ipv4/address", "overlaps subnet 10.0.0.0/16"));
+   // Another VRF is another address space.
+   EXPECT_TRUE(parseConfiguration(twoIntfs("10.0.0.1/24", "10.0.0.1/24", "red")).config);
+   EXPECT_TRUE(refusedAt(intf(R"({"address": "10.0.0.1/24", "dhcp": true})"),
+                         "/interfaces/Ethernet1/ipv4/dhcp", "exclude each other"));
+   EXPECT_TRUE(refusedAt(intf(R"({"secondaries": ["10.0.0.2/24"]})"),
+                         "/interfaces/Ethernet1/ipv4/secondaries", "need a primary"));
+}
+
+TEST(ConfigDiff, NamesEachChangedPlace) {
+   auto base = *parseConfiguration(R"({"vrfs": {"red": {}, "blue": {}}, "interfaces": {
+      "Ethernet1": {"device": "et1", "ipv4": {"address": "10.0.0.1/24"}},
+      "Ethernet2": {"device": "et2", "ipv4": {"address": "10.0.1.1/24"}},
+      "Ethernet3": {"device": "et3"}}})")
+                   .config;
+   EXPECT_TRUE(diffConfigurations(base, base).empty());
+   auto next = base;
+   next.interfaces.at(Konet::IntfId("Ethernet1"))
+       .ipv4.secondaries.insert(*Konet::IpAddrWithMask::parse("10.0.0.2/24"));
+   next.interfaces.erase(Konet::IntfId("Ethernet3"));
+   next.interfaces[Konet::IntfId("Ethernet4")].device = "et4";
+   next.vrfs.erase(L3::VrfName("blue"));
+   next.vrfs.at(L3::VrfName("red")).ipv6Routing = true;
+   next.routing.sendRedirects = true;
+   auto d = diffConfigurations(base, next);
+   EXPECT_TRUE(d.routingChanged);
+   EXPECT_EQ(d.intfsChanged, std::vector{Konet::IntfId("Ethernet1")});
+   EXPECT_EQ(d.intfsRemoved, std::vector{Konet::IntfId("Ethernet3")});
+   EXPECT_EQ(d.intfsAdded, std::vector{Konet::IntfId("Ethernet4")});
+   EXPECT_EQ(d.vrfsRemoved, std::vector{L3::VrfName("blue")});
+   EXPECT_EQ(d.vrfsChanged, std::vector{L3::VrfName("red")});
+   EXPECT_TRUE(d.vrfsAdded.empty());
+   EXPECT_EQ(d.summary(),
+             "routing settings changed, 1 VRF removed, 1 VRF changed, 1 interface added, 1 "
+             "interface removed, 1 interface changed");
+}
+
+}  // namespace
