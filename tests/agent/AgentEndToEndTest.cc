@@ -1,0 +1,193 @@
+// The veld program end to end, in the test's private network namespace: what reaches the
+// kernel, reloads (good, partial and bad), what `veld show` reports, and restarts.
+#include <linux/rtnetlink.h>
+#include <sys/socket.h>
+
+#include <set>
+
+#include "linux/Netlink.h"
+#include "linux/NetlinkLink.h"
+#include "linux/NetlinkParse.h"
+#include "linux/ProcSys.h"
+#include "tests/agent/VeldProcess.h"
+#include "tests/linux/KernelFixture.h"
+
+namespace {
+
+using VeldTest::VeldProcess;
+
+// Every IPv4 address the kernel adds or deletes in the namespace from its creation on.
+class AddrMonitor {
+public:
+   AddrMonitor() {
+      int err = 0;
+      sock_ = Konet::createNetlinkSocket(Konet::NamespaceName(), RTMGRP_IPV4_IFADDR, 0, false,
+                                         1 << 20, &err);
+      EXPECT_TRUE(sock_) << err;
+   }
+   // The events received so far: "+10.0.0.1/24" or "-10.0.0.1/24".
+   std::vector<std::string> const& events() {
+      char buf[65536];
+      ssize_t n;
+      while ((n = ::recv(sock_.get(), buf, sizeof buf, MSG_DONTWAIT)) > 0) {
+         for (auto* h = reinterpret_cast<nlmsghdr*>(buf); NLMSG_OK(h, n); h = NLMSG_NEXT(h, n)) {
+            Konet::AddrInfo a;
+            if (!Konet::parseAddrMsg(h, &a)) continue;
+            events_.push_back((h->nlmsg_type == RTM_NEWADDR ? "+" : "-") + a.addr.toString() +
+                              "/" + std::to_string(a.prefixLen));
+         }
+      }
+      return events_;
+   }
+
+private:
+   Konet::Fd sock_;
+   std::vector<std::string> events_;
+};
+
+class AgentEndToEnd : public KonetTest::KernelFixture {
+protected:
+   void SetUp() override {
+      KernelFixture::SetUp();
+      if (IsSkipped() || HasFatalFailure()) return;
+      for (auto* v : {&et1, &et2}) {
+         *v = createVeth();
+         ASSERT_EQ(Konet::setLinkUp(sock(), v->peerIfindex, true), 0);
+         ASSERT_EQ(Konet::setLinkUp(sock(), v->ifindex, true), 0);
+      }
+   }
+   void TearDown() override {
+      if (veld.running()) veld.kill9();
+      if (HasFailure()) std::printf("veld's log:\n%s\n", veld.log().c_str());
+      KernelFixture::TearDown();
+   }
+
+   std::string config(std::string const& secondary1 = "10.1.1.1/24",
+                      std::string const& address2 = "10.2.0.1/24") const {
+      return R"({"interfaces": {
+         "Ethernet1": {"device": ")" + et1.name + R"(", "ipv4": {"address": "10.1.0.1/24",
+             "secondaries": [")" + secondary1 + R"(", "10.1.2.1/24"], "proxyArp": true,
+             "gratuitousArpAccept": true}},
+         "Ethernet2": {"device": ")" + et2.name + R"(", "ipv4": {"address": ")" + address2 +
+             R"(", "secondaries": ["10.2.1.1/24"]}}}})";
+   }
+   std::set<std::string> kernel(Veth const& v) {
+      std::set<std::string> out;
+      for (auto const& a : addrs(v.ifindex, AF_INET))
+         out.insert(a.addr.toString() + "/" + std::to_string(a.prefixLen));
+      return out;
+   }
+   std::string proc(Veth const& v, char const* file) {
+      std::string value;
+      Konet::readProcSys("/proc/sys/net/ipv4/conf/" + v.name + "/" + file, &value);
+      return value;
+   }
+   void startConverged(std::string const& text) {
+      veld.writeConfig(text);
+      veld.start();
+      ASSERT_TRUE(veld.waitConverged()) << "not converged";
+   }
+
+   Veth et1, et2;
+   VeldProcess veld;
+};
+
+using Set = std::set<std::string>;
+
+TEST_F(AgentEndToEnd, ConfigurationReachesTheKernelAndShowReportsIt) {
+   startConverged(config());
+   EXPECT_EQ(kernel(et1), (Set{"10.1.0.1/24", "10.1.1.1/24", "10.1.2.1/24"}));
+   EXPECT_EQ(kernel(et2), (Set{"10.2.0.1/24", "10.2.1.1/24"}));
+   EXPECT_EQ(proc(et1, "proxy_arp"), "1");
+   EXPECT_EQ(proc(et1, "arp_accept"), "1");
+   EXPECT_EQ(proc(et2, "proxy_arp"), "0");
+   EXPECT_EQ(proc(et2, "forwarding"), "1");
+
+   auto shown = veld.show("interfaces");
+   ASSERT_TRUE(shown.is_object());
+   for (auto const& i : shown.at("interfaces")) {
+      auto const& v = i.at("interface") == "Ethernet1" ? et1 : et2;
+      auto k = i.at("kernel").get<std::vector<std::string>>();
+      EXPECT_EQ(Set(k.begin(), k.end()), kernel(v)) << i.dump();
+      EXPECT_EQ(i.at("namespace"), "default");
+      EXPECT_TRUE(i.at("operUp").get<bool>());
+   }
+   std::string table;
+   EXPECT_EQ(VeldProcess::command({"show", "interfaces", "--run-dir", veld.runDir()}, &table), 0);
+   EXPECT_NE(table.find("Ethernet1"), std::string::npos);
+   EXPECT_NE(table.find("in sync"), std::string::npos) << table;
+   EXPECT_EQ(veld.show("vrfs").at("vrfs").at(0).at("state"), "active");
+
+   veld.signal(SIGTERM);
+   EXPECT_EQ(veld.wait(), 0);
+   // Stopping leaves the kernel as it is.
+   EXPECT_EQ(kernel(et1).size(), 3u);
+}
+
+TEST_F(AgentEndToEnd, ReloadChangesExactlyWhatChanged) {
+   startConverged(config());
+   AddrMonitor monitor;
+   veld.writeConfig(config("10.1.9.1/24"));  // one secondary replaced; the watch reloads
+   ASSERT_TRUE(KonetTest::waitFor([&] { return kernel(et1).count("10.1.9.1/24"); }));
+   ASSERT_TRUE(veld.waitConverged());
+   EXPECT_EQ(monitor.events(), (std::vector<std::string>{"-10.1.1.1/24", "+10.1.9.1/24"}));
+   EXPECT_EQ(kernel(et2), (Set{"10.2.0.1/24", "10.2.1.1/24"}));
+
+   // The same file again (SIGHUP): nothing to do.
+   veld.signal(SIGHUP);
+   ASSERT_TRUE(veld.waitConverged());
+   EXPECT_EQ(monitor.events().size(), 2u);
+}
+
+TEST_F(AgentEndToEnd, BadReloadIsRefusedAndTheLastGoodConfigurationStays) {
+   startConverged(config());
+   AddrMonitor monitor;
+   veld.writeConfig(config("10.1.9.1/24", "10.2.0.1/33"));
+   ASSERT_TRUE(KonetTest::waitFor(
+       [&] { return veld.log().find("configuration refused") != std::string::npos; }));
+   EXPECT_NE(veld.log().find("/interfaces/Ethernet2/ipv4/address"), std::string::npos);
+   ASSERT_TRUE(veld.waitConverged());
+   EXPECT_TRUE(monitor.events().empty());
+   EXPECT_EQ(kernel(et1), (Set{"10.1.0.1/24", "10.1.1.1/24", "10.1.2.1/24"}));
+   auto shown = veld.show("interfaces").at("interfaces").at(1);
+   EXPECT_EQ(shown.at("configured").at("address"), "10.2.0.1/24");
+
+   // The next good file is taken.
+   veld.writeConfig(config("10.1.9.1/24"));
+   ASSERT_TRUE(KonetTest::waitFor([&] { return kernel(et1).count("10.1.9.1/24"); }));
+}
+
+TEST_F(AgentEndToEnd, RestartIsHitlessAndConvergesOnChangesMadeWhileDown) {
+   startConverged(config());
+   veld.kill9();
+   {
+      AddrMonitor monitor;
+      veld.start();
+      ASSERT_TRUE(veld.waitConverged());
+      EXPECT_TRUE(monitor.events().empty()) << "a restart touched addresses";
+      veld.kill9();
+   }
+   AddrMonitor monitor;
+   veld.writeConfig(config("10.1.9.1/24", "10.2.0.2/24"));
+   veld.start();
+   ASSERT_TRUE(veld.waitConverged());
+   EXPECT_EQ(kernel(et1), (Set{"10.1.0.1/24", "10.1.9.1/24", "10.1.2.1/24"}));
+   EXPECT_EQ(kernel(et2), (Set{"10.2.0.2/24", "10.2.1.1/24"}));
+   auto events = monitor.events();
+   std::sort(events.begin(), events.end());
+   // Exactly the difference: 10.2.1.1/24 is a subnet of its own and stays.
+   EXPECT_EQ(events, (std::vector<std::string>{"+10.1.9.1/24", "+10.2.0.2/24", "-10.1.1.1/24",
+                                               "-10.2.0.1/24"}));
+}
+
+TEST_F(AgentEndToEnd, CheckNamesEachPlace) {
+   veld.writeConfig(config("10.1.1.1/33", "1.2.3"));
+   std::string out;
+   EXPECT_EQ(VeldProcess::command({"check", veld.configPath()}, &out), 1);
+   EXPECT_NE(out.find("/interfaces/Ethernet1/ipv4/secondaries/0"), std::string::npos) << out;
+   EXPECT_NE(out.find("/interfaces/Ethernet2/ipv4/address"), std::string::npos) << out;
+   veld.writeConfig(config());
+   EXPECT_EQ(VeldProcess::command({"check", veld.configPath()}, &out), 0) << out;
+}
+
+}  // namespace
