@@ -181,7 +181,16 @@ Json Agent::showBacklog() const {
    Json missing = Json::array();
    for (auto const& id : intfs_->missingDevices())
       missing.push_back(id.name());
+   Json mirrors = Json::array();
+   for (auto const& ns : mirrors_.namespaces()) {
+      auto* m = mirrors_.mirror(ns);
+      mirrors.push_back({{"namespace", ns.name()},
+                         {"messages", m->messages()},
+                         {"overflows", m->overflows()},
+                         {"resyncs", m->resyncs()}});
+   }
    return Json{{"backlog", list},
+               {"kernelMirrors", mirrors},
                {"missingDevices", missing},
                {"deviceMoves", mover_ ? mover_->moves() : 0},
                {"converged", converged()}};

@@ -42,7 +42,8 @@ int check(std::string const& path) {
    return 0;
 }
 
-int run(std::string const& path, std::string const& runDir, std::string const& nsPrefix) {
+int run(std::string const& path, std::string const& runDir, std::string const& nsPrefix,
+        int ringLogLevel) {
    auto result = loadConfigurationFile(path);
    if (!result.config) {
       for (auto const& e : result.errors)
@@ -51,7 +52,10 @@ int run(std::string const& path, std::string const& runDir, std::string const& n
                       "refusing to start on an invalid configuration");
       return 1;
    }
-   Ringlog::open();
+   if (ringLogLevel >= 0) {
+      Ringlog::open();
+      Ringlog::levelIs(ringLogLevel);
+   }
    VeldAgent::Agent agent(AgentOptions{path, runDir, nsPrefix});
    if (agent.serve() != 0 || agent.start(*result.config) != 0) return 1;
    Mox::logMessage(Mox::LogSeverity::notice, "VELD-START",
@@ -92,12 +96,16 @@ int main(int argc, char** argv) {
    app.require_subcommand(1);
    std::string trace, configPath, runDir = kDefaultRunDir, nsPrefix = "ns-", what;
    bool json = false;
+   int ringLogLevel = Mox::kTraceFunctionLevel;
 
    auto* runCmd = app.add_subcommand("run", "run the agent in this network namespace");
    runCmd->add_option("--config", configPath, "the configuration file (JSON)")->required();
    runCmd->add_option("--run-dir", runDir, "where the control socket and ring-log dumps go")
        ->capture_default_str();
    runCmd->add_option("--trace", trace, "trace levels, e.g. Veld/8,VeldAgent/7");
+   runCmd->add_option("--ring-log-level", ringLogLevel,
+                      "traces up to this level go to the ring log dumped on SIGUSR1 (-1: none)")
+       ->capture_default_str();
    runCmd->add_option("--namespace-prefix", nsPrefix,
                       "prefix of the namespaces of VRFs that name none")
        ->capture_default_str();
@@ -119,7 +127,7 @@ int main(int argc, char** argv) {
 
    CLI11_PARSE(app, argc, argv);
    if (int rc = traceLevels(trace)) return rc;
-   if (*runCmd) return run(configPath, runDir, nsPrefix);
+   if (*runCmd) return run(configPath, runDir, nsPrefix, ringLogLevel);
    if (*demoCmd) return runDemo(configPath);
    if (*checkCmd) return check(configPath);
    return show(what, json, runDir);

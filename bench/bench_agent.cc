@@ -1,0 +1,302 @@
+// The whole agent: `veld run` from its start to converged (every configured address in the
+// kernel and published) for 1,000 interfaces with 4 addresses each (a primary and three
+// secondaries), against a bare libmnl loop that adds the same 4,000 addresses one request
+// at a time with its acknowledgement. Also the agent's peak memory (VmHWM), in all and per
+// interface.
+//
+// Everything runs in a private network and mount namespace: 1,000 veth pairs whose peers
+// are ports of one bridge, all up. Between runs every address is taken away again (not
+// timed). The agent's run ends when it reports itself converged on its control socket,
+// polled once the address monitor has seen the 4,000 additions.
+//
+//    build/bench/bench_agent [--benchmark_repetitions=N]
+#include <benchmark/benchmark.h>
+#include <fcntl.h>
+#include <libmnl/libmnl.h>
+#include <linux/if.h>
+#include <linux/if_addr.h>
+#include <linux/rtnetlink.h>
+#include <arpa/inet.h>
+#include <sched.h>
+#include <signal.h>
+#include <sys/mount.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstring>
+#include <fstream>
+#include <nlohmann/json.hpp>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "BenchMain.h"
+#include "agent/ControlServer.h"
+#include "linux/NetNs.h"
+#include "linux/Netlink.h"
+#include "linux/NetlinkAddr.h"
+#include "linux/NetlinkLink.h"
+
+namespace {
+
+using namespace Konet;
+
+constexpr int kIntfs = 1000;
+constexpr int kAddrsPerIntf = 4;
+
+double now() {
+   timespec ts;
+   ::clock_gettime(CLOCK_MONOTONIC, &ts);
+   return static_cast<double>(ts.tv_sec) + static_cast<double>(ts.tv_nsec) * 1e-9;
+}
+
+struct World {
+   Fd sock;
+   std::vector<int> ifindex;
+   std::vector<std::vector<IpAddrWithMask>> addrs;  // per interface, primary first
+   std::string dir;
+   std::string problem;
+};
+
+World& world() {
+   static World w = [] {
+      World w;
+      if (::geteuid() != 0) {
+         w.problem = "needs root";
+         return w;
+      }
+      if (::unshare(CLONE_NEWNET | CLONE_NEWNS) != 0 ||
+          ::mount(nullptr, "/", nullptr, MS_REC | MS_SLAVE, nullptr) != 0) {
+         w.problem = std::string("no private namespaces: ") + std::strerror(errno);
+         return w;
+      }
+      ::mkdir(kNetNsDir, 0755);
+      ::mount("veldbench", kNetNsDir, "tmpfs", 0, "mode=0755");
+      int err = 0;
+      w.sock = createNetlinkSocket(NamespaceName(), 0, 5, true, 0, &err);
+      int lo = 0, br = 0;
+      linkIndex(w.sock.get(), "lo", &lo);
+      setLinkUp(w.sock.get(), lo, true);
+      createBridge(w.sock.get(), "bbr");
+      linkIndex(w.sock.get(), "bbr", &br);
+      setLinkUp(w.sock.get(), br, true);
+      char dirTmpl[] = "/tmp/veldbench.XXXXXX";
+      w.dir = ::mkdtemp(dirTmpl);
+      nlohmann::json intfs = nlohmann::json::object();
+      for (int i = 0; i < kIntfs; ++i) {
+         char dev[16], peer[16], id[32];
+         std::snprintf(dev, sizeof dev, "ba%04d", i);
+         std::snprintf(peer, sizeof peer, "bb%04d", i);
+         std::snprintf(id, sizeof id, "Ethernet%d", i + 1);
+         int a = 0, b = 0;
+         if (int rc = createVethPair(w.sock.get(), dev, peer)) {
+            w.problem = std::string("veth: ") + std::strerror(rc);
+            return w;
+         }
+         linkIndex(w.sock.get(), dev, &a);
+         linkIndex(w.sock.get(), peer, &b);
+         setLinkMaster(w.sock.get(), b, br);
+         setLinkUp(w.sock.get(), b, true);
+         setLinkUp(w.sock.get(), a, true);
+         w.ifindex.push_back(a);
+         std::vector<IpAddrWithMask> list;
+         uint32_t subnet = 0x0a000000u | (static_cast<uint32_t>(i) << 8);
+         for (uint32_t h = 1; h <= kAddrsPerIntf; ++h)
+            list.emplace_back(IpAddr(subnet | h), 24);
+         nlohmann::json secondaries = nlohmann::json::array();
+         for (size_t k = 1; k < list.size(); ++k)
+            secondaries.push_back(list[k].toString());
+         intfs[id] = {{"device", dev},
+                      {"ipv4", {{"address", list[0].toString()}, {"secondaries", secondaries}}}};
+         w.addrs.push_back(std::move(list));
+      }
+      std::ofstream(w.dir + "/veld.json") << nlohmann::json{{"interfaces", intfs}}.dump(1);
+      // Carrier comes a little after "up" (link watch): wait for all of it.
+      double deadline = now() + 30;
+      for (int a : w.ifindex) {
+         LinkInfo info;
+         while (getLink(w.sock.get(), a, &info) == 0 && !(info.flags & IFF_RUNNING) &&
+                now() < deadline) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+         }
+      }
+      return w;
+   }();
+   return w;
+}
+
+void flushAll(World& w) {
+   for (size_t i = 0; i < w.ifindex.size(); ++i) {
+      for (auto it = w.addrs[i].rbegin(); it != w.addrs[i].rend(); ++it)
+         ipAddrDel(w.sock.get(), w.ifindex[i], *it);
+   }
+}
+
+// The bare minimum: one libmnl request per address, each waiting for its acknowledgement.
+class BareLoop {
+public:
+   BareLoop() {
+      nl_ = mnl_socket_open(NETLINK_ROUTE);
+      mnl_socket_bind(nl_, 0, MNL_SOCKET_AUTOPID);
+      portid_ = mnl_socket_get_portid(nl_);
+   }
+   ~BareLoop() { mnl_socket_close(nl_); }
+   int add(int ifindex, IpAddrWithMask const& a) {
+      char buf[MNL_SOCKET_BUFFER_SIZE];
+      nlmsghdr* nlh = mnl_nlmsg_put_header(buf);
+      nlh->nlmsg_type = RTM_NEWADDR;
+      nlh->nlmsg_flags = NLM_F_REQUEST | NLM_F_CREATE | NLM_F_EXCL | NLM_F_ACK;
+      nlh->nlmsg_seq = ++seq_;
+      auto* ifa = static_cast<ifaddrmsg*>(mnl_nlmsg_put_extra_header(nlh, sizeof(ifaddrmsg)));
+      ifa->ifa_family = AF_INET;
+      ifa->ifa_prefixlen = a.len();
+      ifa->ifa_index = static_cast<unsigned>(ifindex);
+      uint32_t be = htonl(a.addr().value());
+      mnl_attr_put_u32(nlh, IFA_LOCAL, be);
+      mnl_attr_put_u32(nlh, IFA_ADDRESS, be);
+      if (mnl_socket_sendto(nl_, nlh, nlh->nlmsg_len) < 0) return errno;
+      ssize_t n = mnl_socket_recvfrom(nl_, buf, sizeof buf);
+      if (n < 0) return errno;
+      return mnl_cb_run(buf, static_cast<size_t>(n), seq_, portid_, nullptr, nullptr) < 0 ? errno
+                                                                                          : 0;
+   }
+
+private:
+   mnl_socket* nl_;
+   unsigned portid_;
+   unsigned seq_ = 0;
+};
+
+struct Times {
+   double real = 0, cpu = 0;
+};
+
+double threadCpu() {
+   timespec ts;
+   ::clock_gettime(CLOCK_THREAD_CPUTIME_ID, &ts);
+   return static_cast<double>(ts.tv_sec) + static_cast<double>(ts.tv_nsec) * 1e-9;
+}
+
+// The bare loop; its CPU time is this thread's (the kernel's work for each request is done
+// in it).
+int runBare(World& w, BareLoop& bare, Times* t) {
+   double t0 = now(), c0 = threadCpu();
+   for (size_t i = 0; i < w.ifindex.size(); ++i) {
+      for (auto const& a : w.addrs[i]) {
+         if (int rc = bare.add(w.ifindex[i], a)) return rc;
+      }
+   }
+   t->real = now() - t0;
+   t->cpu = threadCpu() - c0;
+   return 0;
+}
+
+// VmHWM of a process, in kB.
+long peakKb(pid_t pid) {
+   std::ifstream in("/proc/" + std::to_string(pid) + "/status");
+   std::string line;
+   while (std::getline(in, line)) {
+      if (line.rfind("VmHWM:", 0) == 0) return std::stol(line.substr(6));
+   }
+   return 0;
+}
+
+// `veld run` until it reports itself converged; its CPU time is the process's, user and
+// system, up to that point (read from /proc before it is stopped).
+std::string runAgent(World& w, Times* t, long* hwm) {
+   int err = 0;
+   auto monitor =
+       createNetlinkSocket(NamespaceName(), RTMGRP_IPV4_IFADDR, 0, false, 16 << 20, &err);
+   timeval tv{1, 0};
+   ::setsockopt(monitor.get(), SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv);
+   double t0 = now();
+   pid_t pid = ::fork();
+   if (pid == 0) {
+      int log = ::open((w.dir + "/veld.log").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+      ::dup2(log, 2);
+      ::execl(VELD_BINARY, "veld", "run", "--config", (w.dir + "/veld.json").c_str(), "--run-dir",
+              (w.dir + "/run").c_str(), nullptr);
+      ::_exit(127);
+   }
+   int added = 0;
+   char buf[1 << 16];
+   while (added < kIntfs * kAddrsPerIntf && now() - t0 < 120) {
+      ssize_t n = ::recv(monitor.get(), buf, sizeof buf, 0);
+      if (n <= 0 && ::waitpid(pid, nullptr, WNOHANG) == pid) {
+         return "veld ended; its log: " + w.dir + "/veld.log";
+      }
+      if (n <= 0) continue;
+      for (auto* h = reinterpret_cast<nlmsghdr*>(buf); NLMSG_OK(h, n); h = NLMSG_NEXT(h, n))
+         added += h->nlmsg_type == RTM_NEWADDR;
+   }
+   bool converged = false;
+   std::string answer;
+   while (!converged && now() - t0 < 120) {
+      if (VeldAgent::controlRequest(w.dir + "/run/veld.sock", "show backlog", &answer) == 0) {
+         auto doc = nlohmann::json::parse(answer, nullptr, false);
+         converged = doc.is_object() && doc.value("converged", false);
+      }
+   }
+   t->real = now() - t0;
+   std::ifstream stat("/proc/" + std::to_string(pid) + "/stat");
+   std::string field;
+   for (int i = 1; i <= 15 && stat >> field; ++i) {
+      if (i == 14 || i == 15) t->cpu += std::stod(field) / static_cast<double>(::sysconf(_SC_CLK_TCK));
+   }
+   *hwm = std::max(*hwm, peakKb(pid));
+   ::kill(pid, SIGTERM);
+   ::waitpid(pid, nullptr, 0);
+   return converged ? "" : "the agent did not converge";
+}
+
+// Each iteration runs both, in alternating order, so that both meet the same machine.
+void startup(benchmark::State& state) {
+   auto& w = world();
+   if (!w.problem.empty()) return state.SkipWithError(w.problem.c_str());
+   BareLoop bare;
+   Times ours, base, sumOurs, sumBase;
+   long hwm = 0;
+   bool oursFirst = true;
+   for (auto _ : state) {
+      for (int turn = 0; turn < 2; ++turn) {
+         flushAll(w);
+         if ((turn == 0) == oursFirst) {
+            if (auto problem = runAgent(w, &ours, &hwm); !problem.empty()) {
+               return state.SkipWithError(problem.c_str());
+            }
+         } else if (runBare(w, bare, &base) != 0) {
+            return state.SkipWithError("address add failed");
+         }
+      }
+      oursFirst = !oursFirst;
+      state.SetIterationTime(ours.real);
+      sumOurs.real += ours.real;
+      sumOurs.cpu += ours.cpu;
+      sumBase.real += base.real;
+      sumBase.cpu += base.cpu;
+      ours = Times{};
+   }
+   double n = static_cast<double>(state.iterations());
+   state.counters["veld_ms"] = sumOurs.real / n * 1e3;
+   state.counters["mnl_ms"] = sumBase.real / n * 1e3;
+   state.counters["ratio_real"] = sumOurs.real / sumBase.real;
+   state.counters["veld_cpu_ms"] = sumOurs.cpu / n * 1e3;
+   state.counters["mnl_cpu_ms"] = sumBase.cpu / n * 1e3;
+   state.counters["ratio_cpu"] = sumOurs.cpu / sumBase.cpu;
+   state.counters["VmHWM_kB"] = static_cast<double>(hwm);
+   state.counters["kB_per_intf"] = static_cast<double>(hwm) / kIntfs;
+}
+
+}  // namespace
+
+BENCHMARK(startup)
+    ->Name("start1000x4")
+    ->UseManualTime()
+    ->Unit(benchmark::kMillisecond)
+    ->Iterations(4);
+
+int main(int argc, char** argv) { return benchMain(argc, argv); }
