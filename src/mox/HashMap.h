@@ -97,8 +97,9 @@ public:
    // Inserts or assigns; true when the stored value changed.
    template <class U>
    bool assign(K const& k, U&& v) {
-      auto [p, inserted] = emplace(k, std::forward<U>(v));
-      if (inserted) return true;
+      auto const placed = emplace(k, std::forward<U>(v));
+      V* p = placed.first;  // not a structured binding: clang 14 cannot name one in requires
+      if (placed.second) return true;
       if constexpr (requires { *p == v; }) {
          if (*p == v) return false;
       }
