@@ -68,6 +68,9 @@ void KernelMirror::applyLink(LinkInfo const& link) {
    rec.flags = link.flags;
    rec.runningStateChanges = s.runningStateChanges;
    rec.mtu = link.mtu;
+   static_assert(sizeof(rec.ipv4Conf) == sizeof(link.ipv4Conf));
+   rec.ipv4Conf = link.ipv4Conf;
+   rec.ipv4ConfCount = link.ipv4ConfCount;
    status_->interfaceIs(rec);
 }
 
