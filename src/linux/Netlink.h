@@ -39,7 +39,8 @@ uint32_t nextNetlinkSeq();
 
 // Sends the request in `nlh` (its sequence number is set here) and reads the answer.
 // Messages other than the acknowledgement go to `cb` (may be null); a request that wants
-// an answer besides the acknowledgement (a get) sets NLM_F_ACK too.
+// an answer besides the acknowledgement (a get) sets NLM_F_ACK too. Answers are read into
+// one 32 KiB buffer per thread: `cb` must not issue requests itself.
 int netlinkRequest(int sock, nlmsghdr* nlh, mnl_cb_t cb = nullptr, void* data = nullptr);
 // Like netlinkRequest for a dump (NLM_F_DUMP): every message goes to `cb` until the end.
 inline int netlinkDump(int sock, nlmsghdr* nlh, mnl_cb_t cb, void* data) {

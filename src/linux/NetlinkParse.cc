@@ -14,13 +14,20 @@ namespace {
 
 template <size_t N>
 struct Attrs {
+   explicit Attrs(nlmsghdr const* nlh) : end(reinterpret_cast<char const*>(nlh) + nlh->nlmsg_len) {}
+   char const* end;
    std::array<nlattr const*, N> tb{};
 };
 
-// Keeps the last attribute of each known type; skips unknown ones.
+// Keeps the last attribute of each known type; skips unknown ones. libmnl bounds the
+// attributes by the message length rounded up to 4 bytes: an attribute must also end
+// within the exact length, or the message is refused.
 template <size_t N>
 int collect(nlattr const* attr, void* data) {
    auto* attrs = static_cast<Attrs<N>*>(data);
+   if (reinterpret_cast<char const*>(attr) + mnl_attr_get_len(attr) > attrs->end) {
+      return MNL_CB_ERROR;
+   }
    uint16_t type = mnl_attr_get_type(attr);
    if (type < N) attrs->tb[type] = attr;
    return MNL_CB_OK;
@@ -39,8 +46,9 @@ bool parseLinkMsg(nlmsghdr const* nlh, LinkInfo* out) {
    if (nlh->nlmsg_type != RTM_NEWLINK && nlh->nlmsg_type != RTM_DELLINK) return false;
    if (nlh->nlmsg_len < mnl_nlmsg_size(sizeof(ifinfomsg))) return false;
    auto const* ifi = static_cast<ifinfomsg const*>(mnl_nlmsg_get_payload(nlh));
-   Attrs<IFLA_MAX + 1> attrs;
-   if (mnl_attr_parse(nlh, sizeof(ifinfomsg), collect<IFLA_MAX + 1>, &attrs) < 0) return false;
+   Attrs<IFLA_MAX + 1> attrs(nlh);
+   if (mnl_attr_parse(nlh, sizeof(ifinfomsg), collect<IFLA_MAX + 1>, &attrs) != MNL_CB_OK)
+      return false;
    LinkInfo link;
    link.ifindex = ifi->ifi_index;
    link.flags = ifi->ifi_flags;
@@ -71,8 +79,9 @@ bool parseAddrMsg(nlmsghdr const* nlh, AddrInfo* out) {
       return false;
    }
    if (ifa->ifa_prefixlen > addrLen * 8) return false;
-   Attrs<IFA_MAX + 1> attrs;
-   if (mnl_attr_parse(nlh, sizeof(ifaddrmsg), collect<IFA_MAX + 1>, &attrs) < 0) return false;
+   Attrs<IFA_MAX + 1> attrs(nlh);
+   if (mnl_attr_parse(nlh, sizeof(ifaddrmsg), collect<IFA_MAX + 1>, &attrs) != MNL_CB_OK)
+      return false;
    nlattr const* addrAttr = attrs.tb[IFA_LOCAL] ? attrs.tb[IFA_LOCAL] : attrs.tb[IFA_ADDRESS];
    if (!addrAttr || mnl_attr_get_payload_len(addrAttr) != addrLen) return false;
    AddrInfo info;

@@ -1,8 +1,8 @@
 // rtnetlink link and address messages as plain records, for dumps, notifications and the
 // kernel mirror. Parsing trusts nothing in the message beyond what mnl_cb_run already
-// checked (the header fits its datagram): a short family header, an address of the wrong
-// size or a malformed known attribute refuses the message; an attribute that overruns the
-// message ends the attributes.
+// checked (the header fits its datagram): a short family header, an attribute that runs
+// past the message, an address of the wrong size or a malformed known attribute refuses
+// the message.
 #pragma once
 
 #include <linux/netlink.h>

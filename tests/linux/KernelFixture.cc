@@ -45,9 +45,10 @@ struct Registry {
    std::vector<Konet::NamespaceName> namespaces;
 };
 
+// Never destroyed: removeAll runs at exit, after static objects may be gone.
 Registry& registry() {
-   static Registry r;
-   return r;
+   static auto* r = new Registry;
+   return *r;
 }
 
 // Removes devices, then named namespaces. Also run at exit, for a test that never got to

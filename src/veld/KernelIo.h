@@ -1,0 +1,74 @@
+// The machines' access to the kernel: namespaces, /proc/sys writes, addresses and device
+// flags. The default goes straight to the Linux layer. Tests put a decorator in front of it
+// where the real kernel cannot produce what they need: a write that keeps failing, or
+// kernel work that takes (virtual) time.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "konet/IpPrefix.h"
+#include "konet/NamespaceName.h"
+#include "linux/NetNs.h"
+#include "linux/ProcSys.h"
+
+namespace Veld {
+
+class KernelIo {
+public:
+   virtual ~KernelIo() = default;
+
+   // Enters `ns` until the returned guard goes (the default namespace: stays). The guard's
+   // error() is 0 when the thread is in the namespace.
+   virtual std::unique_ptr<Konet::ScopedNetNs> enterNamespace(Konet::NamespaceName const& ns,
+                                                              char const* caller);
+   virtual int writeProcSys(std::string_view path, std::string_view value);
+   virtual int ipAddrAdd(int sock, int ifindex, Konet::IpAddrWithMask const& addr);
+   virtual int ipAddrDel(int sock, int ifindex, Konet::IpAddrWithMask const& addr);
+   virtual int setKintfFlags(int sock, int ifindex, uint32_t flags, uint32_t mask);
+   virtual int ipAddrFlush(int sock, int ifindex, std::string const& devName,
+                           std::string const& ns);
+   virtual int ifconfInterfaces(std::vector<Konet::IfconfEntry>* out);
+
+   // The process's kernel access: the Linux layer unless a test installed another.
+   static KernelIo& current();
+   // Installs `io` (nullptr: the Linux layer again); returns the previous one.
+   static KernelIo* currentIs(KernelIo* io);
+};
+
+// Forwards everything to another KernelIo; a test's decorator overrides what it changes.
+class KernelIoDecorator : public KernelIo {
+public:
+   explicit KernelIoDecorator(KernelIo& inner) : inner_(inner) {}
+   std::unique_ptr<Konet::ScopedNetNs> enterNamespace(Konet::NamespaceName const& ns,
+                                                      char const* caller) override {
+      return inner_.enterNamespace(ns, caller);
+   }
+   int writeProcSys(std::string_view path, std::string_view value) override {
+      return inner_.writeProcSys(path, value);
+   }
+   int ipAddrAdd(int sock, int ifindex, Konet::IpAddrWithMask const& addr) override {
+      return inner_.ipAddrAdd(sock, ifindex, addr);
+   }
+   int ipAddrDel(int sock, int ifindex, Konet::IpAddrWithMask const& addr) override {
+      return inner_.ipAddrDel(sock, ifindex, addr);
+   }
+   int setKintfFlags(int sock, int ifindex, uint32_t flags, uint32_t mask) override {
+      return inner_.setKintfFlags(sock, ifindex, flags, mask);
+   }
+   int ipAddrFlush(int sock, int ifindex, std::string const& devName,
+                   std::string const& ns) override {
+      return inner_.ipAddrFlush(sock, ifindex, devName, ns);
+   }
+   int ifconfInterfaces(std::vector<Konet::IfconfEntry>* out) override {
+      return inner_.ifconfInterfaces(out);
+   }
+
+protected:
+   KernelIo& inner_;
+};
+
+}  // namespace Veld

@@ -1,0 +1,294 @@
+// The IPv4 interface machine of one VRF.
+//
+// Watches the VRF's view of the IPv4 interface configuration (through one config filter per
+// interface, which admits the routed interfaces, and one config reactor per routed
+// interface), the interfaces whose devices are in the VRF's namespace, the namespace's kernel
+// interface records, the routing and kernel-protocol configuration and the standby flag.
+// Writes each routed interface's IPv4 and L3 status (not in standby), the uRPF summary, and
+// the kernel: addresses and IFF_NOARP through the VRF's netlink socket, per-interface and
+// namespace-wide settings under /proc/sys/net/ipv4.
+//
+// Handlers never touch the kernel. They mark the interface's entry in the backlog
+// (addrUpdatePending, procUpdatePending) and arm the backlog timer; the timer drains the
+// backlog in runs of at most backlogSlice, each entry inside the VRF's namespace, resuming
+// at a bookmark. An entry lives from its first scheduling until a run finds all its flags
+// clear:
+//
+//    scheduled --run--> proc written? --no--> retried every run; given up after 33 failures
+//                       addresses done? --no (deferred)--> visited again on the next run
+//                       all clear --> removed; an empty backlog is reported to WarpState
+#pragma once
+
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "konet/IntfId.h"
+#include "mox/Bolt.h"
+#include "mox/Enum.h"
+#include "mox/StateMachine.h"
+#include "platform/Interface.h"
+#include "platform/Ip.h"
+#include "platform/Ip6.h"
+#include "platform/KernelNetInfo.h"
+#include "platform/L3.h"
+#include "platform/ProxyArp.h"
+#include "platform/Routing.h"
+#include "platform/Urpf.h"
+#include "veld/KernelIo.h"
+#include "veld/addr/AddrMap.h"
+#include "veld/addr/KniIntfState.h"
+#include "veld/ipv4/IntfIpKernelState.h"
+
+namespace Veld {
+
+class VrfIpIntfConfig;
+class WarpState;
+
+class IpIntfSm : public Mox::StateMachine, public KniIntfStateOwner {
+public:
+   // The per-interface IPv4 kernel settings.
+   enum class IpIntfConfOptType : uint8_t {
+      confOptForwarding = 0,
+      confOptRPFilter = 1,
+      confOptProxyArp = 2,
+      confOptArpIgnore = 3,
+      confOptLocalProxyArp = 4,
+      confOptAcceptIcmpRedirectIPv4 = 5,
+      confOptSendIcmpRedirectIPv4 = 6,
+      confOptUseIcmpSrcIpAddr = 7,
+      confOptGratuitousArpAccept = 8,
+   };
+
+   // One interface's pending kernel work.
+   struct KernelUpdateCodefEntry {
+      Konet::IntfId intf;
+      bool procUpdatePending = false;
+      bool addrUpdatePending = false;
+      bool statusUpdatePending = false;
+      int32_t lastError = 0;
+      uint32_t tries = 0;
+      double firstFailureTime = 0.0;
+      bool idle() const { return !procUpdatePending && !addrUpdatePending && !statusUpdatePending; }
+   };
+
+   class MoxIpIntfConfigFilter;
+   class MoxIpIntfConfig;
+
+   IpIntfSm(Mox::Ptr<Ip::Config const> ipConfig, Mox::Ptr<VrfIpIntfConfig const> vrfIpIntfConfig,
+            Mox::Ptr<AddrMap> addrMap, Mox::Ptr<Interface::DeviceIntfStatusDir const> kernelIntfDir,
+            Mox::Ptr<Routing::KernelProtoConfig const> kernelProtoConfig,
+            Mox::Ptr<Routing::InfoConfig const> routingInfoConfig,
+            Mox::Ptr<Ip::Input::Status> systemIntfIpStatus,
+            Mox::Ptr<Ip::Input::Status> localIntfIpStatus,
+            Mox::Ptr<L3::Intf::Input::StatusDir> systemL3IntfStatus,
+            Mox::Ptr<L3::Intf::Input::StatusDir> localL3IntfStatus,
+            Mox::Ptr<Ip6::Status const> ip6Status,
+            Mox::Ptr<Ip::AllVrfStatusLocal const> allVrfStatusLocal, int netlinkSocket,
+            Mox::Ptr<Interface::AllIntfStatusDir const> allIntfStatusDir,
+            Mox::Ptr<Interface::KniIntfStatusManager> kniIntfStatusManager, L3::VrfName vrfName,
+            Mox::Ptr<Routing::Hardware::Status const> routingHardwareStatus, bool standbyMode,
+            Mox::Ptr<WarpState> warpState, Mox::Ptr<Bolt::TimerWheel const> timerWheel,
+            Mox::Ptr<L3::UpdateIpIntfStatusVrfRequests> updateIpIntfStatusVrfReq,
+            Mox::Ptr<L3::UpdateIpIntfStatusRequests> updateIpIntfStatusReq,
+            Mox::Ptr<Urpf::UrpfOnAllIntfStat> urpfOnAllIntfStat,
+            Mox::Ptr<ProxyArp::VirtualMacStatus const> proxyArpVirtualMac);
+   ~IpIntfSm() override;
+
+   // ---- Inputs and outputs
+   Mox::Ptr<Ip::Config const> const& ipConfig() const { return ipConfig_; }
+   Mox::Ptr<VrfIpIntfConfig const> const& vrfIpIntfConfig() const { return vrfIpIntfConfig_; }
+   Mox::Ptr<AddrMap> const& addrMap() const override { return addrMap_; }
+   Mox::Ptr<Interface::DeviceIntfStatusDir const> const& kernelIntfDir() const {
+      return kernelIntfDir_;
+   }
+   Mox::Ptr<KernelNetInfo::Root const> const& kernelNetInfoRoot() const { return kniRoot_; }
+   Mox::Ptr<Interface::KniIntfStatusManager> const& kniIntfStatusManager() const override {
+      return kniIntfStatusManager_;
+   }
+   L3::VrfName const& vrfName() const { return vrfName_; }
+   Konet::NamespaceName const& nsName() const;
+   int netlinkSocket() const { return netlinkSocket_; }
+   Mox::Ptr<Ip::Input::Status> const& systemIntfIpStatus() const { return systemIntfIpStatus_; }
+   Mox::Ptr<Ip::Input::Status> const& localIntfIpStatus() const { return localIntfIpStatus_; }
+   Mox::Ptr<L3::Intf::Input::StatusDir> const& systemL3IntfStatus() const {
+      return systemL3IntfStatus_;
+   }
+   Mox::Ptr<L3::Intf::Input::StatusDir> const& localL3IntfStatus() const {
+      return localL3IntfStatus_;
+   }
+   // The IPv4 and L3 status an interface's status goes to (the local ones for local
+   // interfaces).
+   Mox::Ptr<Ip::Input::Status> const& ipStatusFor(Konet::IntfId const& intf) const;
+   Mox::Ptr<L3::Intf::Input::StatusDir> const& l3StatusFor(Konet::IntfId const& intf) const;
+
+   bool standbyMode() const { return standbyMode_; }
+   void standbyModeIs(bool standbyMode);
+
+   // The kernel access of this machine (the process's by default).
+   KernelIo& kernelIo() const { return kernelIo_ ? *kernelIo_ : KernelIo::current(); }
+   void kernelIoIs(KernelIo* io) { kernelIo_ = io; }
+
+   // ---- The backlog
+   double backlogRetryDelay() const { return backlogRetryDelay_; }
+   double backlogSlice() const { return backlogSlice_; }
+   uint32_t maxKernelUpdateTries() const { return maxKernelUpdateTries_; }
+   KernelUpdateCodefEntry const* ipIntfKernelUpdateCodef(Konet::IntfId const& intf) const {
+      return ipIntfKernelUpdateCodefList_.find(intf);
+   }
+   size_t ipIntfKernelUpdateCodefListSize() const { return ipIntfKernelUpdateCodefList_.size(); }
+   std::optional<Konet::IntfId> const& ipIntfKernelUpdateCodefBookmark() const { return bookmark_; }
+   uint64_t ipIntfKernelUpdateCodefListProcessed() const { return runs_; }
+   uint64_t ipIntfKernelUpdateCodefListItemsProcessed() const { return itemsProcessed_; }
+   uint64_t ipIntfKernelUpdateCodefListErrs() const { return errors_; }
+   double backlogTimerTime() const;
+   // The key this machine reports its empty backlog under in WarpState.
+   std::string warpKey() const { return "ipIntfSm-" + vrfName_.name(); }
+
+   IntfIpKernelState const* intfIpKernelState(Konet::IntfId const& intf) const {
+      return intfIpKernelState_.find(intf);
+   }
+
+   void doScheduleKernelAddrUpdate(Konet::IntfId const& intf) override;
+   void doScheduleKernelProcUpdate(Konet::IntfId const& intf);
+   void processIpIntfKernelUpdateCodefList();
+   void verifyBacklogQueue();
+
+   // ---- Kernel work (run by the backlog, inside the VRF's namespace)
+   bool doUpdateKernelAddrIntf(Konet::IntfId const& intf);
+   int doUpdateProc(Konet::IntfId const& intf);
+   int doUpdateProcConfigOpt(Konet::IntfId const& intf, IpIntfConfOptType opt,
+                             IntfIpKernelState& kernelState, std::string const& deviceName);
+   int addIpToIntf(int sock, Konet::IpAddrWithMask const& addr, AddrMap& addrMap,
+                   KernelNetInfo::InterfaceKey ifKey, std::string const& deviceName);
+   void doUpdateGlobalKnobs();
+
+   // ---- Status
+   void doUpdateIpStatusAddr(Konet::IntfId const& intf);
+   void doClearStatusAddrs(Mox::Ptr<Ip::IpIntfStatus> const& status);
+   Mox::Ptr<Ip::IpIntfStatus> addIpIntfStatus(Konet::IntfId const& intf,
+                                              Mox::Ptr<Ip::IpIntfConfig const> const& config);
+   Mox::Ptr<L3::Intf::Status> addL3IntfStatus(Konet::IntfId const& intf, L3::VrfName const& vrf);
+   void handleIntfStatusForDeletedIntfConfig(Konet::IntfId const& intf);
+   // True when the interface's status has a routed configuration behind it; a stale status
+   // is removed when `deleteStale`.
+   bool checkIpIntfCfgStatus(Mox::Ptr<Ip::IpIntfStatus const> const& status,
+                             Konet::IntfId const& intf, bool deleteStale);
+
+   // ---- Configuration
+   Mox::Ptr<Ip::IpIntfConfig const> routedIpIntfConfig(Konet::IntfId const& intf) const;
+   void routedIpIntfConfigIs(Konet::IntfId const& intf,
+                             Mox::Ptr<Ip::IpIntfConfig const> const& config);
+   void routedIpIntfConfigDel(Konet::IntfId const& intf);
+   size_t routedIpIntfConfigs() const;
+   // The VRF an interface's configuration puts it in ("default" when unset).
+   static L3::VrfName configVrf(Mox::Ptr<Ip::IpIntfConfig const> const& config);
+   bool isForwardingEnabled(Konet::IntfId const& intf,
+                            Mox::Ptr<Ip::IpIntfStatus const> const& status,
+                            Mox::Ptr<Ip::IpIntfConfig const> const& config, bool routing) const;
+   void updateDpRoutingEnabled(Konet::IntfId const& intf);
+
+   // ---- uRPF
+   void updateUrpfStatus(Konet::IntfId const& intf, Urpf::UrpfConfig const& urpf);
+   void handleUrpfAndRouting(Konet::IntfId const& intf);
+   void updateUrpfAndRouting(Konet::IntfId const& intf, Urpf::UrpfConfig const& urpf);
+   bool isUrpfOnAnyIntf() const;
+
+   // ---- Handlers
+   void handleInitialized();
+   void handleStandbyMode();
+   void handleIpIntfConfig(Konet::IntfId const& intf);
+   void handleKernelIntf(Konet::IntfId const& intf);
+   void handleUpdate(KernelNetInfo::InterfaceKey key);
+   void handleIpIntfStatusUpdateReq(Konet::IntfId const& intf);
+   void handleRouting();
+   void handleUrpfSupported();
+   void handleVirtualMac(Konet::IntfId const& intf);
+   void handleTcpSendReset();
+   void handleUdpSendUnreach();
+   void handleSendRedirect();
+   void handleIcmpSrcIpAddr();
+   void handleIcmpSrcIntf();
+   void handleIcmpSrcIntfOnStatus(Konet::IntfId const& intf);
+   void handleBacklogTimer();
+
+   static constexpr char const* kProcConfDir = "/proc/sys/net/ipv4/conf/";
+
+private:
+   class Reactors;
+   struct GlobalKnobs;
+   KernelUpdateCodefEntry& entryFor(Konet::IntfId const& intf);
+   void armBacklogTimer();
+   void scheduleGlobalKnobs();
+   void runEntry(KernelUpdateCodefEntry& entry);
+   bool writeOnChange(std::string const& path, std::string const& value);
+   // The IPv4 address of the ICMP source interface, as the namespace's kernel lists it.
+   Konet::IpAddr icmpSrcIntfAddr();
+   Mox::Ptr<Ip::IpIntfStatus> ipIntfStatusOf(Konet::IntfId const& intf) const;
+
+   Mox::Ptr<Ip::Config const> const ipConfig_;
+   Mox::Ptr<VrfIpIntfConfig const> const vrfIpIntfConfig_;
+   Mox::Ptr<AddrMap> const addrMap_;
+   Mox::Ptr<Interface::DeviceIntfStatusDir const> const kernelIntfDir_;
+   Mox::Ptr<Routing::KernelProtoConfig const> const kernelProtoConfig_;
+   Mox::Ptr<Routing::InfoConfig const> const routingInfoConfig_;
+   Mox::Ptr<Ip::Input::Status> const systemIntfIpStatus_;
+   Mox::Ptr<Ip::Input::Status> const localIntfIpStatus_;
+   Mox::Ptr<L3::Intf::Input::StatusDir> const systemL3IntfStatus_;
+   Mox::Ptr<L3::Intf::Input::StatusDir> const localL3IntfStatus_;
+   Mox::Ptr<Ip6::Status const> const ip6Status_;
+   Mox::Ptr<Ip::AllVrfStatusLocal const> const allVrfStatusLocal_;
+   int const netlinkSocket_;
+   Mox::Ptr<Interface::AllIntfStatusDir const> const allIntfStatusDir_;
+   Mox::Ptr<Interface::KniIntfStatusManager> const kniIntfStatusManager_;
+   L3::VrfName const vrfName_;
+   Mox::Ptr<Routing::Hardware::Status const> const routingHardwareStatus_;
+   bool standbyMode_;
+   Mox::Ptr<WarpState> const warpState_;
+   Mox::Ptr<Bolt::TimerWheel const> const timerWheel_;
+   Mox::Ptr<L3::UpdateIpIntfStatusVrfRequests> const updateIpIntfStatusVrfReq_;
+   Mox::Ptr<L3::UpdateIpIntfStatusRequests> const updateIpIntfStatusReq_;
+   Mox::Ptr<Urpf::UrpfOnAllIntfStat> const urpfOnAllIntfStat_;
+   Mox::Ptr<ProxyArp::VirtualMacStatus const> const proxyArpVirtualMac_;
+   Mox::Ptr<KernelNetInfo::Root const> kniRoot_;
+
+   double const backlogRetryDelay_ = 0.01;
+   double const backlogSlice_ = 0.1;
+   uint32_t const maxKernelUpdateTries_ = 33;
+
+   std::unique_ptr<Reactors> reactors_;
+   Mox::Ptr<Mox::TimerNotifiee> backlogTimer_;  // on the timer wheel
+   Mox::HashMap<Konet::IntfId, Mox::Ptr<MoxIpIntfConfigFilter>> ipIntfConfigFilter_;
+   Mox::HashMap<Konet::IntfId, Mox::Ptr<MoxIpIntfConfig>> routedIpIntfConfig_;
+   Mox::HashMap<KernelNetInfo::InterfaceKey, Mox::Ptr<KniIntfState>> kniIntfState_;
+   Mox::HashMap<Konet::IntfId, KernelUpdateCodefEntry> ipIntfKernelUpdateCodefList_;
+   Mox::HashMap<Konet::IntfId, IntfIpKernelState> intfIpKernelState_;
+   std::optional<Konet::IntfId> bookmark_;
+   bool globalKnobsPending_ = false;
+   Mox::HashMap<std::string, std::string> globalWritten_;  // namespace-wide file -> value
+   Konet::IntfId icmpSrcIntf_;  // the ICMP source interface the machine holds now
+   uint64_t runs_ = 0;
+   uint64_t itemsProcessed_ = 0;
+   uint64_t errors_ = 0;
+   KernelIo* kernelIo_ = nullptr;
+};
+
+constexpr auto moxEnumNames(IpIntfSm::IpIntfConfOptType) {
+   using T = IpIntfSm::IpIntfConfOptType;
+   return Mox::EnumNames<T, 9>{{
+       {T::confOptForwarding, "confOptForwarding"},
+       {T::confOptRPFilter, "confOptRPFilter"},
+       {T::confOptProxyArp, "confOptProxyArp"},
+       {T::confOptArpIgnore, "confOptArpIgnore"},
+       {T::confOptLocalProxyArp, "confOptLocalProxyArp"},
+       {T::confOptAcceptIcmpRedirectIPv4, "confOptAcceptIcmpRedirectIPv4"},
+       {T::confOptSendIcmpRedirectIPv4, "confOptSendIcmpRedirectIPv4"},
+       {T::confOptUseIcmpSrcIpAddr, "confOptUseIcmpSrcIpAddr"},
+       {T::confOptGratuitousArpAccept, "confOptGratuitousArpAccept"},
+   }};
+}
+inline std::ostream& operator<<(std::ostream& os, IpIntfSm::IpIntfConfOptType t) {
+   return Mox::streamEnum(os, t);
+}
+
+}  // namespace Veld

@@ -1,0 +1,141 @@
+// IpIntfSm: the kernel-work backlog, drained in time-bounded runs inside the VRF's namespace.
+#include "mox/Trace.h"
+#include "veld/ipv4/IpIntfConfigReactors.h"
+#include "veld/ipv4/IpIntfSm.h"
+#include "veld/redundancy/WarpState.h"
+
+namespace Veld {
+
+namespace {
+Mox::TraceHandle th("Veld");
+}
+
+IpIntfSm::KernelUpdateCodefEntry& IpIntfSm::entryFor(Konet::IntfId const& intf) {
+   auto [entry, inserted] = ipIntfKernelUpdateCodefList_.emplace(intf);
+   if (inserted) {
+      entry->intf = intf;
+      if (warpState_ && ipIntfKernelUpdateCodefList_.size() == 1) {
+         warpState_->backlogEmptyIs(warpKey(), false);
+      }
+   }
+   return *entry;
+}
+
+void IpIntfSm::armBacklogTimer() {
+   if (!backlogTimer_ || backlogTimer_->armed()) return;
+   backlogTimer_->timeMinIs(Mox::System::currentTime() + backlogRetryDelay_);
+}
+
+double IpIntfSm::backlogTimerTime() const {
+   return backlogTimer_ ? backlogTimer_->timeMin() : Mox::kInfinity;
+}
+
+void IpIntfSm::doScheduleKernelAddrUpdate(Konet::IntfId const& intf) {
+   MOX_TRACE_FN(th, " for " << intf);
+   entryFor(intf).addrUpdatePending = true;
+   armBacklogTimer();
+}
+
+void IpIntfSm::doScheduleKernelProcUpdate(Konet::IntfId const& intf) {
+   MOX_TRACE_FN(th, " for " << intf);
+   entryFor(intf).procUpdatePending = true;
+   armBacklogTimer();
+}
+
+void IpIntfSm::scheduleGlobalKnobs() {
+   globalKnobsPending_ = true;
+   armBacklogTimer();
+}
+
+void IpIntfSm::handleBacklogTimer() { processIpIntfKernelUpdateCodefList(); }
+
+void IpIntfSm::runEntry(KernelUpdateCodefEntry& entry) {
+   double now = Mox::System::currentTime();
+   if (entry.procUpdatePending) {
+      int err = doUpdateProc(entry.intf);
+      if (err == 0) {
+         entry.procUpdatePending = false;
+         entry.tries = 0;
+      } else {
+         if (entry.tries == 0) entry.firstFailureTime = now;
+         entry.lastError = err;
+         ++errors_;
+         if (++entry.tries >= maxKernelUpdateTries_) {
+            MOX_TRACE(th, 0,
+                      "Abandoned write, error = " << entry.lastError << " for " << entry.intf
+                                                  << " after " << now - entry.firstFailureTime
+                                                  << " seconds");
+            Mox::logMessage(Mox::LogSeverity::warning, "VELD-PROC-ABANDONED",
+                            "Abandoned write, error = " + std::to_string(entry.lastError) +
+                                " for " + entry.intf.name() + " after " +
+                                std::to_string(now - entry.firstFailureTime) + " seconds");
+            entry.procUpdatePending = false;
+            entry.tries = 0;
+         }
+      }
+   }
+   if (entry.addrUpdatePending) {
+      if (!doUpdateKernelAddrIntf(entry.intf)) entry.addrUpdatePending = false;
+   }
+   entry.statusUpdatePending = false;  // the address update writes the status
+}
+
+void IpIntfSm::processIpIntfKernelUpdateCodefList() {
+   MOX_TRACE_FN(th, " vrf " << vrfName_ << " entries " << ipIntfKernelUpdateCodefList_.size());
+   ++runs_;
+   double const start = Mox::System::currentTime();
+   if (globalKnobsPending_) {
+      globalKnobsPending_ = false;
+      auto inNs = kernelIo().enterNamespace(nsName(), "processIpIntfKernelUpdateCodefList");
+      if (inNs->ok()) doUpdateGlobalKnobs();
+   }
+   // Each entry at most once per run, from the bookmark to the end and round to it.
+   auto& list = ipIntfKernelUpdateCodefList_;
+   std::vector<Konet::IntfId> order;
+   order.reserve(list.size());
+   auto resume = bookmark_ ? list.at(*bookmark_) : list.begin();
+   for (auto it = resume; it != list.end(); ++it)
+      order.push_back(it->first);
+   for (auto it = list.begin(); it != resume; ++it)
+      order.push_back(it->first);
+   bookmark_.reset();
+   for (size_t i = 0; i < order.size(); ++i) {
+      if (start + backlogSlice_ <= Mox::System::currentTime()) {
+         bookmark_ = order[i];  // out of time: the next run resumes here
+         break;
+      }
+      auto* entry = list.find(order[i]);
+      if (!entry) continue;
+      ++itemsProcessed_;
+      {
+         auto inNs = kernelIo().enterNamespace(nsName(), "processIpIntfKernelUpdateCodefList");
+         if (!inNs->ok()) continue;  // logged; the entry waits for the next run
+         runEntry(*entry);
+      }
+      entry = list.find(order[i]);  // the work may have added entries
+      if (entry && entry->idle()) list.erase(order[i]);
+   }
+   if (!list.empty() || globalKnobsPending_) {
+      backlogTimer_->timeMinIs(Mox::System::currentTime() + backlogRetryDelay_);
+      return;
+   }
+   MOX_TRACE(th, 5, "Backlog queue empty for vrf " << vrfName_);
+   if (warpState_) warpState_->backlogEmptyIs(warpKey(), true);
+   backlogTimer_->timeMinIs(Mox::kInfinity);
+}
+
+void IpIntfSm::verifyBacklogQueue() {
+   MOX_TRACE_FN(th, " vrf " << vrfName_);
+   if (routedIpIntfConfig_.empty()) {
+      MOX_TRACE(th, 5,
+                "No L3 interfaces in vrf " << vrfName_ << ", Vrf " << vrfName_
+                                           << ". Skipping WARP check.");
+      if (warpState_) warpState_->backlogEmptyIs(warpKey(), true);
+      return;
+   }
+   if (warpState_) {
+      warpState_->backlogEmptyIs(warpKey(), ipIntfKernelUpdateCodefList_.empty());
+   }
+}
+
+}  // namespace Veld

@@ -1,0 +1,335 @@
+// IpIntfSm: the kernel work of one backlog entry (addresses, IFF_NOARP, per-interface
+// settings) and the namespace-wide settings. Runs inside the VRF's namespace.
+#include <cstring>
+
+#include "mox/Trace.h"
+#include "veld/ipv4/IpIntfConfigReactors.h"
+#include "veld/ipv4/IpIntfSm.h"
+
+namespace Veld {
+
+namespace {
+
+Mox::TraceHandle th("Veld");
+
+using Opt = IpIntfSm::IpIntfConfOptType;
+
+char const* const kOptFile[] = {
+    "forwarding",       "rp_filter",      "proxy_arp",           "arp_ignore", "proxy_arp_pvlan",
+    "accept_redirects", "send_redirects", "use_icmp_src_ipaddr", "arp_accept",
+};
+
+char const* bit(bool on) { return on ? "1" : "0"; }
+
+std::string errorText(int err) { return std::strerror(err); }
+
+}  // namespace
+
+// ---- Addresses
+
+int IpIntfSm::addIpToIntf(int sock, Konet::IpAddrWithMask const& addr, AddrMap& addrMap,
+                          KernelNetInfo::InterfaceKey ifKey, std::string const& deviceName) {
+   auto g = addrMap.genAddr(ifKey);
+   if (g && g->addr(addr)) {
+      MOX_TRACE(th, 7, "Adding ip addr " << addr << " to " << deviceName << " already exists");
+      return 0;
+   }
+   MOX_TRACE(th, 5, "Adding ip addr " << addr << " to " << deviceName);
+   int err = kernelIo().ipAddrAdd(sock, static_cast<int>(ifKey.ifIndex), addr);
+   if (err == 0) {
+      addrMap.addAddr(ifKey, addr);
+      return 0;
+   }
+   if (err == EINVAL) {
+      Mox::logMessage(
+          Mox::LogSeverity::error, "VELD-ADDR",
+          "Failed to assign address " + addr.toString() + " to interface " + deviceName);
+   } else {
+      Mox::logMessage(
+          Mox::LogSeverity::error, "VELD-ADDR",
+          "Failed to update interface address of " + deviceName + ": " + errorText(err));
+   }
+   return err;
+}
+
+bool IpIntfSm::doUpdateKernelAddrIntf(Konet::IntfId const& intf) {
+   MOX_TRACE_FN(th, " for " << intf << " in Ns " << nsName() << " vrf " << vrfName_);
+   if (!kernelIntfDir_ || !ipConfig_ || !kniRoot_ || !addrMap_) {
+      MOX_TRACE(th, 5,
+                " exiting for " << intf << " kernelIntfDir() "
+                                << (kernelIntfDir_ ? "present" : "missing") << " config() "
+                                << (ipConfig_ ? "present" : "missing") << " kernelNetInfoRoot() "
+                                << (kniRoot_ ? "present" : "missing") << " VRF: " << vrfName_);
+      return false;
+   }
+   auto config = routedIpIntfConfig(intf);
+   if (standbyMode_) MOX_TRACE(th, 5, "Standby Veld skipping larder update for " << intf);
+
+   auto dev = kernelIntfDir_->intfStatusAndDeviceName(intf).second;
+   if (dev.empty()) {
+      // The device is not (or no longer) in this namespace: nothing here to program.
+      doUpdateIpStatusAddr(intf);
+      return false;
+   }
+   auto kniIntf = kniRoot_->interfaceByName(dev);
+   if (kniIntf == KernelNetInfo::Interface()) {
+      // The mirror can trail the interface status by an event; when the record appears,
+      // its KniIntfState schedules the interface again.
+      MOX_TRACE(th, 5, "no kernel record for " << dev << " yet");
+      return false;
+   }
+   bool running = kniIntf.running();
+   L3::VrfName intfVrf = configVrf(config);
+   bool sameVrf = config && intfVrf == vrfName_;
+   MOX_TRACE(th, 6, "interface " << dev << ": running=" << running);
+   MOX_TRACE(th, 6, "interface VRF: " << intfVrf << ", my VRF: " << vrfName_);
+
+   if (config && sameVrf && !standbyMode_ && !ipIntfStatusOf(intf)) {
+      addL3IntfStatus(intf, intfVrf);
+      addIpIntfStatus(intf, config);
+   }
+
+   int sock = netlinkSocket_;
+   if (config) {
+      bool noArp = config->noArp() == Ip::TristateBool::isTrue;
+      if (noArp != bool(kniIntf.flags & KernelNetInfo::kIffNoArp)) {
+         int err = kernelIo().setKintfFlags(sock, static_cast<int>(kniIntf.key.ifIndex),
+                                            noArp ? KernelNetInfo::kIffNoArp : 0,
+                                            KernelNetInfo::kIffNoArp);
+         if (err) {
+            Mox::logMessage(Mox::LogSeverity::error, "VELD-NOARP",
+                            "Failed to change IFF_NOARP of " + dev + " to " +
+                                (noArp ? "enabled" : "disabled") + ": " + errorText(err));
+         }
+      }
+   }
+
+   auto g = addrMap_->genAddrIs(kniIntf.key);
+   MOX_TRACE(th, 6,
+             "kii for ifIndex=" << kniIntf.key << " intfName=" << dev << " has "
+                                << g->addrIterator().size() << " addresses");
+
+   // What this VRF wants on the device; nothing when it is not routed here.
+   Mox::HashSet<Konet::IpAddrWithMask> wanted;
+   if (config && sameVrf) {
+      if (config->addrWithMask().len()) wanted.insert(config->addrWithMask());
+      if (config->virtualAddrWithMask().len()) wanted.insert(config->virtualAddrWithMask());
+      for (auto const& a : config->secondaryWithMaskIterator())
+         wanted.insert(a);
+      for (auto const& a : config->virtualSecondaryWithMaskIterator())
+         wanted.insert(a);
+   }
+   // Addresses the kernel holds (as far as the map knows) that nobody wants go.
+   for (auto const& a : g->addrIterator().keys()) {
+      if (wanted.contains(a)) continue;
+      auto status = ipIntfStatusOf(intf);
+      if (status && status->activeSecondaryWithMask(a)) {
+         MOX_TRACE(th, 5, "Deleting secondary ip address " << a << " for " << intf);
+      } else {
+         MOX_TRACE(th, 5, "Deleting ip addr " << a << " from " << dev);
+      }
+      int err = kernelIo().ipAddrDel(sock, static_cast<int>(kniIntf.key.ifIndex), a);
+      if (err == 0) {
+         addrMap_->delAddr(kniIntf.key, a);
+      } else {
+         Mox::logMessage(Mox::LogSeverity::error, "VELD-ADDR",
+                         "Error deleting " + a.toString() + " from " + dev + ":" + errorText(err));
+      }
+   }
+
+   updateDpRoutingEnabled(intf);
+
+   // A device takes addresses once its per-interface settings are in the kernel
+   // (promote_secondaries above all), so the settings of this entry go first.
+   if (auto const* entry = ipIntfKernelUpdateCodef(intf); entry && entry->procUpdatePending) {
+      MOX_TRACE(th, 5, " Deferring adding addresses for " << intf);
+      return true;
+   }
+
+   if (config && sameVrf && running) {
+      // The primary first, so that the kernel makes it the primary of its subnet.
+      auto add = [&](Konet::IpAddrWithMask const& a) {
+         if (a.len()) addIpToIntf(sock, a, *addrMap_, kniIntf.key, dev);
+      };
+      add(config->addrWithMask());
+      for (auto const& a : config->secondaryWithMaskIterator())
+         add(a);
+      add(config->virtualAddrWithMask());
+      for (auto const& a : config->virtualSecondaryWithMaskIterator())
+         add(a);
+      doUpdateIpStatusAddr(intf);
+      return false;
+   }
+
+   if (config) {
+      // A routed interface whose device is down, or that belongs to another VRF, keeps no
+      // IPv4 address: flush them all, without the kernel promoting secondaries meanwhile.
+      MOX_TRACE(th, 5, "ipIntf " << intf << " running " << running << " sameVrf " << sameVrf);
+      MOX_TRACE(th, 5,
+                "ipAddrFlush sd " << sock << " ifindex " << kniIntf.key << " devName " << dev
+                                  << " ns " << nsName());
+      int err =
+          kernelIo().ipAddrFlush(sock, static_cast<int>(kniIntf.key.ifIndex), dev, nsName().name());
+      if (err) {
+         Mox::logMessage(Mox::LogSeverity::error, "VELD-ADDR",
+                         "Failed to flush interface addresses of " + dev + ": " + errorText(err));
+      }
+      addrMap_->flushAddr(kniIntf.key);
+   }
+   if (!standbyMode_) doClearStatusAddrs(ipIntfStatusOf(intf));
+   return false;
+}
+
+// ---- Per-interface settings
+
+int IpIntfSm::doUpdateProcConfigOpt(Konet::IntfId const& intf, IpIntfConfOptType opt,
+                                    IntfIpKernelState& state, std::string const& dev) {
+   auto kniIntf = kniRoot_->interfaceByName(dev);
+   MOX_ASSERT(kniIntf != KernelNetInfo::Interface());
+   auto config = routedIpIntfConfig(intf);
+   bool routing = routingInfoConfig_ && routingInfoConfig_->routing();
+   std::string value;
+   switch (opt) {
+      case Opt::confOptForwarding:
+         value = bit(isForwardingEnabled(intf, ipIntfStatusOf(intf), config, routing));
+         break;
+      case Opt::confOptRPFilter: {
+         // The kernel checks reverse paths only where the hardware cannot: the configured mode
+         // when the forwarding hardware lacks uRPF, off when it does the check itself.
+         using M = IntfIpKernelState::RpFilterMode;
+         auto mode = config ? config->urpf().mode : Urpf::UrpfMode::disable;
+         M rp = M::off;
+         if (!(routingHardwareStatus_ && routingHardwareStatus_->urpfSupported())) {
+            rp = mode == Urpf::UrpfMode::strict    ? M::strict
+                 : mode == Urpf::UrpfMode::disable ? M::off
+                                                   : M::loose;
+         }
+         state.rpFilterModeIs(rp);
+         value = std::to_string(Mox::enumValue(rp));
+         break;
+      }
+      case Opt::confOptProxyArp:
+         value = bit((config && config->proxyArpEnabled()) ||
+                     (proxyArpVirtualMac_ && proxyArpVirtualMac_->intf(intf)));
+         break;
+      case Opt::confOptArpIgnore:
+         // A router answers ARP on an interface only for that interface's own addresses.
+         value = "1";
+         break;
+      case Opt::confOptLocalProxyArp:
+         value = bit(config && config->localProxyArpEnabled());
+         break;
+      case Opt::confOptAcceptIcmpRedirectIPv4:
+         value = "0";
+         break;
+      case Opt::confOptSendIcmpRedirectIPv4:
+         value = bit(ipConfig_ && ipConfig_->sendRedirects());
+         break;
+      case Opt::confOptUseIcmpSrcIpAddr:
+         // Management interfaces answer from their own address; the others use the
+         // configured ICMP source address when there is one.
+         value = bit(!intf.isManagement() && ipConfig_ &&
+                     (!ipConfig_->icmpSrcIpAddr().isZero() || !ipConfig_->icmpSrcIntf().empty()));
+         break;
+      case Opt::confOptGratuitousArpAccept:
+         value = bit(config && config->gratuitousArpAccepted());
+         break;
+   }
+   auto i = static_cast<size_t>(opt);
+   if (!state.needsWrite(i, value)) return 0;
+   std::string path = std::string(kProcConfDir) + dev + "/" + kOptFile[i];
+   int err = kernelIo().writeProcSys(path, value);
+   if (err == ENOENT) {
+      // A file this kernel lacks, or a device that went (its return resets the record).
+      state.absentIs(i, value);
+      return 0;
+   }
+   if (err) {
+      MOX_TRACE(th, 3, "Failed (err: " << err << ") to write " << value << " to " << path);
+      return err;
+   }
+   state.writtenIs(i, value);
+   if (opt == Opt::confOptRPFilter) {
+      MOX_TRACE(th, 5, "Flushing kernel route cache");
+      kernelIo().writeProcSys("/proc/sys/net/ipv4/route/flush", "-1");
+   }
+   return 0;
+}
+
+int IpIntfSm::doUpdateProc(Konet::IntfId const& intf) {
+   MOX_TRACE_FN(th, " for " << intf);
+   auto dev = kernelIntfDir_ ? kernelIntfDir_->intfStatusAndDeviceName(intf).second : "";
+   if (dev.empty() || !kniRoot_ || kniRoot_->interfaceByName(dev) == KernelNetInfo::Interface()) {
+      Mox::logMessage(Mox::LogSeverity::info, "VELD-PROC",
+                      std::string("doUpdateProc tried to write to /proc before") +
+                          " deviceName for " + intf.name() + " was written.");
+      return 0;
+   }
+   if (!routedIpIntfConfig(intf)) return 0;  // only routed interfaces are ours to set
+   auto& state = intfIpKernelState_[intf];
+   // Device-level settings first: a deleted primary promotes a secondary instead of taking
+   // it along; ARP replies carry the best local source; ARP filtering is the kernel's.
+   static char const* const kExtraFile[] = {"promote_secondaries", "arp_announce", "arp_filter"};
+   static char const* const kExtraValue[] = {"1", "2", "0"};
+   int result = 0;
+   for (size_t i = 0; i < 3; ++i) {
+      auto& written = state.extra(i);
+      if (written && *written == kExtraValue[i]) continue;
+      int err = kernelIo().writeProcSys(std::string(kProcConfDir) + dev + "/" + kExtraFile[i],
+                                        kExtraValue[i]);
+      if (err == 0) written = kExtraValue[i];
+      if (err && err != ENOENT && !result) result = err;
+   }
+   for (size_t i = 0; i < IntfIpKernelState::kOptions; ++i) {
+      int err = doUpdateProcConfigOpt(intf, static_cast<Opt>(i), state, dev);
+      if (err && !result) result = err;
+   }
+   return result;
+}
+
+// ---- Namespace-wide settings
+
+bool IpIntfSm::writeOnChange(std::string const& path, std::string const& value) {
+   auto const* written = globalWritten_.find(path);
+   if (written && *written == value) return true;
+   int err = kernelIo().writeProcSys(path, value);
+   if (err == 0) globalWritten_.assign(path, value);
+   return err == 0 || err == ENOENT;  // a knob this kernel lacks is not an error
+}
+
+Konet::IpAddr IpIntfSm::icmpSrcIntfAddr() {
+   if (icmpSrcIntf_.empty() || !kernelIntfDir_) return Konet::IpAddr();
+   auto dev = kernelIntfDir_->intfStatusAndDeviceName(icmpSrcIntf_).second;
+   std::vector<Konet::IfconfEntry> entries;
+   if (dev.empty() || kernelIo().ifconfInterfaces(&entries)) return Konet::IpAddr();
+   for (auto const& e : entries) {
+      if (e.name == dev) return e.addr;
+   }
+   return Konet::IpAddr();
+}
+
+void IpIntfSm::doUpdateGlobalKnobs() {
+   MOX_TRACE_FN(th, " vrf " << vrfName_);
+   if (kernelProtoConfig_) {
+      writeOnChange("/proc/sys/net/ipv4/tcp_nosock_send_rst",
+                    bit(kernelProtoConfig_->tcpSendReset()));
+      writeOnChange("/proc/sys/net/ipv4/udp_nosock_send_icmp",
+                    bit(kernelProtoConfig_->udpSendUnreachable()));
+   }
+   if (ipConfig_) {
+      char const* redirects = bit(ipConfig_->sendRedirects());
+      for (char const* d : {"all", "default", "lo"}) {
+         writeOnChange(std::string(kProcConfDir) + d + "/send_redirects", redirects);
+      }
+      // ICMP errors leave from the configured address, else from the ICMP source
+      // interface's address as the kernel lists it; none: the kernel chooses.
+      auto src = ipConfig_->icmpSrcIpAddr();
+      if (src.isZero()) src = icmpSrcIntfAddr();
+      writeOnChange("/proc/sys/net/ipv4/icmp_src_ipaddr", src.toString());
+      for (char const* d : {"all", "default", "lo"}) {
+         writeOnChange(std::string(kProcConfDir) + d + "/use_icmp_src_ipaddr", bit(!src.isZero()));
+      }
+   }
+}
+
+}  // namespace Veld

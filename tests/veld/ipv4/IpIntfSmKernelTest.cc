@@ -1,0 +1,220 @@
+// The IPv4 machine programming the real kernel: addresses, IFF_NOARP, /proc settings,
+// flushes, and status.
+#include <gtest/gtest.h>
+
+#include "IpIntfSmFixture.h"
+
+namespace VeldTest {
+namespace {
+
+using Set = std::set<std::string>;
+
+class IpIntfSmKernelTest : public IpIntfSmFixture {};
+
+TEST_F(IpIntfSmKernelTest, PrimarySecondaryAndVirtualAddressesReachKernelAndStatus) {
+   auto e1 = addIntf("Ethernet1");
+   e1.config->addrWithMaskIs(v4("10.1.0.1/24"));
+   e1.config->secondaryWithMaskIs(v4("10.1.0.2/24"));
+   e1.config->secondaryWithMaskIs(v4("10.9.0.1/24"));
+   e1.config->virtualAddrWithMaskIs(v4("10.1.0.254/24"));
+   place(e1);
+   makeSm();
+   settle();
+   EXPECT_EQ(kernelAddrSet(e1.veth.ifindex),
+             (Set{"10.1.0.1/24", "10.1.0.2/24", "10.9.0.1/24", "10.1.0.254/24"}));
+   EXPECT_EQ(kernelAddrs(e1.veth.ifindex).front(), "10.1.0.1/24");  // the primary came first
+   auto s = ipStatus(e1.id);
+   ASSERT_TRUE(s);
+   EXPECT_EQ(s->addrWithMask(), v4("10.1.0.1/24"));
+   EXPECT_EQ(s->virtualAddrWithMask(), v4("10.1.0.254/24"));
+   EXPECT_TRUE(s->activeSecondaryWithMask(v4("10.1.0.2/24")));
+   EXPECT_TRUE(s->activeSecondaryWithMask(v4("10.9.0.1/24")));
+   EXPECT_EQ(s->vrf(), L3::VrfName("default"));
+   ASSERT_TRUE(systemL3->intfStatus(e1.id));
+   EXPECT_EQ(systemL3->intfStatus(e1.id)->vrf(), L3::VrfName("default"));
+   EXPECT_TRUE(warp->backlogEmpty("ipIntfSm-default"));
+
+   // Removing one secondary removes exactly that address.
+   int opsBefore = io.addrOps;
+   e1.config->secondaryWithMaskDel(v4("10.1.0.2/24"));
+   EXPECT_FALSE(s->activeSecondaryWithMask(v4("10.1.0.2/24")));  // at once, by the handler
+   settle();
+   EXPECT_EQ(kernelAddrSet(e1.veth.ifindex), (Set{"10.1.0.1/24", "10.9.0.1/24", "10.1.0.254/24"}));
+   EXPECT_EQ(io.addrOps - opsBefore, 1);
+   EXPECT_TRUE(s->activeSecondaryWithMask(v4("10.9.0.1/24")));
+}
+
+TEST_F(IpIntfSmKernelTest, AnAddressTheAgentDidNotAddStays) {
+   auto e1 = addIntf("Ethernet1");
+   e1.config->addrWithMaskIs(v4("10.1.0.1/24"));
+   place(e1);
+   makeSm();
+   settle();
+   ASSERT_EQ(Konet::ipAddrAdd(sock(), e1.veth.ifindex, v4("192.0.2.7/24")), 0);
+   e1.config->addrWithMaskIs(v4("10.1.0.9/24"));
+   settle();
+   EXPECT_EQ(kernelAddrSet(e1.veth.ifindex), (Set{"10.1.0.9/24", "192.0.2.7/24"}));
+}
+
+TEST_F(IpIntfSmKernelTest, AddressesInTheKernelAtStartAreTakenAsOursAndReconciled) {
+   // A restarted agent starts from the kernel's truth: what is configured stays untouched,
+   // what is not is removed.
+   auto e1 = addIntf("Ethernet1");
+   ASSERT_EQ(Konet::ipAddrAdd(sock(), e1.veth.ifindex, v4("10.1.0.1/24")), 0);
+   ASSERT_EQ(Konet::ipAddrAdd(sock(), e1.veth.ifindex, v4("10.7.0.1/24")), 0);
+   mirror->processEvents();
+   addrMapSm =
+       Veld::AddrMappingSmIs(mirror->status(), addrMap = make<Veld::AddrMap>(mirror->status()));
+   e1.config->addrWithMaskIs(v4("10.1.0.1/24"));
+   place(e1);
+   makeSm();
+   settle();
+   EXPECT_EQ(kernelAddrSet(e1.veth.ifindex), Set{"10.1.0.1/24"});
+   EXPECT_EQ(io.addrOps, 1);  // one delete, no re-add of the configured address
+}
+
+TEST_F(IpIntfSmKernelTest, NoArpFollowsTheConfiguration) {
+   auto e1 = addIntf("Ethernet1");
+   place(e1);
+   makeSm();
+   settle();
+   EXPECT_FALSE(link(e1.veth.ifindex).flags & IFF_NOARP);
+   e1.config->noArpIs(Ip::TristateBool::isTrue);
+   settle();
+   EXPECT_TRUE(link(e1.veth.ifindex).flags & IFF_NOARP);
+   EXPECT_EQ(ipStatus(e1.id)->noArp(), Ip::TristateBool::isTrue);
+   e1.config->noArpIs(Ip::TristateBool::isFalse);
+   settle();
+   EXPECT_FALSE(link(e1.veth.ifindex).flags & IFF_NOARP);
+}
+
+TEST_F(IpIntfSmKernelTest, ProcFilesHoldTheTabledValuesAndAreWrittenOnlyOnChange) {
+   auto e1 = addIntf("Ethernet1");
+   e1.config->proxyArpEnabledIs(true);
+   e1.config->gratuitousArpAcceptedIs(true);
+   e1.config->urpfIs(Urpf::UrpfConfig{Urpf::UrpfMode::strict, false});
+   ipConfig->sendRedirectsIs(true);
+   place(e1);
+   makeSm();
+   settle();
+   auto const& dev = e1.veth.name;
+   EXPECT_EQ(proc(dev, "forwarding"), "1");
+   EXPECT_EQ(proc(dev, "rp_filter"), "1");
+   EXPECT_EQ(proc(dev, "proxy_arp"), "1");
+   EXPECT_EQ(proc(dev, "arp_ignore"), "1");
+   EXPECT_EQ(proc(dev, "proxy_arp_pvlan"), "0");
+   EXPECT_EQ(proc(dev, "accept_redirects"), "0");
+   EXPECT_EQ(proc(dev, "send_redirects"), "1");
+   EXPECT_EQ(proc(dev, "arp_accept"), "1");
+   EXPECT_EQ(proc(dev, "promote_secondaries"), "1");
+   EXPECT_EQ(proc(dev, "arp_announce"), "2");
+   EXPECT_EQ(proc("all", "send_redirects"), "1");
+   EXPECT_EQ(urpfStat->intfUrpf(e1.id), Urpf::UrpfMode::strict);
+   EXPECT_TRUE(systemStatus->urpfConfiguredOnAnyIntf());
+
+   auto const* state = sm->intfIpKernelState(e1.id);
+   ASSERT_TRUE(state);
+   EXPECT_EQ(state->numProxyArpUpdates(), 1u);
+   EXPECT_EQ(state->numRpFilterUpdates(), 1u);
+   EXPECT_EQ(io.writesTo("/route/flush").size(), 1u);
+
+   // An unrelated change reschedules the settings: nothing unchanged is written again.
+   size_t writes = io.writes.size();
+   e1.config->localProxyArpEnabledIs(true);
+   settle();
+   EXPECT_EQ(proc(dev, "proxy_arp_pvlan"), "1");
+   EXPECT_EQ(state->numLocalProxyArpUpdates(), 2u);
+   EXPECT_EQ(state->numProxyArpUpdates(), 1u);
+   EXPECT_EQ(io.writes.size(), writes + 1);
+
+   // The hardware takes over reverse-path checks: the kernel's goes off.
+   hardware->urpfSupportedIs(true);
+   settle();
+   EXPECT_EQ(proc(dev, "rp_filter"), "0");
+   routingInfo->routingIs(false);
+   settle();
+   EXPECT_EQ(proc(dev, "forwarding"), "0");
+   EXPECT_FALSE(ipStatus(e1.id)->dpRoutingEnabled());
+}
+
+TEST_F(IpIntfSmKernelTest, ManagementInterfacesGetUseIcmpSrcIpAddrZeroAndEnoentIsSuccess) {
+   auto m1 = addIntf("Management1");
+   ipConfig->icmpSrcIpAddrIs(*Konet::IpAddr::parse("192.0.2.1"));
+   place(m1);
+   makeSm();
+   settle();
+   auto w = io.writesTo(m1.veth.name + "/use_icmp_src_ipaddr");
+   ASSERT_FALSE(w.empty());
+   EXPECT_EQ(w.front().first, "0");
+   EXPECT_EQ(w.front().second, ENOENT);                     // the stock kernel lacks the file
+   EXPECT_EQ(sm->ipIntfKernelUpdateCodef(m1.id), nullptr);  // done, nothing retried
+   EXPECT_EQ(sm->ipIntfKernelUpdateCodefListErrs(), 0u);
+}
+
+TEST_F(IpIntfSmKernelTest, ADeviceThatGoesDownIsFlushedWithoutPromotingSecondaries) {
+   auto e1 = addIntf("Ethernet1");
+   e1.config->addrWithMaskIs(v4("10.1.0.1/24"));
+   e1.config->secondaryWithMaskIs(v4("10.1.0.2/24"));
+   e1.config->secondaryWithMaskIs(v4("10.1.0.3/24"));
+   place(e1);
+   makeSm();
+   settle();
+   ASSERT_EQ(kernelAddrSet(e1.veth.ifindex).size(), 3u);
+
+   ASSERT_EQ(Konet::setLinkUp(sock(), e1.veth.peerIfindex, false), 0);  // carrier goes
+   ASSERT_TRUE(KonetTest::waitFor([&] { return !(link(e1.veth.ifindex).flags & IFF_RUNNING); }));
+   settle();
+   EXPECT_TRUE(kernelAddrs(e1.veth.ifindex).empty());
+   EXPECT_EQ(proc(e1.veth.name, "promote_secondaries"), "1");
+   EXPECT_EQ(ipStatus(e1.id)->addrWithMask(), IpAddrWithMask());
+   EXPECT_TRUE(ipStatus(e1.id)->activeSecondaryWithMaskIterator().empty());
+
+   ASSERT_EQ(Konet::setLinkUp(sock(), e1.veth.peerIfindex, true), 0);
+   ASSERT_TRUE(KonetTest::waitFor([&] { return link(e1.veth.ifindex).flags & IFF_RUNNING; }));
+   settle();
+   EXPECT_EQ(kernelAddrSet(e1.veth.ifindex), (Set{"10.1.0.1/24", "10.1.0.2/24", "10.1.0.3/24"}));
+   EXPECT_EQ(ipStatus(e1.id)->addrWithMask(), v4("10.1.0.1/24"));
+}
+
+TEST_F(IpIntfSmKernelTest, AnInterfaceThatStopsBeingRoutedLosesStatusAndAddresses) {
+   auto e1 = addIntf("Ethernet1");
+   e1.config->addrWithMaskIs(v4("10.1.0.1/24"));
+   place(e1);
+   makeSm();
+   settle();
+   ASSERT_TRUE(ipStatus(e1.id));
+   e1.status->forwardingModelIs(Interface::IntfForwardingModel::intfForwardingModelBridged);
+   settle();
+   EXPECT_FALSE(ipStatus(e1.id));
+   EXPECT_FALSE(systemL3->intfStatus(e1.id));
+   EXPECT_TRUE(kernelAddrs(e1.veth.ifindex).empty());
+   e1.status->forwardingModelIs(Interface::IntfForwardingModel::intfForwardingModelRouted);
+   settle();
+   EXPECT_EQ(kernelAddrSet(e1.veth.ifindex), Set{"10.1.0.1/24"});
+   view->ipIntfConfigDel(e1.id);  // the configuration leaves the VRF
+   settle();
+   EXPECT_FALSE(ipStatus(e1.id));
+   EXPECT_TRUE(kernelAddrs(e1.veth.ifindex).empty());
+}
+
+TEST_F(IpIntfSmKernelTest, StandbyProgramsTheKernelButWritesNoStatus) {
+   auto e1 = addIntf("Ethernet1");
+   e1.config->addrWithMaskIs(v4("10.1.0.1/24"));
+   e1.config->attachedRoutesIs(false);
+   place(e1);
+   makeSm(true);
+   settle();
+   EXPECT_EQ(kernelAddrSet(e1.veth.ifindex), Set{"10.1.0.1/24"});
+   EXPECT_FALSE(ipStatus(e1.id));
+   EXPECT_FALSE(systemL3->intfStatus(e1.id));
+   EXPECT_EQ(proc(e1.veth.name, "forwarding"), "1");
+
+   sm->standbyModeIs(false);  // becoming active publishes what the kernel holds
+   settle();
+   ASSERT_TRUE(ipStatus(e1.id));
+   EXPECT_EQ(ipStatus(e1.id)->addrWithMask(), v4("10.1.0.1/24"));
+   EXPECT_FALSE(ipStatus(e1.id)->attachedRoutes());
+}
+
+}  // namespace
+}  // namespace VeldTest
