@@ -1,6 +1,7 @@
 // The namespace of each interface follows its VRF's local status.
 #include <gtest/gtest.h>
 
+#include "tests/veld/TraceCapture.h"
 #include "veld/config/IpIntfVrfReactor.h"
 
 using namespace Veld;
@@ -103,4 +104,21 @@ TEST_F(IpIntfVrfReactorTest, ReinitialisationReconcilesWithTheConfiguration) {
    EXPECT_FALSE(sm->ipIntfConfigReactor(IntfId("Ethernet1")));
    EXPECT_FALSE(nsConfig->intfNamespaceConfig(IntfId("Ethernet1")));
    EXPECT_EQ(nsOf("Ethernet2"), "ns-blue");
+}
+
+TEST_F(IpIntfVrfReactorTest, TracesSayWhyTheNamespaceChanged) {
+   VeldTest::TraceCapture traces{"VeldIpIntfVrf"};
+   auto blue = vrf("blue", "ns-blue", Ip::VrfState::active);
+   start();
+   EXPECT_TRUE(traces.contains(" found Status for Vrf:blue"));
+   EXPECT_TRUE(traces.contains(" Vrf is active, setting ns: ns-blue"));
+
+   // The VRF's namespace is followed while it is active.
+   blue->netNsNameIs("ns-blue2");
+   EXPECT_EQ(nsOf("Ethernet1"), "ns-blue2");
+
+   blue->stateIs(Ip::VrfState::deleting);
+   EXPECT_TRUE(traces.contains(" Vrf is deleting, removing ns: ns-blue2"));
+   local->vrfDel("blue");
+   EXPECT_TRUE(traces.contains(" vrfStatusLocal is NULL, removing ns: "));
 }

@@ -127,13 +127,17 @@ TEST(VrfIp6IntfConfigTest, PlacesIpv6ConfigurationLikeIpv4) {
    auto config = make<Ip6::Config>();
    auto views = make<VrfIp6IntfConfigDir>();
    auto sm = VrfIp6IntfConfigSmIs(config, views);
+   VeldTest::TraceCapture traces{"VeldVrfIp6IntfConfig"};
+   auto vlan10 = config->intfIs(IntfId("Vlan10"));
+   EXPECT_TRUE(traces.contains("No l3Config"));
    auto l3Config = make<L3::Intf::Config>(IntfId("Vlan10"));
    l3Config->vrfIs("blue");
-   auto vlan10 = config->intfIs(IntfId("Vlan10"));
    vlan10->l3ConfigIs(l3Config);
+   EXPECT_TRUE(traces.contains("VrfIpIntfConfig is NULL"));
 
    auto blue = views->vrfIpIntfConfigIs("blue");
    EXPECT_EQ(blue->ipIntfConfig(IntfId("Vlan10")), vlan10);
+   EXPECT_TRUE(traces.contains("Added ip6IntfConfig Vlan10 in vrf blue"));
    config->intfDel(IntfId("Vlan10"));
    EXPECT_EQ(blue->ipIntfConfigSize(), 0u);
 

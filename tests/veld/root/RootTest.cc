@@ -126,6 +126,16 @@ TEST_F(RootTest, ExistingChildTakesTheStandbyFlagAndRefusesOtherParameters) {
                     " not allowed");
    }
    EXPECT_EQ(root->vrfIpIntfConfigSm(), sm);
+
+   auto ip6Config = make<Ip6::Config>();
+   root->vrfIp6IntfConfigSmIs(ip6Config, root->vrfIp6IntfConfigDirIs());
+   try {
+      root->vrfIp6IntfConfigSmIs(ip6Config, make<VrfIp6IntfConfigDir>());
+      FAIL() << "a changed constructor parameter was accepted";
+   } catch (Mox::NameInUseException const& e) {
+      EXPECT_NE(std::string(e.what()).find("attribute _vrfIpIntfConfigDir has a different value"),
+                std::string::npos);
+   }
 }
 
 TEST_F(RootTest, EntitiesArePlacedUnderTheRootAndMachinesStopWhenDeleted) {
@@ -135,10 +145,18 @@ TEST_F(RootTest, EntitiesArePlacedUnderTheRootAndMachinesStopWhenDeleted) {
    EXPECT_EQ(warp->parentAttrId(), Root::kWarpState);
    EXPECT_THROW(root->warpStateIs("other"), Mox::NameInUseException);
 
+   auto nsInfo = root->kernelNetNsInfoRootIs("netns");
+   EXPECT_EQ(nsInfo->parentAttrId(), Root::kKernelNetNsInfoRoot);
+   EXPECT_EQ(root->kernelNetNsInfoManagerIs(nsInfo)->root(), nsInfo);
+
    auto kni = make<KernelNetInfo::Status>(NamespaceName::defaultNamespace());
    auto map = root->addrMapIs(kni);
    EXPECT_EQ(map->parent(), root.ptr());
    EXPECT_TRUE(root->addrMapSmIs(kni, map)->initialized());
+   EXPECT_THROW(root->addrMapSmIs(kni, make<AddrMap>(kni)), Mox::NameInUseException);
+   auto cleanup = root->cleanupLoopbackIntfSmIs(kni, nullptr, "default");
+   EXPECT_EQ(root->cleanupLoopbackIntfSmIs(kni, nullptr, "default"), cleanup);
+   EXPECT_THROW(root->cleanupLoopbackIntfSmIs(kni, nullptr, "blue"), Mox::NameInUseException);
 
    auto config = make<Ip::Config>();
    auto views = root->vrfIpIntfConfigDirIs();

@@ -168,6 +168,9 @@ TEST_F(VrfRootTest, StandbyReachesEveryRootAndParametersAreChecked) {
    auto blue = sm->vrfRoot("blue");
    sm->standbyModeIs(true);
    EXPECT_TRUE(blue->standbyMode());
+   routingIs("red");
+   vrfIs("red", Ip::VrfState::active);
+   EXPECT_TRUE(sm->vrfRoot("red")->standbyMode());
 
    auto inputs = blue->inputs();
    EXPECT_EQ(sm->vrfRootIs("blue", inputs, false), blue);
@@ -245,4 +248,42 @@ TEST_F(VrfRootTest, StartsFromWhatExistsAndServesNonDefaultVrfsWithANamespaceOnl
    ASSERT_TRUE(red);
    EXPECT_FALSE(red->initialized());
    EXPECT_EQ(red->netlinkSocket(), -1);
+}
+
+TEST_F(VrfRootTest, RootGetsTheViewThatAlreadyHoldsItsParkedInterfaces) {
+   auto config = make<Ip::Config>();
+   auto placer = VrfIpIntfConfigSmIs(config, views);
+   auto l3 = make<L3::Intf::Config>(Konet::IntfId("Ethernet1"));
+   l3->vrfIs("blue");
+   auto et1 = config->ipIntfConfigIs(Konet::IntfId("Ethernet1"));
+   et1->l3ConfigIs(l3);
+   EXPECT_EQ(placer->ipIntfConfig(Konet::IntfId("Ethernet1"))->vrfIpIntfConfig(), nullptr);
+
+   routingIs("blue");
+   vrfIs("blue", Ip::VrfState::active);
+   auto view = sm->vrfRoot("blue")->inputs().vrfIpIntfConfig;
+   EXPECT_EQ(view->ipIntfConfig(Konet::IntfId("Ethernet1")), et1);
+
+   // The VRF goes and comes back: a new root with a new view, the interface in it again.
+   local->vrfDel("blue");
+   EXPECT_EQ(placer->ipIntfConfig(Konet::IntfId("Ethernet1"))->vrfIpIntfConfig(), nullptr);
+   global->vrfDel("blue");
+   auto ns = vrfIs("blue", Ip::VrfState::active);
+   auto again = sm->vrfRoot("blue");
+   ASSERT_TRUE(again && again->initialized());
+   EXPECT_EQ(again->ns(), ns);
+   EXPECT_NE(again->inputs().vrfIpIntfConfig, view);
+   EXPECT_EQ(again->inputs().vrfIpIntfConfig->ipIntfConfig(Konet::IntfId("Ethernet1")), et1);
+}
+
+TEST_F(VrfRootTest, RootOfAVrfWithoutGlobalStatusWaits) {
+   routingIs("blue");
+   auto ns = vrfIs("blue", Ip::VrfState::initializing);
+   global->vrfDel("blue");
+   local->vrf("blue")->stateIs(Ip::VrfState::active);
+   auto blue = sm->vrfRoot("blue");
+   ASSERT_TRUE(blue);
+   EXPECT_FALSE(blue->initialized());
+   EXPECT_TRUE(blue->ns().name().empty());
+   EXPECT_FALSE(managers->intfStatusManager(ns));
 }
