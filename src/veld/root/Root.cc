@@ -42,8 +42,6 @@ Root::Root(Mox::Name name) : name_(std::move(name)) {
    handleInitialized();
 }
 
-Root::~Root() { moxDoZombieReactors(true); }
-
 Mox::Ptr<Root> rootFactory(Mox::Name name) { return Mox::make<Root>(std::move(name)); }
 
 // Opens the agent's netlink socket in the default namespace, once for the root's life

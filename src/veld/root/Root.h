@@ -49,13 +49,12 @@ int setupProcSysNet(Konet::NamespaceName const& ns);
 
 class Root : public Mox::StateMachine {
 public:
-   // Where the entities placed under the root sit.
+   // The attributes under which the root places its entities (their place in its list).
    static constexpr Mox::AttrId kAddrMap = 2;
    static constexpr Mox::AttrId kKernelNetNsInfoRoot = 11;
    static constexpr Mox::AttrId kWarpState = 16;
 
    explicit Root(Mox::Name name);
-   ~Root() override;
 
    Mox::Name const& name() const { return name_; }
    void handleInitialized();
