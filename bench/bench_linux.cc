@@ -110,7 +110,7 @@ bool layerAddDel(std::span<A const> addrs) {
 
 // The bare loop: the same requests, built and acknowledged with libmnl and nothing else.
 class Bare {
- public:
+public:
    Bare() {
       nl_ = mnl_socket_open(NETLINK_ROUTE);
       if (nl_ && mnl_socket_bind(nl_, 0, MNL_SOCKET_AUTOPID) == 0) {
@@ -139,7 +139,7 @@ class Bare {
       return ok;
    }
 
- private:
+private:
    int request(uint16_t type, uint8_t family, uint8_t prefixLen, uint8_t const* addr,
                size_t addrLen) {
       alignas(nlmsghdr) char buf[8192];

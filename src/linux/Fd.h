@@ -8,7 +8,7 @@
 namespace Konet {
 
 class Fd {
- public:
+public:
    Fd() = default;
    explicit Fd(int fd) : fd_(fd) {}
    ~Fd() { reset(); }
@@ -30,7 +30,7 @@ class Fd {
       fd_ = fd;
    }
 
- private:
+private:
    int fd_ = -1;
 };
 

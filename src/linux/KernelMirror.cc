@@ -69,6 +69,9 @@ void KernelMirror::applyLink(LinkInfo const& link) {
    rec.runningStateChanges = s.runningStateChanges;
    rec.mtu = link.mtu;
    rec.mac = link.mac;
+   static_assert(sizeof(rec.ipv4Conf) == sizeof(link.ipv4Conf));
+   rec.ipv4Conf = link.ipv4Conf;
+   rec.ipv4ConfCount = link.ipv4ConfCount;
    status_->interfaceIs(rec);
 }
 

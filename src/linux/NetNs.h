@@ -45,7 +45,7 @@ int deleteNamedNamespace(NamespaceName const& name);
 // A failure to enter logs "<caller>: Failed to setns to NS: <name>" and leaves the thread
 // where it was. Failing to return is fatal: the thread would go on in the wrong namespace.
 class ScopedNetNs {
- public:
+public:
    explicit ScopedNetNs(NamespaceName const& ns, char const* caller = "ScopedNetNs");
    ~ScopedNetNs();
    ScopedNetNs(ScopedNetNs const&) = delete;
@@ -55,7 +55,7 @@ class ScopedNetNs {
    // 0 when the thread is in the namespace, else the errno of the failure.
    int error() const { return error_; }
 
- private:
+private:
    Fd saved_;
    int error_ = 0;
 };

@@ -6,6 +6,7 @@
 #include <linux/rtnetlink.h>
 #include <sys/socket.h>
 
+#include <algorithm>
 #include <array>
 #include <cstring>
 
@@ -40,6 +41,34 @@ bool u32Attr(nlattr const* attr, uint32_t* out) {
    return true;
 }
 
+// Calls fn on each attribute nested in `nest`, stopping at the first that does not fit.
+template <class F>
+void forEachNested(nlattr const* nest, F&& fn) {
+   auto const* begin = static_cast<char const*>(mnl_attr_get_payload(nest));
+   auto const* end = begin + mnl_attr_get_payload_len(nest);
+   for (auto const* a = reinterpret_cast<nlattr const*>(begin);
+        mnl_attr_ok(a, static_cast<int>(end - reinterpret_cast<char const*>(a)));
+        a = mnl_attr_next(a)) {
+      fn(a);
+   }
+}
+
+// IFLA_AF_SPEC holds one nest per family; AF_INET's holds IFLA_INET_CONF, an array of u32.
+void parseIpv4Conf(nlattr const* afSpec, LinkInfo* link) {
+   if (!afSpec) return;
+   nlattr const* inet = nullptr;
+   forEachNested(afSpec, [&](nlattr const* a) {
+      if (mnl_attr_get_type(a) == AF_INET) inet = a;
+   });
+   if (!inet) return;
+   forEachNested(inet, [&](nlattr const* a) {
+      if (mnl_attr_get_type(a) != IFLA_INET_CONF) return;
+      size_t n = std::min(mnl_attr_get_payload_len(a) / sizeof(uint32_t), link->ipv4Conf.size());
+      std::memcpy(link->ipv4Conf.data(), mnl_attr_get_payload(a), n * sizeof(uint32_t));
+      link->ipv4ConfCount = static_cast<uint32_t>(n);
+   });
+}
+
 }  // namespace
 
 bool parseLinkMsg(nlmsghdr const* nlh, LinkInfo* out) {
@@ -66,6 +95,7 @@ bool parseLinkMsg(nlmsghdr const* nlh, LinkInfo* out) {
    if (auto* addr = attrs.tb[IFLA_ADDRESS]; addr && mnl_attr_get_payload_len(addr) == 6) {
       std::memcpy(link.mac.data(), mnl_attr_get_payload(addr), 6);
    }
+   parseIpv4Conf(attrs.tb[IFLA_AF_SPEC], &link);
    *out = std::move(link);
    return true;
 }

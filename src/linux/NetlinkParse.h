@@ -24,6 +24,12 @@ struct LinkInfo {
    uint32_t mtu = 0;             // IFLA_MTU
    int master = 0;               // IFLA_MASTER: ifindex of the bridge or bond, 0 if none
    std::array<uint8_t, 6> mac{};  // IFLA_ADDRESS of an Ethernet device, else zero
+   // The device's IPv4 settings (IFLA_AF_SPEC / AF_INET / IFLA_INET_CONF): ipv4Conf[i] is
+   // the setting IPV4_DEVCONF_* number i + 1 (forwarding, rp_filter, ...), what
+   // /proc/sys/net/ipv4/conf/<device> shows.
+   static constexpr size_t kIpv4ConfMax = 48;
+   std::array<uint32_t, kIpv4ConfMax> ipv4Conf{};
+   uint32_t ipv4ConfCount = 0;  // settings present; 0 when the message had none
 };
 
 // RTM_NEWADDR / RTM_DELADDR.

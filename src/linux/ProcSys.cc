@@ -1,5 +1,7 @@
 #include "linux/ProcSys.h"
 
+#include <linux/ip.h>
+
 #include <fcntl.h>
 #include <net/if.h>
 #include <netinet/in.h>
@@ -134,6 +136,26 @@ int ifconfInterfaces(std::vector<IfconfEntry>* out) {
       std::memcpy(&sin, &r.ifr_addr, sizeof sin);
       e.addr = IpAddr(ntohl(sin.sin_addr.s_addr));
       out->push_back(std::move(e));
+   }
+   return 0;
+}
+
+int ipv4DevconfIndex(std::string_view setting) {
+   static constexpr std::pair<std::string_view, int> kIndex[] = {
+       {"forwarding", IPV4_DEVCONF_FORWARDING},
+       {"proxy_arp", IPV4_DEVCONF_PROXY_ARP},
+       {"accept_redirects", IPV4_DEVCONF_ACCEPT_REDIRECTS},
+       {"send_redirects", IPV4_DEVCONF_SEND_REDIRECTS},
+       {"rp_filter", IPV4_DEVCONF_RP_FILTER},
+       {"arp_filter", IPV4_DEVCONF_ARPFILTER},
+       {"arp_announce", IPV4_DEVCONF_ARP_ANNOUNCE},
+       {"arp_ignore", IPV4_DEVCONF_ARP_IGNORE},
+       {"promote_secondaries", IPV4_DEVCONF_PROMOTE_SECONDARIES},
+       {"arp_accept", IPV4_DEVCONF_ARP_ACCEPT},
+       {"proxy_arp_pvlan", IPV4_DEVCONF_PROXY_ARP_PVLAN},
+   };
+   for (auto const& [name, index] : kIndex) {
+      if (name == setting) return index;
    }
    return 0;
 }

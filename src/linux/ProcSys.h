@@ -34,6 +34,11 @@ int writeProcSysInNetNs(std::string_view path, std::string_view value, Namespace
 bool setIpv6ProcSysInNetNs(std::string_view device, std::string_view setting,
                            std::string_view value, NamespaceName const& ns, bool missingDeviceOk);
 
+// The kernel's number (IPV4_DEVCONF_*) of a per-device IPv4 setting, by its file name under
+// /proc/sys/net/ipv4/conf/<device>/ ("rp_filter"); 0 for a file the kernel has no number for.
+// Link messages report a device's settings by these numbers.
+int ipv4DevconfIndex(std::string_view setting);
+
 // The content of a /proc/sys/net file without its trailing newline.
 int readProcSys(std::string_view path, std::string* value);
 

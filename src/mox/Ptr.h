@@ -146,8 +146,9 @@ private:
    static void drain() noexcept;
    // Trivially initialised thread-locals in the initial-exec model: reading them is one
    // segment-relative load, also from the shared library.
-   [[gnu::tls_model("initial-exec")]] static thread_local uint32_t depth_;
-   [[gnu::tls_model("initial-exec")]] static thread_local std::vector<PtrInterface const*>*
+   // constinit: no initialisation check on access.
+   [[gnu::tls_model("initial-exec")]] static constinit thread_local uint32_t depth_;
+   [[gnu::tls_model("initial-exec")]] static constinit thread_local std::vector<PtrInterface const*>*
        pending_;  // null when empty
 };
 

@@ -50,7 +50,17 @@ struct Interface {
    uint32_t runningStateChanges = 0;
    uint32_t mtu = 0;
    std::array<uint8_t, 6> mac{};
+   // The device's IPv4 settings as the kernel reported them with the link: ipv4Conf[i] is
+   // setting IPV4_DEVCONF_* number i + 1; ipv4ConfCount of them are known.
+   std::array<uint32_t, 48> ipv4Conf{};
+   uint32_t ipv4ConfCount = 0;
    bool running() const { return flags & kIffRunning; }
+   // The kernel's value of IPv4 setting `devconf` (an IPV4_DEVCONF_* number), if reported.
+   bool ipv4ConfValue(int devconf, uint32_t* value) const {
+      if (devconf < 1 || uint32_t(devconf) > ipv4ConfCount) return false;
+      *value = ipv4Conf[size_t(devconf) - 1];
+      return true;
+   }
    friend bool operator==(Interface const&, Interface const&) = default;
 };
 

@@ -28,9 +28,9 @@ public:
       written_[opt] = value;
       ++updates_[opt];
    }
-   // Records a value the kernel had no file for (ENOENT): not written, not asked again
-   // until the value or the device changes.
-   void absentIs(size_t opt, std::string const& value) { written_[opt] = value; }
+   // Records a value that needed no write: the kernel had no file for it (ENOENT), or
+   // already held it. Not asked again until the value or the device changes.
+   void heldIs(size_t opt, std::string const& value) { written_[opt] = value; }
    // Forgets what was written, so that everything is written again (the device was
    // re-created, or the machine was asked to resync).
    void clear() { written_ = {}; }

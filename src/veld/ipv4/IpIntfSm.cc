@@ -167,6 +167,69 @@ IpIntfSm::IpIntfSm(
    handleInitialized();
 }
 
+IpIntfSm::IpIntfSm(Inputs const& in, bool standbyMode)
+    : IpIntfSm(in.ipConfig, in.vrfIpIntfConfig, in.addrMap, in.kernelIntfDir, in.kernelProtoConfig,
+               in.routingInfoConfig, in.systemIntfIpStatus, in.localIntfIpStatus,
+               in.systemL3IntfStatus, in.localL3IntfStatus, in.ip6Status, in.allVrfStatusLocal,
+               in.netlinkSocket, in.allIntfStatusDir, in.kniIntfStatusManager, in.vrfName,
+               in.routingHardwareStatus, standbyMode, in.warpState, in.timerWheel,
+               in.updateIpIntfStatusVrfReq, in.updateIpIntfStatusReq, in.urpfOnAllIntfStat,
+               in.proxyArpVirtualMac) {}
+
+IpIntfSm::Inputs IpIntfSm::inputs() const {
+   return Inputs{ipConfig_,
+                 vrfIpIntfConfig_,
+                 addrMap_,
+                 kernelIntfDir_,
+                 kernelProtoConfig_,
+                 routingInfoConfig_,
+                 systemIntfIpStatus_,
+                 localIntfIpStatus_,
+                 systemL3IntfStatus_,
+                 localL3IntfStatus_,
+                 ip6Status_,
+                 allVrfStatusLocal_,
+                 netlinkSocket_,
+                 allIntfStatusDir_,
+                 kniIntfStatusManager_,
+                 vrfName_,
+                 routingHardwareStatus_,
+                 warpState_,
+                 timerWheel_,
+                 updateIpIntfStatusVrfReq_,
+                 updateIpIntfStatusReq_,
+                 urpfOnAllIntfStat_,
+                 proxyArpVirtualMac_};
+}
+
+void IpIntfSm::checkCtorParams(Inputs const& a, Inputs const& b) {
+   using Mox::checkCtorParam;
+   checkCtorParam("_ipConfig", a.ipConfig, b.ipConfig);
+   checkCtorParam("_vrfIpIntfConfig", a.vrfIpIntfConfig, b.vrfIpIntfConfig);
+   checkCtorParam("_addrMap", a.addrMap, b.addrMap);
+   checkCtorParam("_kernelIntfDir", a.kernelIntfDir, b.kernelIntfDir);
+   checkCtorParam("_kernelProtoConfig", a.kernelProtoConfig, b.kernelProtoConfig);
+   checkCtorParam("_routingInfoConfig", a.routingInfoConfig, b.routingInfoConfig);
+   checkCtorParam("_systemIntfIpStatus", a.systemIntfIpStatus, b.systemIntfIpStatus);
+   checkCtorParam("_localIntfIpStatus", a.localIntfIpStatus, b.localIntfIpStatus);
+   checkCtorParam("_systemL3IntfStatus", a.systemL3IntfStatus, b.systemL3IntfStatus);
+   checkCtorParam("_localL3IntfStatus", a.localL3IntfStatus, b.localL3IntfStatus);
+   checkCtorParam("_ip6Status", a.ip6Status, b.ip6Status);
+   checkCtorParam("_allVrfStatusLocal", a.allVrfStatusLocal, b.allVrfStatusLocal);
+   checkCtorParam("_netlinkSocket", a.netlinkSocket, b.netlinkSocket);
+   checkCtorParam("_allIntfStatusDir", a.allIntfStatusDir, b.allIntfStatusDir);
+   checkCtorParam("_kniIntfStatusManager", a.kniIntfStatusManager, b.kniIntfStatusManager);
+   checkCtorParam("_vrfName", a.vrfName, b.vrfName);
+   checkCtorParam("_routingHardwareStatus", a.routingHardwareStatus, b.routingHardwareStatus);
+   checkCtorParam("_warpState", a.warpState, b.warpState);
+   checkCtorParam("_timerWheel", a.timerWheel, b.timerWheel);
+   checkCtorParam("_updateIpIntfStatusVrfReq", a.updateIpIntfStatusVrfReq,
+                  b.updateIpIntfStatusVrfReq);
+   checkCtorParam("_updateIpIntfStatusReq", a.updateIpIntfStatusReq, b.updateIpIntfStatusReq);
+   checkCtorParam("_urpfOnAllIntfStat", a.urpfOnAllIntfStat, b.urpfOnAllIntfStat);
+   checkCtorParam("_proxyArpVirtualMac", a.proxyArpVirtualMac, b.proxyArpVirtualMac);
+}
+
 IpIntfSm::~IpIntfSm() {
    moxDoZombieReactors(true);
    routedIpIntfConfig_.clear();

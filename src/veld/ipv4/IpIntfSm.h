@@ -38,12 +38,11 @@
 #include "veld/KernelIo.h"
 #include "veld/addr/AddrMap.h"
 #include "veld/addr/KniIntfState.h"
+#include "veld/config/VrfIpIntfConfig.h"
 #include "veld/ipv4/IntfIpKernelState.h"
+#include "veld/redundancy/WarpState.h"
 
 namespace Veld {
-
-class VrfIpIntfConfig;
-class WarpState;
 
 class IpIntfSm : public Mox::StateMachine, public KniIntfStateOwner {
 public:
@@ -75,6 +74,34 @@ public:
    class MoxIpIntfConfigFilter;
    class MoxIpIntfConfig;
 
+   // The constructor parameters other than the standby flag, by name: what the roots pass
+   // and compare under the create-or-update rule.
+   struct Inputs {
+      Mox::Ptr<Ip::Config const> ipConfig;
+      Mox::Ptr<VrfIpIntfConfig const> vrfIpIntfConfig;
+      Mox::Ptr<AddrMap> addrMap;
+      Mox::Ptr<Interface::DeviceIntfStatusDir const> kernelIntfDir;
+      Mox::Ptr<Routing::KernelProtoConfig const> kernelProtoConfig;
+      Mox::Ptr<Routing::InfoConfig const> routingInfoConfig;
+      Mox::Ptr<Ip::Input::Status> systemIntfIpStatus;
+      Mox::Ptr<Ip::Input::Status> localIntfIpStatus;
+      Mox::Ptr<L3::Intf::Input::StatusDir> systemL3IntfStatus;
+      Mox::Ptr<L3::Intf::Input::StatusDir> localL3IntfStatus;
+      Mox::Ptr<Ip6::Status const> ip6Status;
+      Mox::Ptr<Ip::AllVrfStatusLocal const> allVrfStatusLocal;
+      int netlinkSocket = -1;
+      Mox::Ptr<Interface::AllIntfStatusDir const> allIntfStatusDir;
+      Mox::Ptr<Interface::KniIntfStatusManager> kniIntfStatusManager;
+      L3::VrfName vrfName;
+      Mox::Ptr<Routing::Hardware::Status const> routingHardwareStatus;
+      Mox::Ptr<WarpState> warpState;
+      Mox::Ptr<Bolt::TimerWheel const> timerWheel;
+      Mox::Ptr<L3::UpdateIpIntfStatusVrfRequests> updateIpIntfStatusVrfReq;
+      Mox::Ptr<L3::UpdateIpIntfStatusRequests> updateIpIntfStatusReq;
+      Mox::Ptr<Urpf::UrpfOnAllIntfStat> urpfOnAllIntfStat;
+      Mox::Ptr<ProxyArp::VirtualMacStatus const> proxyArpVirtualMac;
+   };
+
    IpIntfSm(Mox::Ptr<Ip::Config const> ipConfig, Mox::Ptr<VrfIpIntfConfig const> vrfIpIntfConfig,
             Mox::Ptr<AddrMap> addrMap, Mox::Ptr<Interface::DeviceIntfStatusDir const> kernelIntfDir,
             Mox::Ptr<Routing::KernelProtoConfig const> kernelProtoConfig,
@@ -93,7 +120,12 @@ public:
             Mox::Ptr<L3::UpdateIpIntfStatusRequests> updateIpIntfStatusReq,
             Mox::Ptr<Urpf::UrpfOnAllIntfStat> urpfOnAllIntfStat,
             Mox::Ptr<ProxyArp::VirtualMacStatus const> proxyArpVirtualMac);
+   IpIntfSm(Inputs const& in, bool standbyMode);
    ~IpIntfSm() override;
+
+   Inputs inputs() const;
+   // The create-or-update rule: the first parameter that differs is a name-in-use error.
+   static void checkCtorParams(Inputs const& current, Inputs const& passed);
 
    // ---- Inputs and outputs
    Mox::Ptr<Ip::Config const> const& ipConfig() const { return ipConfig_; }

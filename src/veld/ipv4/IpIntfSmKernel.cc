@@ -21,6 +21,16 @@ char const* const kOptFile[] = {
 
 char const* bit(bool on) { return on ? "1" : "0"; }
 
+// Whether the kernel's record of the device already shows `value` for `file`: the device's
+// settings come with its link messages, so a fresh device (or a restarted agent) writes only
+// what differs from the kernel's defaults.
+bool kernelHolds(KernelNetInfo::Interface const& kniIntf, char const* file,
+                 std::string const& value) {
+   uint32_t current = 0;
+   return kniIntf.ipv4ConfValue(Konet::ipv4DevconfIndex(file), &current) &&
+          std::to_string(current) == value;
+}
+
 std::string errorText(int err) { return std::strerror(err); }
 
 }  // namespace
@@ -237,11 +247,15 @@ int IpIntfSm::doUpdateProcConfigOpt(Konet::IntfId const& intf, IpIntfConfOptType
    }
    auto i = static_cast<size_t>(opt);
    if (!state.needsWrite(i, value)) return 0;
+   if (!state.written(i) && kernelHolds(kniIntf, kOptFile[i], value)) {
+      state.heldIs(i, value);
+      return 0;
+   }
    std::string path = std::string(kProcConfDir) + dev + "/" + kOptFile[i];
    int err = kernelIo().writeProcSys(path, value);
    if (err == ENOENT) {
       // A file this kernel lacks, or a device that went (its return resets the record).
-      state.absentIs(i, value);
+      state.heldIs(i, value);
       return 0;
    }
    if (err) {
@@ -267,6 +281,7 @@ int IpIntfSm::doUpdateProc(Konet::IntfId const& intf) {
    }
    if (!routedIpIntfConfig(intf)) return 0;  // only routed interfaces are ours to set
    auto& state = intfIpKernelState_[intf];
+   auto kniIntf = kniRoot_->interfaceByName(dev);
    // Device-level settings first: a deleted primary promotes a secondary instead of taking
    // it along; ARP replies carry the best local source; ARP filtering is the kernel's.
    static char const* const kExtraFile[] = {"promote_secondaries", "arp_announce", "arp_filter"};
@@ -275,6 +290,10 @@ int IpIntfSm::doUpdateProc(Konet::IntfId const& intf) {
    for (size_t i = 0; i < 3; ++i) {
       auto& written = state.extra(i);
       if (written && *written == kExtraValue[i]) continue;
+      if (!written && kernelHolds(kniIntf, kExtraFile[i], kExtraValue[i])) {
+         written = kExtraValue[i];
+         continue;
+      }
       int err = kernelIo().writeProcSys(std::string(kProcConfDir) + dev + "/" + kExtraFile[i],
                                         kExtraValue[i]);
       if (err == 0) written = kExtraValue[i];

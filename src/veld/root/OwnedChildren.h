@@ -13,6 +13,7 @@
 #include "platform/KernelNetInfo.h"
 #include "veld/addr/AddrMap.h"
 #include "veld/addr/AddrMappingSm.h"
+#include "veld/ipv4/IpIntfSm.h"
 #include "veld/vrf/CleanupLoopbackIntfSm.h"
 
 namespace Veld {
@@ -38,5 +39,9 @@ Mox::Ptr<CleanupLoopbackIntfSm> cleanupLoopbackIntfSmOf(
     Mox::Ptr<CleanupLoopbackIntfSm>& held, Mox::Ptr<KernelNetInfo::Status const> const& kniStatus,
     Mox::Ptr<Interface::LoopbackIntfConfigDir const> const& loopbackIntfConfigDir,
     Konet::NamespaceName const& ns);
+
+// The IPv4 machine held in `held`: created, or kept with the standby flag pushed into it.
+Mox::Ptr<IpIntfSm> ipIntfSmOf(Mox::Ptr<IpIntfSm>& held, IpIntfSm::Inputs const& inputs,
+                              bool standbyMode);
 
 }  // namespace Veld

@@ -42,8 +42,6 @@ Root::Root(Mox::Name name) : name_(std::move(name)) {
    handleInitialized();
 }
 
-Root::~Root() { moxDoZombieReactors(true); }
-
 Mox::Ptr<Root> rootFactory(Mox::Name name) { return Mox::make<Root>(std::move(name)); }
 
 // Opens the agent's netlink socket in the default namespace, once for the root's life
@@ -297,6 +295,85 @@ void Root::netNsIntfStatusManagerRootDel() {
 }
 
 // ---- machines that use them
+
+Mox::Ptr<IpIntfSm> Root::ipIntfSmIs(
+    Mox::Ptr<Ip::Config const> const& ipConfig,
+    Mox::Ptr<VrfIpIntfConfig const> const& vrfIpIntfConfig, Mox::Ptr<AddrMap> const& addrMap,
+    Mox::Ptr<Interface::DeviceIntfStatusDir const> const& kernelIntfDir,
+    Mox::Ptr<Routing::KernelProtoConfig const> const& kernelProtoConfig,
+    Mox::Ptr<Routing::InfoConfig const> const& routingInfoConfig,
+    Mox::Ptr<Ip::Input::Status> const& systemIntfIpStatus,
+    Mox::Ptr<Ip::Input::Status> const& localIntfIpStatus,
+    Mox::Ptr<L3::Intf::Input::StatusDir> const& systemL3IntfStatus,
+    Mox::Ptr<L3::Intf::Input::StatusDir> const& localL3IntfStatus,
+    Mox::Ptr<Ip6::Status const> const& ip6Status,
+    Mox::Ptr<Ip::AllVrfStatusLocal const> const& allVrfStatusLocal, int netlinkSocket,
+    Mox::Ptr<Interface::AllIntfStatusDir const> const& allIntfStatusDir,
+    Mox::Ptr<Interface::KniIntfStatusManager> const& kniIntfStatusManager,
+    L3::VrfName const& vrfName,
+    Mox::Ptr<Routing::Hardware::Status const> const& routingHardwareStatus, bool standbyMode,
+    Mox::Ptr<WarpState> const& warpState, Mox::Ptr<Bolt::TimerWheel const> const& timerWheel,
+    Mox::Ptr<L3::UpdateIpIntfStatusVrfRequests> const& updateIpIntfStatusVrfReq,
+    Mox::Ptr<L3::UpdateIpIntfStatusRequests> const& updateIpIntfStatusReq,
+    Mox::Ptr<Urpf::UrpfOnAllIntfStat> const& urpfOnAllIntfStat,
+    Mox::Ptr<ProxyArp::VirtualMacStatus const> const& proxyArpVirtualMac) {
+   MOX_TRACE_FN(th, " vrf " << vrfName << " standbyMode " << standbyMode);
+   return ipIntfSmOf(ipIntfSm_,
+                     IpIntfSm::Inputs{ipConfig,
+                                      vrfIpIntfConfig,
+                                      addrMap,
+                                      kernelIntfDir,
+                                      kernelProtoConfig,
+                                      routingInfoConfig,
+                                      systemIntfIpStatus,
+                                      localIntfIpStatus,
+                                      systemL3IntfStatus,
+                                      localL3IntfStatus,
+                                      ip6Status,
+                                      allVrfStatusLocal,
+                                      netlinkSocket,
+                                      allIntfStatusDir,
+                                      kniIntfStatusManager,
+                                      vrfName,
+                                      routingHardwareStatus,
+                                      warpState,
+                                      timerWheel,
+                                      updateIpIntfStatusVrfReq,
+                                      updateIpIntfStatusReq,
+                                      urpfOnAllIntfStat,
+                                      proxyArpVirtualMac},
+                     standbyMode);
+}
+
+void Root::ipIntfSmDel() { releaseMachine(ipIntfSm_); }
+
+Mox::Ptr<IpIntfStatusSm> Root::ipIntfStatusSmIs(
+    Mox::Ptr<Ip::IpInputStatusDir const> const& inputStatusDir,
+    Mox::Ptr<Ip::Config const> const& ipConfig, Mox::Ptr<Ip::Status> const& ipStatus) {
+   MOX_TRACE_FN0(th);
+   if (ipIntfStatusSm_) {
+      ipIntfStatusSm_->notifierIs(inputStatusDir);
+      return ipIntfStatusSm_;
+   }
+   ipIntfStatusSm_ = makeMachine<IpIntfStatusSm>(inputStatusDir, ipConfig, ipStatus);
+   return ipIntfStatusSm_;
+}
+
+void Root::ipIntfStatusSmDel() { releaseMachine(ipIntfStatusSm_); }
+
+Mox::Ptr<L3IntfStatusSm> Root::l3IntfStatusSmIs(
+    Mox::Ptr<L3::Intf::InputStatusDir const> const& inputStatusDir,
+    Mox::Ptr<L3::Intf::StatusDir> const& intfStatusDir) {
+   MOX_TRACE_FN0(th);
+   if (l3IntfStatusSm_) {
+      l3IntfStatusSm_->notifierIs(inputStatusDir);
+      return l3IntfStatusSm_;
+   }
+   l3IntfStatusSm_ = makeMachine<L3IntfStatusSm>(inputStatusDir, intfStatusDir);
+   return l3IntfStatusSm_;
+}
+
+void Root::l3IntfStatusSmDel() { releaseMachine(l3IntfStatusSm_); }
 
 Mox::Ptr<LoopbackIntfSm> Root::loopbackIntfSmIs(
     Mox::Ptr<Interface::LoopbackIntfConfigDir const> const& loopbackIntfConfigDir,

@@ -33,6 +33,9 @@
 #include "veld/config/VrfIp6IntfConfigSm.h"
 #include "veld/config/VrfIpIntfConfig.h"
 #include "veld/config/VrfIpIntfConfigSm.h"
+#include "veld/ipv4/IpIntfSm.h"
+#include "veld/ipv4/IpIntfStatusSm.h"
+#include "veld/ipv4/L3IntfStatusSm.h"
 #include "veld/redundancy/SsoConfig.h"
 #include "veld/redundancy/WarpSm.h"
 #include "veld/redundancy/WarpState.h"
@@ -49,13 +52,12 @@ int setupProcSysNet(Konet::NamespaceName const& ns);
 
 class Root : public Mox::StateMachine {
 public:
-   // Where the entities placed under the root sit.
+   // The attributes under which the root places its entities (their place in its list).
    static constexpr Mox::AttrId kAddrMap = 2;
    static constexpr Mox::AttrId kKernelNetNsInfoRoot = 11;
    static constexpr Mox::AttrId kWarpState = 16;
 
    explicit Root(Mox::Name name);
-   ~Root() override;
 
    Mox::Name const& name() const { return name_; }
    void handleInitialized();
@@ -147,6 +149,43 @@ public:
    void netNsIntfStatusManagerRootDel();
 
    // ---- machines that use them
+   Mox::Ptr<IpIntfSm> const& ipIntfSm() const { return ipIntfSm_; }
+   Mox::Ptr<IpIntfSm> ipIntfSmIs(
+       Mox::Ptr<Ip::Config const> const& ipConfig,
+       Mox::Ptr<VrfIpIntfConfig const> const& vrfIpIntfConfig, Mox::Ptr<AddrMap> const& addrMap,
+       Mox::Ptr<Interface::DeviceIntfStatusDir const> const& kernelIntfDir,
+       Mox::Ptr<Routing::KernelProtoConfig const> const& kernelProtoConfig,
+       Mox::Ptr<Routing::InfoConfig const> const& routingInfoConfig,
+       Mox::Ptr<Ip::Input::Status> const& systemIntfIpStatus,
+       Mox::Ptr<Ip::Input::Status> const& localIntfIpStatus,
+       Mox::Ptr<L3::Intf::Input::StatusDir> const& systemL3IntfStatus,
+       Mox::Ptr<L3::Intf::Input::StatusDir> const& localL3IntfStatus,
+       Mox::Ptr<Ip6::Status const> const& ip6Status,
+       Mox::Ptr<Ip::AllVrfStatusLocal const> const& allVrfStatusLocal, int netlinkSocket,
+       Mox::Ptr<Interface::AllIntfStatusDir const> const& allIntfStatusDir,
+       Mox::Ptr<Interface::KniIntfStatusManager> const& kniIntfStatusManager,
+       L3::VrfName const& vrfName,
+       Mox::Ptr<Routing::Hardware::Status const> const& routingHardwareStatus, bool standbyMode,
+       Mox::Ptr<WarpState> const& warpState, Mox::Ptr<Bolt::TimerWheel const> const& timerWheel,
+       Mox::Ptr<L3::UpdateIpIntfStatusVrfRequests> const& updateIpIntfStatusVrfReq,
+       Mox::Ptr<L3::UpdateIpIntfStatusRequests> const& updateIpIntfStatusReq,
+       Mox::Ptr<Urpf::UrpfOnAllIntfStat> const& urpfOnAllIntfStat,
+       Mox::Ptr<ProxyArp::VirtualMacStatus const> const& proxyArpVirtualMac);
+   void ipIntfSmDel();
+
+   // The status aggregators; on an existing one, re-pointed to the new input directory.
+   Mox::Ptr<IpIntfStatusSm> const& ipIntfStatusSm() const { return ipIntfStatusSm_; }
+   Mox::Ptr<IpIntfStatusSm> ipIntfStatusSmIs(
+       Mox::Ptr<Ip::IpInputStatusDir const> const& inputStatusDir,
+       Mox::Ptr<Ip::Config const> const& ipConfig, Mox::Ptr<Ip::Status> const& ipStatus);
+   void ipIntfStatusSmDel();
+
+   Mox::Ptr<L3IntfStatusSm> const& l3IntfStatusSm() const { return l3IntfStatusSm_; }
+   Mox::Ptr<L3IntfStatusSm> l3IntfStatusSmIs(
+       Mox::Ptr<L3::Intf::InputStatusDir const> const& inputStatusDir,
+       Mox::Ptr<L3::Intf::StatusDir> const& intfStatusDir);
+   void l3IntfStatusSmDel();
+
    Mox::Ptr<LoopbackIntfSm> const& loopbackIntfSm() const { return loopbackIntfSm_; }
    Mox::Ptr<LoopbackIntfSm> loopbackIntfSmIs(
        Mox::Ptr<Interface::LoopbackIntfConfigDir const> const& loopbackIntfConfigDir,
@@ -205,6 +244,9 @@ private:
    Mox::Ptr<KernelNetInfo::Status const> kniStatus_;
    Mox::Ptr<AddrMap> addrMap_;
    Mox::Ptr<AddrMappingSm> addrMapSm_;
+   Mox::Ptr<IpIntfSm> ipIntfSm_;
+   Mox::Ptr<IpIntfStatusSm> ipIntfStatusSm_;
+   Mox::Ptr<L3IntfStatusSm> l3IntfStatusSm_;
    Mox::Ptr<LoopbackIntfSm> loopbackIntfSm_;
    Mox::Ptr<CleanupLoopbackIntfSm> cleanupLoopbackIntfSm_;
    Mox::Ptr<KernelNetNsInfo::Root> kernelNetNsInfoRoot_;

@@ -80,7 +80,15 @@ void VrfRoot::checkCtorParams(Inputs const& current, Inputs const& passed) {
 void VrfRoot::standbyModeIs(bool standbyMode) {
    MOX_TRACE_FN(th, " Vrf: " << vrfName_ << " standbyMode " << standbyMode);
    standbyMode_ = standbyMode;
+   if (ipIntfSm_) ipIntfSm_->standbyModeIs(standbyMode);
 }
+
+Mox::Ptr<IpIntfSm> VrfRoot::ipIntfSmIs(IpIntfSm::Inputs const& inputs, bool standbyMode) {
+   MOX_TRACE_FN(th, " Vrf: " << vrfName_ << " standbyMode " << standbyMode);
+   return ipIntfSmOf(ipIntfSm_, inputs, standbyMode);
+}
+
+void VrfRoot::ipIntfSmDel() { releaseMachine(ipIntfSm_); }
 
 void VrfRoot::nsIs(Konet::NamespaceName const& ns) {
    MOX_TRACE_FN(th, " Ns: " << ns);
@@ -187,14 +195,41 @@ void VrfRoot::handleInitialized() {
    kernelIntfDirIs();
    addrMapIs(kniStatus_);
    addrMapSmIs(kniStatus_, addrMap_);
-   if (in.intfStatusManagerRoot) in.intfStatusManagerRoot->intfStatusManagerIs(ns_, kernelIntfDir_);
+   if (in.intfStatusManagerRoot) {
+      kniIntfStatusManager_ = in.intfStatusManagerRoot->intfStatusManagerIs(ns_, kernelIntfDir_);
+   }
 
    // Without loopback configuration there is nothing to clean up in the namespace.
    auto loopbackConfigDir =
        in.entityMgr->entity<Interface::LoopbackIntfConfigDir>("interface/config/loopback/intf");
    if (loopbackConfigDir) cleanupLoopbackIntfSmIs(kniStatus_, loopbackConfigDir, ns_);
 
-   // The VRF's IPv4 and IPv6 interface machines (ipIntfSmIs, ip6IntfSmIs) are made here.
+   IpIntfSm::Inputs ip;
+   ip.ipConfig = in.ipConfig;
+   ip.vrfIpIntfConfig = in.vrfIpIntfConfig;
+   ip.addrMap = addrMap_;
+   ip.kernelIntfDir = kernelIntfDir_;
+   ip.kernelProtoConfig = in.kernelProtoConfig;
+   ip.routingInfoConfig = in.routingInfoConfig;
+   ip.systemIntfIpStatus = in.systemIntfIpStatus;
+   ip.localIntfIpStatus = in.localIntfIpStatus;
+   ip.systemL3IntfStatus = in.systemL3IntfStatus;
+   ip.localL3IntfStatus = in.localL3IntfStatus;
+   ip.ip6Status = in.ip6Status;
+   ip.allVrfStatusLocal = in.allVrfStatusLocal;
+   ip.netlinkSocket = netlinkSocket_;
+   ip.allIntfStatusDir = in.allIntfStatusDir;
+   ip.kniIntfStatusManager = kniIntfStatusManager_;
+   ip.vrfName = vrfName_;
+   ip.routingHardwareStatus = in.routingHardwareStatus;
+   ip.warpState = in.warpState;
+   ip.timerWheel = in.timerWheel;
+   ip.updateIpIntfStatusVrfReq = in.updateIpIntfStatusVrfReq;
+   ip.updateIpIntfStatusReq = in.updateIpIntfStatusReq;
+   ip.urpfOnAllIntfStat = in.urpfOnAllIntfStat;
+   ip.proxyArpVirtualMac = in.proxyArpVirtualMac;
+   if (in.timerWheel) ipIntfSmIs(ip, standbyMode_);
+   // The IPv6 machine (ip6IntfSmIs) joins it here.
 
    handleIp6Routing();
    initializedIs(true);
@@ -212,6 +247,8 @@ void VrfRoot::handleDelete() {
    if (kernelIntfDir_ && inputs_.intfStatusManagerRoot) {
       inputs_.intfStatusManagerRoot->intfStatusManagerDel(ns_);
    }
+   ipIntfSmDel();
+   kniIntfStatusManager_ = nullptr;
    kernelIntfDirDel();
    cleanupLoopbackIntfSmDel();
    addrMapSmDel();

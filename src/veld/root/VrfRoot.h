@@ -34,6 +34,7 @@
 #include "veld/addr/AddrMappingSm.h"
 #include "veld/config/VrfIp6IntfConfig.h"
 #include "veld/config/VrfIpIntfConfig.h"
+#include "veld/ipv4/IpIntfSm.h"
 #include "veld/redundancy/WarpState.h"
 #include "veld/vrf/CleanupLoopbackIntfSm.h"
 
@@ -120,6 +121,15 @@ public:
        Konet::NamespaceName const& ns);
    void cleanupLoopbackIntfSmDel();
 
+   // The VRF's IPv4 machine; on an existing one, only the standby flag is pushed.
+   Mox::Ptr<IpIntfSm> const& ipIntfSm() const { return ipIntfSm_; }
+   Mox::Ptr<IpIntfSm> ipIntfSmIs(IpIntfSm::Inputs const& inputs, bool standbyMode);
+   void ipIntfSmDel();
+   // The namespace's table of which interface each device carries.
+   Mox::Ptr<Interface::KniIntfStatusManager> const& kniIntfStatusManager() const {
+      return kniIntfStatusManager_;
+   }
+
    void handleInitialized();
    void handleDelete();
    void handleIp6Routing();
@@ -138,6 +148,8 @@ private:
    Mox::Ptr<Interface::DeviceIntfStatusDir> kernelIntfDir_;
    Mox::Ptr<AddrMap> addrMap_;
    Mox::Ptr<AddrMappingSm> addrMapSm_;
+   Mox::Ptr<Interface::KniIntfStatusManager> kniIntfStatusManager_;
+   Mox::Ptr<IpIntfSm> ipIntfSm_;
    Mox::Ptr<CleanupLoopbackIntfSm> cleanupLoopbackIntfSm_;
    Mox::Ptr<MoxRouting6InfoConfig> moxRouting6InfoConfig_;
 };

@@ -116,6 +116,9 @@ TEST_F(IpIntfSmKernelTest, ProcFilesHoldTheTabledValuesAndAreWrittenOnlyOnChange
    ASSERT_TRUE(state);
    EXPECT_EQ(state->numProxyArpUpdates(), 1u);
    EXPECT_EQ(state->numRpFilterUpdates(), 1u);
+   // A value the fresh device already had ("0") needed no write.
+   EXPECT_EQ(state->numLocalProxyArpUpdates(), 0u);
+   EXPECT_TRUE(io.writesTo(dev + "/proxy_arp_pvlan").empty());
    EXPECT_EQ(io.writesTo("/route/flush").size(), 1u);
 
    // An unrelated change reschedules the settings: nothing unchanged is written again.
@@ -123,7 +126,7 @@ TEST_F(IpIntfSmKernelTest, ProcFilesHoldTheTabledValuesAndAreWrittenOnlyOnChange
    e1.config->localProxyArpEnabledIs(true);
    settle();
    EXPECT_EQ(proc(dev, "proxy_arp_pvlan"), "1");
-   EXPECT_EQ(state->numLocalProxyArpUpdates(), 2u);
+   EXPECT_EQ(state->numLocalProxyArpUpdates(), 1u);
    EXPECT_EQ(state->numProxyArpUpdates(), 1u);
    EXPECT_EQ(io.writes.size(), writes + 1);
 

@@ -1,0 +1,312 @@
+// Converging routed interfaces from configuration to kernel and status, against a bare
+// libmnl loop adding the same addresses; and the steady state: one change among many.
+//
+//   converge/ours       1,000 routed interfaces with 4 addresses each (a primary, three
+//                       secondaries) on veth devices: from the IPv4 machine's creation, its
+//                       configuration in place, to every address in the kernel and in the
+//                       published status, run by an event loop like the agent's
+//   converge/baseline   the same 4,000 addresses added one request at a time with its
+//                       acknowledgement, by a bare libmnl loop
+//   steady              one secondary added to one interface of the 1,000: from the
+//                       configuration write to the kernel holding it
+//
+// Counters: max_run_s (the longest backlog run), max_busy_s (the longest the event loop was
+// busy in one go), runs. Everything runs in a private network and mount namespace.
+#include <benchmark/benchmark.h>
+#include <libmnl/libmnl.h>
+#include <linux/if.h>
+#include <linux/rtnetlink.h>
+#include <poll.h>
+#include <sched.h>
+#include <sys/mount.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+
+#include <chrono>
+#include <cstring>
+
+#include "BenchMain.h"
+#include "linux/KernelMirror.h"
+#include "linux/NetNs.h"
+#include "linux/Netlink.h"
+#include "linux/NetlinkAddr.h"
+#include "linux/NetlinkLink.h"
+#include "platform/NetNsIntfStatusManagerRoot.h"
+#include "veld/addr/AddrMappingSm.h"
+#include "veld/config/VrfIpIntfConfig.h"
+#include "veld/ipv4/IpIntfSm.h"
+#include "veld/redundancy/WarpState.h"
+
+namespace {
+
+using Konet::IntfId;
+using Konet::IpAddrWithMask;
+using Mox::make;
+
+constexpr int kIntfs = 1000;
+
+double now() { return Mox::System::currentTime(); }
+
+// The interfaces, their devices and their configuration, made once.
+struct World {
+   std::string problem;
+   Konet::Fd sock;
+   std::vector<int> ifindex;
+   std::vector<std::string> dev;
+   std::unique_ptr<Konet::KernelMirror> mirror;
+   Mox::Ptr<Ip::Config> ipConfig = make<Ip::Config>();
+   Mox::Ptr<L3::Intf::ConfigDir> l3Config = make<L3::Intf::ConfigDir>();
+   Mox::Ptr<Veld::VrfIpIntfConfig> view = make<Veld::VrfIpIntfConfig>(L3::VrfName("default"));
+   Mox::Ptr<Interface::AllIntfStatusDir> allIntfStatus = make<Interface::AllIntfStatusDir>();
+   Mox::Ptr<Interface::NetNsIntfStatusManagerRoot> managerRoot;
+   Mox::Ptr<Interface::KniIntfStatusManager> manager;
+   std::vector<IpAddrWithMask> addrs;  // 4 per interface, in interface order
+
+   static IpAddrWithMask addr(int intf, int host) {
+      return IpAddrWithMask(Konet::IpAddr(0x0a000000u | (uint32_t(intf) << 8) | uint32_t(host)),
+                            24);
+   }
+
+   World() {
+      if (::unshare(CLONE_NEWNET | CLONE_NEWNS) != 0) {
+         problem = std::string("unshare: ") + strerror(errno);
+         return;
+      }
+      ::mount(nullptr, "/", nullptr, MS_REC | MS_SLAVE, nullptr);
+      int err = 0;
+      sock = Konet::createNetlinkSocket("default", 0, 5, true, 0, &err);
+      for (int i = 0; i < kIntfs; ++i) {
+         std::string a = "vb" + std::to_string(i) + "a", b = "vb" + std::to_string(i) + "b";
+         int ia = 0, ib = 0;
+         if (Konet::createVethPair(sock.get(), a, b) || Konet::linkIndex(sock.get(), a, &ia) ||
+             Konet::linkIndex(sock.get(), b, &ib) || Konet::setLinkUp(sock.get(), ib, true) ||
+             Konet::setLinkUp(sock.get(), ia, true)) {
+            problem = "veth set-up failed";
+            return;
+         }
+         ifindex.push_back(ia);
+         dev.push_back(a);
+         IntfId id("Ethernet" + std::to_string(i + 1));
+         auto status = allIntfStatus->intfStatusIs(id);
+         status->deviceNameIs(a);
+         status->forwardingModelIs(Interface::IntfForwardingModel::intfForwardingModelRouted);
+         auto l3 = l3Config->intfConfigIs(id);
+         l3->vrfIs("default");
+         auto c = ipConfig->ipIntfConfigIs(id);
+         c->l3ConfigIs(l3);
+         c->addrWithMaskIs(addr(i, 1));
+         for (int h = 2; h <= 4; ++h)
+            c->secondaryWithMaskIs(addr(i, h));
+         view->ipIntfConfigIs(c);
+         for (int h = 1; h <= 4; ++h)
+            addrs.push_back(addr(i, h));
+      }
+      managerRoot = make<Interface::NetNsIntfStatusManagerRoot>(allIntfStatus, nullptr, false);
+      manager = managerRoot->intfStatusManagerIs("default");
+      mirror = std::make_unique<Konet::KernelMirror>("default");
+      if (mirror->start()) problem = "kernel mirror";
+      // Wait for every device to report carrier.
+      for (int tries = 0; tries < 2000; ++tries) {
+         mirror->processEvents();
+         int running = 0;
+         for (int i : ifindex) {
+            running +=
+                mirror->status()->interface(KernelNetInfo::InterfaceKey{uint32_t(i)}).running();
+         }
+         if (running == kIntfs) break;
+         ::usleep(5000);
+      }
+   }
+
+   void removeAddrs() {
+      for (int i = 0; i < kIntfs; ++i)
+         Konet::ipAddrFlush(sock.get(), ifindex[i], dev[i], "default");
+      mirror->processEvents();
+   }
+};
+
+World& world() {
+   static World w;
+   return w;
+}
+
+// Where the machine's kernel time goes.
+struct TimingIo : Veld::KernelIoDecorator {
+   TimingIo() : KernelIoDecorator(Veld::KernelIo::current()) {}
+   double proc = 0, addr = 0, ns = 0;
+   int procN = 0, addrN = 0;
+   int writeProcSys(std::string_view p, std::string_view v) override {
+      double t = now();
+      int r = inner_.writeProcSys(p, v);
+      proc += now() - t;
+      ++procN;
+      return r;
+   }
+   int ipAddrAdd(int s, int i, IpAddrWithMask const& a) override {
+      double t = now();
+      int r = inner_.ipAddrAdd(s, i, a);
+      addr += now() - t;
+      ++addrN;
+      return r;
+   }
+};
+TimingIo* timing() {
+   static TimingIo* t = [] {
+      auto* io = new TimingIo;
+      if (getenv("BENCH_TIMING")) Veld::KernelIo::currentIs(io);
+      return io;
+   }();
+   return t;
+}
+
+// One VRF's IPv4 machine and what it needs, made for each run.
+struct Machine {
+   Konet::Fd sock = Konet::createNetlinkSocket("default", 0, 5, true, 0);
+   Mox::Ptr<Veld::AddrMap> addrMap = make<Veld::AddrMap>(world().mirror->status());
+   Mox::Ptr<Veld::AddrMappingSm> seed = Veld::AddrMappingSmIs(world().mirror->status(), addrMap);
+   Mox::Ptr<Ip::Input::Status> status = make<Ip::Input::Status>("veld");
+   Mox::Ptr<Bolt::TimerWheel> wheel = make<Bolt::TimerWheel>();
+   Mox::Ptr<Routing::InfoConfig> routing = make<Routing::InfoConfig>();
+   Mox::Ptr<Veld::IpIntfSm> sm;
+   double maxBusy = 0.0;
+   double maxRun = 0.0;
+
+   Machine() {
+      routing->routingIs(true);
+      auto& w = world();
+      sm = make<Veld::IpIntfSm>(
+          w.ipConfig, w.view, addrMap, w.manager->deviceIntfStatusDir(),
+          make<Routing::KernelProtoConfig>(), routing, status, make<Ip::Input::Status>("local"),
+          make<L3::Intf::Input::StatusDir>("veld"), make<L3::Intf::Input::StatusDir>("local"),
+          nullptr, nullptr, sock.get(), w.allIntfStatus, w.manager, L3::VrfName("default"),
+          make<Routing::Hardware::Status>(), false, make<Veld::WarpState>("w"), wheel, nullptr,
+          nullptr, make<Urpf::UrpfOnAllIntfStat>(), nullptr);
+   }
+
+   // One turn of an event loop like the agent's: wait for the mirror's socket or the next
+   // deadline, then do what is due.
+   void turn() {
+      double wait = Mox::activityManager().nextDeadline() - now();
+      pollfd p{world().mirror->fd(), POLLIN, 0};
+      ::poll(&p, 1, wait <= 0 ? 0 : std::min(1000, int(wait * 1000) + 1));
+      double start = now();
+      world().mirror->processEvents();
+      double runStart = now();
+      uint64_t runs = sm->ipIntfKernelUpdateCodefListProcessed();
+      Mox::activityManager().runDue();
+      double end = now();
+      if (sm->ipIntfKernelUpdateCodefListProcessed() != runs)
+         maxRun = std::max(maxRun, end - runStart);
+      maxBusy = std::max(maxBusy, end - start);
+   }
+
+   bool converged() const {
+      if (sm->ipIntfKernelUpdateCodefListSize()) return false;
+      for (auto const& [id, s] : status->ipIntfStatusIterator()) {
+         if (!s->addrWithMask().len() || s->activeSecondaryWithMaskIterator().size() != 3)
+            return false;
+      }
+      return status->ipIntfStatusSize() == size_t(kIntfs);
+   }
+};
+
+void Converge_ours(benchmark::State& state) {
+   auto& w = world();
+   if (!w.problem.empty()) return state.SkipWithError(w.problem.c_str());
+   timing();
+   double maxBusy = 0, maxRun = 0;
+   uint64_t runs = 0;
+   for (auto _ : state) {
+      state.PauseTiming();
+      w.removeAddrs();
+      state.ResumeTiming();
+      Machine m;
+      while (!m.converged())
+         m.turn();
+      state.PauseTiming();
+      maxBusy = std::max(maxBusy, m.maxBusy);
+      maxRun = std::max(maxRun, m.maxRun);
+      runs = m.sm->ipIntfKernelUpdateCodefListProcessed();
+      m.sm = nullptr;
+      state.ResumeTiming();
+   }
+   state.counters["max_busy_s"] = maxBusy;
+   state.counters["max_run_s"] = maxRun;
+   state.counters["runs"] = double(runs);
+   if (getenv("BENCH_TIMING")) {
+      state.counters["proc_s"] = timing()->proc / state.iterations();
+      state.counters["proc_n"] = timing()->procN / state.iterations();
+      state.counters["addr_s"] = timing()->addr / state.iterations();
+   }
+}
+BENCHMARK(Converge_ours)->Name("converge/ours")->Unit(benchmark::kMillisecond)->Iterations(3);
+
+// The bare minimum: one RTM_NEWADDR per address, each acknowledged, straight through libmnl.
+void Converge_baseline(benchmark::State& state) {
+   auto& w = world();
+   if (!w.problem.empty()) return state.SkipWithError(w.problem.c_str());
+   mnl_socket* nl = mnl_socket_open(NETLINK_ROUTE);
+   mnl_socket_bind(nl, 0, MNL_SOCKET_AUTOPID);
+   uint32_t portid = mnl_socket_get_portid(nl);
+   alignas(nlmsghdr) char buf[MNL_SOCKET_BUFFER_SIZE];
+   uint32_t seq = 1;
+   for (auto _ : state) {
+      state.PauseTiming();
+      w.removeAddrs();
+      state.ResumeTiming();
+      for (size_t k = 0; k < w.addrs.size(); ++k) {
+         nlmsghdr* nlh = mnl_nlmsg_put_header(buf);
+         nlh->nlmsg_type = RTM_NEWADDR;
+         nlh->nlmsg_flags = NLM_F_REQUEST | NLM_F_ACK | NLM_F_CREATE | NLM_F_EXCL;
+         nlh->nlmsg_seq = ++seq;
+         auto* ifa = static_cast<ifaddrmsg*>(mnl_nlmsg_put_extra_header(nlh, sizeof(ifaddrmsg)));
+         ifa->ifa_family = AF_INET;
+         ifa->ifa_prefixlen = w.addrs[k].len();
+         ifa->ifa_index = uint32_t(w.ifindex[k / 4]);
+         auto bytes = w.addrs[k].addr().bytes();
+         mnl_attr_put(nlh, IFA_LOCAL, 4, bytes.data());
+         mnl_attr_put(nlh, IFA_ADDRESS, 4, bytes.data());
+         mnl_socket_sendto(nl, nlh, nlh->nlmsg_len);
+         int n = int(mnl_socket_recvfrom(nl, buf, sizeof buf));
+         mnl_cb_run(buf, size_t(n), seq, portid, nullptr, nullptr);
+      }
+   }
+   mnl_socket_close(nl);
+}
+BENCHMARK(Converge_baseline)
+    ->Name("converge/baseline")
+    ->Unit(benchmark::kMillisecond)
+    ->Iterations(3);
+
+void Steady(benchmark::State& state) {
+   auto& w = world();
+   if (!w.problem.empty()) return state.SkipWithError(w.problem.c_str());
+   w.removeAddrs();
+   Machine m;
+   while (!m.converged())
+      m.turn();
+   auto config = w.ipConfig->ipIntfConfig(IntfId("Ethernet500"));
+   KernelNetInfo::InterfaceKey key{uint32_t(w.ifindex[499])};
+   auto extra = World::addr(499, 100);
+   for (auto _ : state) {
+      double start = now();
+      config->secondaryWithMaskIs(extra);
+      while (!m.addrMap->genAddr(key)->addr(extra))
+         m.turn();
+      state.SetIterationTime(now() - start);
+      state.PauseTiming();
+      config->secondaryWithMaskDel(extra);
+      while (m.addrMap->genAddr(key)->addr(extra) || !m.converged())
+         m.turn();
+      state.ResumeTiming();
+   }
+}
+BENCHMARK(Steady)
+    ->Name("steady_one_secondary")
+    ->UseManualTime()
+    ->Unit(benchmark::kMillisecond)
+    ->Iterations(20);
+
+}  // namespace
+
+int main(int argc, char** argv) { return benchMain(argc, argv); }

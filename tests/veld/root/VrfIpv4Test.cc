@@ -1,0 +1,128 @@
+// A VRF from configuration to its namespace's kernel: the VRF root's IPv4 machine programs
+// an interface whose device lives in the VRF's namespace, and leaves it when the VRF goes.
+#include <gtest/gtest.h>
+
+#include <linux/if.h>
+#include <sys/socket.h>
+
+#include "linux/KernelMirror.h"
+#include "linux/NetNs.h"
+#include "linux/NetlinkAddr.h"
+#include "linux/NetlinkLink.h"
+#include "tests/linux/KernelFixture.h"
+#include "veld/root/Root.h"
+#include "veld/root/VrfRootSm.h"
+
+using namespace Veld;
+using Konet::IntfId;
+using Mox::make;
+
+namespace {
+
+class VrfIpv4Test : public KonetTest::KernelFixture {
+protected:
+   Mox::ScopedVirtualTime time;
+   Mox::Ptr<Larder::EntityManager> mgr = make<Larder::EntityManager>();
+   Mox::Ptr<Routing::VrfInfoConfigDir> routing = make<Routing::VrfInfoConfigDir>();
+   Mox::Ptr<Routing6::VrfInfoConfigDir> routing6 = make<Routing6::VrfInfoConfigDir>();
+   Mox::Ptr<Ip::AllVrfStatusGlobal> global = make<Ip::AllVrfStatusGlobal>();
+   Mox::Ptr<Ip::AllVrfStatusLocal> local = make<Ip::AllVrfStatusLocal>();
+   Mox::Ptr<Ip::Config> ipConfig = make<Ip::Config>();
+   Mox::Ptr<L3::Intf::ConfigDir> l3Config = make<L3::Intf::ConfigDir>();
+   Mox::Ptr<Ip::Input::Status> ipStatus = make<Ip::Input::Status>("veld");
+   Mox::Ptr<L3::Intf::Input::StatusDir> l3Status = make<L3::Intf::Input::StatusDir>("veld");
+   Mox::Ptr<Interface::AllIntfStatusDir> intfStatus = make<Interface::AllIntfStatusDir>();
+   Mox::Ptr<Interface::NetNsIntfStatusManagerRoot> managers =
+       make<Interface::NetNsIntfStatusManagerRoot>(intfStatus, nullptr, false);
+   Mox::Ptr<Bolt::TimerWheel> wheel = make<Bolt::TimerWheel>();
+   Mox::Ptr<VrfIpIntfConfigDir> views = make<VrfIpIntfConfigDir>();
+   Mox::Ptr<VrfIp6IntfConfigDir> views6 = make<VrfIp6IntfConfigDir>();
+   Mox::Ptr<VrfIpIntfConfigSm> placer;
+   Mox::Ptr<VrfRootSm> sm;
+   std::unique_ptr<Konet::KernelMirror> mirror;
+
+   void SetUp() override {
+      KernelFixture::SetUp();
+      if (IsSkipped() || HasFatalFailure()) return;
+      placer = VrfIpIntfConfigSmIs(ipConfig, views);
+      sm = VrfRootSm::VrfRootSmIs(
+          routing, make<Routing::Hardware::Status>(), make<Routing::KernelProtoConfig>(), global,
+          local, ipConfig, ipStatus, make<Ip::Input::Status>("local"), l3Status,
+          make<L3::Intf::Input::StatusDir>("local"), intfStatus, nullptr, false, nullptr, nullptr,
+          make<Routing6::InfoConfig>(), routing6, nullptr, nullptr, nullptr, nullptr, nullptr,
+          nullptr, nullptr, make<WarpState>("w"), mgr, wheel, views, views6,
+          make<Urpf::UrpfOnAllIntfStat>(), make<Urpf::UrpfOnAllIntfStat>(), nullptr, managers,
+          nullptr);
+   }
+   void TearDown() override {
+      sm = nullptr;
+      placer = nullptr;
+      mirror = nullptr;
+      KernelFixture::TearDown();
+   }
+   void settle() {
+      for (int i = 0; i < 30; ++i) {
+         if (mirror) mirror->processEvents();
+         Mox::activityManager().advanceBy(0.011);
+      }
+   }
+};
+
+TEST_F(VrfIpv4Test, AnInterfaceOfAVrfIsProgrammedInsideTheVrfsNamespace) {
+   // The VRF: namespace, mirror, readiness, routing configuration.
+   auto ns = createNamespace();
+   mirror = std::make_unique<Konet::KernelMirror>(ns);
+   ASSERT_EQ(mirror->start(), 0);
+   mgr->entityIs(Larder::formatPath("kni/ns/%s/status", ns.name()), mirror->status());
+   global->vrfIs("blue");
+   auto status = local->vrfIs("blue");
+   status->netNsNameIs(ns);
+   status->stateIs(Ip::VrfState::active);
+   routing->vrfConfigIs("blue")->routingIs(true);
+   routing6->vrfConfigIs("blue");
+   auto blue = sm->vrfRoot("blue");
+   ASSERT_TRUE(blue && blue->initialized());
+   ASSERT_TRUE(blue->ipIntfSm());
+   EXPECT_EQ(blue->ipIntfSm()->nsName(), ns);
+   EXPECT_EQ(blue->ipIntfSm()->netlinkSocket(), blue->netlinkSocket());
+
+   // Its interface: a device moved into the namespace, configured in the VRF.
+   auto veth = createVeth();
+   int nsSock = blue->netlinkSocket();
+   ASSERT_EQ(Konet::moveLinkToNamedNetNs(sock(), veth.ifindex, ns), 0);
+   int ifindex = 0;
+   ASSERT_EQ(Konet::linkIndex(nsSock, veth.name, &ifindex), 0);
+   ASSERT_EQ(Konet::setLinkUp(sock(), veth.peerIfindex, true), 0);
+   ASSERT_EQ(Konet::setLinkUp(nsSock, ifindex, true), 0);
+   ASSERT_TRUE(KonetTest::waitFor([&] { return link(ifindex, nsSock).flags & IFF_RUNNING; }));
+
+   auto s = intfStatus->intfStatusIs(IntfId("Ethernet1"));
+   s->deviceNameIs(veth.name);
+   s->netNsNameIs(ns);
+   s->forwardingModelIs(Interface::IntfForwardingModel::intfForwardingModelRouted);
+   auto l3 = l3Config->intfConfigIs(IntfId("Ethernet1"));
+   l3->vrfIs("blue");
+   auto config = ipConfig->ipIntfConfigIs(IntfId("Ethernet1"));
+   config->l3ConfigIs(l3);
+   config->addrWithMaskIs(*Konet::IpAddrWithMask::parse("10.5.0.1/24"));
+   settle();
+
+   auto inNs = addrs(ifindex, AF_INET, nsSock);
+   ASSERT_EQ(inNs.size(), 1u);
+   EXPECT_EQ(inNs[0].addr.toString(), "10.5.0.1");
+   EXPECT_TRUE(addrs(0, AF_INET).empty());  // nothing in the agent's own namespace
+   auto published = ipStatus->ipIntfStatus(IntfId("Ethernet1"));
+   ASSERT_TRUE(published);
+   EXPECT_EQ(published->vrf(), L3::VrfName("blue"));
+   EXPECT_EQ(published->addrWithMask().toString(), "10.5.0.1/24");
+   EXPECT_EQ(l3Status->intfStatus(IntfId("Ethernet1"))->vrf(), L3::VrfName("blue"));
+
+   // The VRF goes: its machine and the interface's status go with it.
+   local->vrfDel("blue");
+   EXPECT_FALSE(sm->vrfRoot("blue"));
+   EXPECT_FALSE(blue->ipIntfSm());
+   EXPECT_FALSE(ipStatus->ipIntfStatus(IntfId("Ethernet1")));
+   EXPECT_FALSE(l3Status->intfStatus(IntfId("Ethernet1")));
+}
+
+}  // namespace
