@@ -10,8 +10,6 @@
 #include <fstream>
 
 #include "mox/Trace.h"
-#include "veld/ipv4/IpIntfStatusSm.h"
-#include "veld/ipv4/L3IntfStatusSm.h"
 
 namespace VeldAgent {
 
@@ -27,9 +25,6 @@ Agent::~Agent() {
    // The machines go before the helpers whose entities they watch; the kernel stays.
    ipIntfVrfReactor_ = nullptr;
    vrfRootSm_ = nullptr;
-   ipIntfStatusSm_ = nullptr;
-   l3IntfStatusSm_ = nullptr;
-   ipIntfSm_ = nullptr;
    root_ = nullptr;
    mover_.reset();
    control_.reset();
@@ -84,15 +79,14 @@ void Agent::buildLibrary() {
    auto defaultView = vrfIpDir->vrfIpIntfConfigIs(defaultVrf);
    vrfIp6Dir->vrfIpIntfConfigIs(defaultVrf);
    auto kniMgr = managers->intfStatusManagerIs(defaultNs);
-   ipIntfSm_ = Mox::make<Veld::IpIntfSm>(
-       e_.ipConfig, defaultView, addrMap, kniMgr->deviceIntfStatusDir(), e_.kernelProto,
-       e_.routingVrfConfig->vrfConfig(defaultVrf), e_.systemIpStatus, e_.localIpStatus,
-       e_.systemL3Status, e_.localL3Status, e_.ip6Status, e_.vrfStatusLocal,
-       static_cast<int>(root_->netlinkSocket()), e_.allIntfStatus, kniMgr, defaultVrf,
-       e_.routingHardware, false, warp, e_.timerWheel, e_.updateIpVrfRequests,
-       e_.updateIpRequests, urpf, e_.virtualMac);
-   ipIntfStatusSm_ = Mox::make<Veld::IpIntfStatusSm>(e_.ipInputStatus, e_.ipConfig, e_.ipStatus);
-   l3IntfStatusSm_ = Mox::make<Veld::L3IntfStatusSm>(e_.l3InputStatus, e_.l3Status);
+   root_->ipIntfSmIs(e_.ipConfig, defaultView, addrMap, kniMgr->deviceIntfStatusDir(),
+                     e_.kernelProto, e_.routingVrfConfig->vrfConfig(defaultVrf), e_.systemIpStatus,
+                     e_.localIpStatus, e_.systemL3Status, e_.localL3Status, e_.ip6Status,
+                     e_.vrfStatusLocal, static_cast<int>(root_->netlinkSocket()), e_.allIntfStatus,
+                     kniMgr, defaultVrf, e_.routingHardware, false, warp, e_.timerWheel,
+                     e_.updateIpVrfRequests, e_.updateIpRequests, urpf, e_.virtualMac);
+   root_->ipIntfStatusSmIs(e_.ipInputStatus, e_.ipConfig, e_.ipStatus);
+   root_->l3IntfStatusSmIs(e_.l3InputStatus, e_.l3Status);
    root_->loopbackIntfSmIs(e_.loopbackConfig, e_.intfNamespaceConfig, e_.loopbackStatus,
                            e_.loopbackStatusLocal, false, e_.clock, e_.intfStatusPtrDir);
    root_->cleanupLoopbackIntfSmIs(kni, e_.loopbackConfig, defaultNs);

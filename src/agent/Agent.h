@@ -90,8 +90,6 @@ private:
    std::unique_ptr<ConfigWriter> writer_;
    std::unique_ptr<IntfNamespaceMover> mover_;
    Mox::Ptr<Veld::Root> root_;
-   Mox::Ptr<Veld::IpIntfSm> ipIntfSm_;
-   Mox::Ptr<Mox::StateMachine> ipIntfStatusSm_, l3IntfStatusSm_;
    Mox::Ptr<Veld::VrfRootSm> vrfRootSm_;
    Mox::Ptr<Veld::IpIntfVrfReactor> ipIntfVrfReactor_;
    std::unique_ptr<ControlServer> control_;

@@ -38,7 +38,12 @@ std::string eui64Text(Interface::Eui64 const& e) {
 
 std::vector<std::pair<L3::VrfName, Mox::Ptr<Veld::IpIntfSm>>> Agent::ipIntfSms() const {
    std::vector<std::pair<L3::VrfName, Mox::Ptr<Veld::IpIntfSm>>> out;
-   if (ipIntfSm_) out.emplace_back(L3::VrfName::defaultVrf(), ipIntfSm_);
+   if (root_ && root_->ipIntfSm()) out.emplace_back(L3::VrfName::defaultVrf(), root_->ipIntfSm());
+   if (!vrfRootSm_) return out;
+   for (auto const& [name, v] : config().vrfs) {
+      auto vrfRoot = vrfRootSm_->vrfRoot(name);
+      if (vrfRoot && vrfRoot->ipIntfSm()) out.emplace_back(name, vrfRoot->ipIntfSm());
+   }
    return out;
 }
 
