@@ -10,13 +10,13 @@
 // polled once the address monitor has seen the 4,000 additions.
 //
 //    build/bench/bench_agent [--benchmark_repetitions=N]
+#include <arpa/inet.h>
 #include <benchmark/benchmark.h>
 #include <fcntl.h>
 #include <libmnl/libmnl.h>
 #include <linux/if.h>
 #include <linux/if_addr.h>
 #include <linux/rtnetlink.h>
-#include <arpa/inet.h>
 #include <sched.h>
 #include <signal.h>
 #include <sys/mount.h>
@@ -245,7 +245,8 @@ std::string runAgent(World& w, Times* t, long* hwm) {
    std::ifstream stat("/proc/" + std::to_string(pid) + "/stat");
    std::string field;
    for (int i = 1; i <= 15 && stat >> field; ++i) {
-      if (i == 14 || i == 15) t->cpu += std::stod(field) / static_cast<double>(::sysconf(_SC_CLK_TCK));
+      if (i == 14 || i == 15)
+         t->cpu += std::stod(field) / static_cast<double>(::sysconf(_SC_CLK_TCK));
    }
    *hwm = std::max(*hwm, peakKb(pid));
    ::kill(pid, SIGTERM);

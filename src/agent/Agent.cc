@@ -18,8 +18,7 @@ Mox::TraceHandle th("VeldAgent");
 constexpr double kReloadSettle = 0.1;  // editors write a file in several steps
 }  // namespace
 
-Agent::Agent(AgentOptions options)
-    : options_(std::move(options)), mirrors_(loop_, e_.larder) {}
+Agent::Agent(AgentOptions options) : options_(std::move(options)), mirrors_(loop_, e_.larder) {}
 
 Agent::~Agent() {
    // The machines go before the helpers whose entities they watch; the kernel stays.
@@ -96,18 +95,19 @@ void Agent::buildLibrary() {
    vrfRootSm_ = Veld::VrfRootSm::VrfRootSmIs(
        e_.routingVrfConfig, e_.routingHardware, e_.kernelProto, e_.vrfStatusGlobal,
        e_.vrfStatusLocal, e_.ipConfig, e_.systemIpStatus, e_.localIpStatus, e_.systemL3Status,
-       e_.localL3Status, e_.allIntfStatus, e_.allIntfStatusLocal, false, e_.ip6Config,
-       e_.ip6Status, e_.routing6VrfConfig->vrfConfig(defaultVrf), e_.routing6VrfConfig,
-       e_.systemIp6Status, e_.localIp6Status, e_.ip6MulticastGroups, e_.updateIpVrfRequests,
-       e_.updateIp6VrfRequests, e_.updateIpRequests, e_.updateIp6Requests, warp, e_.larder,
-       e_.timerWheel, vrfIpDir, vrfIp6Dir, urpf, urpf6, e_.ip6Enable, managers, e_.virtualMac);
+       e_.localL3Status, e_.allIntfStatus, e_.allIntfStatusLocal, false, e_.ip6Config, e_.ip6Status,
+       e_.routing6VrfConfig->vrfConfig(defaultVrf), e_.routing6VrfConfig, e_.systemIp6Status,
+       e_.localIp6Status, e_.ip6MulticastGroups, e_.updateIpVrfRequests, e_.updateIp6VrfRequests,
+       e_.updateIpRequests, e_.updateIp6Requests, warp, e_.larder, e_.timerWheel, vrfIpDir,
+       vrfIp6Dir, urpf, urpf6, e_.ip6Enable, managers, e_.virtualMac);
    ipIntfVrfReactor_ =
        Veld::IpIntfVrfReactorIs(e_.ipConfig, e_.vrfStatusLocal, e_.intfNamespaceConfig);
 }
 
 ConfigDiff Agent::apply(Configuration const& config) {
    auto diff = writer_->apply(config);
-   Mox::logMessage(Mox::LogSeverity::notice, "VELD-CONFIG", "configuration applied: " + diff.summary());
+   Mox::logMessage(Mox::LogSeverity::notice, "VELD-CONFIG",
+                   "configuration applied: " + diff.summary());
    return diff;
 }
 
@@ -170,10 +170,10 @@ int Agent::serve() {
       control_ = std::make_unique<ControlServer>(
           loop_, [this](std::string const& r) { return handleRequest(r); });
       if (int err = control_->listenAt(socketPath(options_.runDir))) {
-         Mox::logMessage(Mox::LogSeverity::error, "VELD-START",
-                         "cannot listen at " + socketPath(options_.runDir) + ": " +
-                             (err == EADDRINUSE ? "another veld answers there"
-                                                : std::strerror(err)));
+         Mox::logMessage(
+             Mox::LogSeverity::error, "VELD-START",
+             "cannot listen at " + socketPath(options_.runDir) + ": " +
+                 (err == EADDRINUSE ? "another veld answers there" : std::strerror(err)));
          return err;
       }
    }

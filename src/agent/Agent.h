@@ -35,8 +35,8 @@
 namespace VeldAgent {
 
 struct AgentOptions {
-   std::string configPath;          // the file reloads read ("": none)
-   std::string runDir;              // the control socket and ring-log dumps
+   std::string configPath;        // the file reloads read ("": none)
+   std::string runDir;            // the control socket and ring-log dumps
    std::string nsPrefix = "ns-";  // namespace names of VRFs that name none
 };
 

@@ -147,8 +147,10 @@ Json Agent::showInterfaces() const {
 
 Json Agent::showVrfs() const {
    Json list = Json::array();
-   std::vector<std::pair<L3::VrfName, VrfSettings>> vrfs(config().vrfs.begin(), config().vrfs.end());
-   std::stable_partition(vrfs.begin(), vrfs.end(), [](auto const& v) { return v.first.isDefault(); });
+   std::vector<std::pair<L3::VrfName, VrfSettings>> vrfs(config().vrfs.begin(),
+                                                         config().vrfs.end());
+   std::stable_partition(vrfs.begin(), vrfs.end(),
+                         [](auto const& v) { return v.first.isDefault(); });
    for (auto const& [name, v] : vrfs) {
       Json j;
       j["vrf"] = name.name();
@@ -180,7 +182,8 @@ Json Agent::showBacklog() const {
       j["runs"] = sm->ipIntfKernelUpdateCodefListProcessed();
       j["itemsProcessed"] = sm->ipIntfKernelUpdateCodefListItemsProcessed();
       j["errors"] = sm->ipIntfKernelUpdateCodefListErrs();
-      j["empty"] = warp ? warp->backlogEmpty(sm->warpKey()) : sm->ipIntfKernelUpdateCodefListSize() == 0;
+      j["empty"] =
+          warp ? warp->backlogEmpty(sm->warpKey()) : sm->ipIntfKernelUpdateCodefListSize() == 0;
       list.push_back(j);
    }
    Json missing = Json::array();

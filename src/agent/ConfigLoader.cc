@@ -232,7 +232,8 @@ public:
       } else if (value == 0 || (value >> 28) == 0xe || (value >> 28) == 0xf ||
                  (value >> 24) == 127) {
          error(p, inQuotes(*text) + " is not a unicast host address");
-      } else if (a->len() < 31 && (a->addr() == a->subnet().network() || a->addr() == a->broadcast())) {
+      } else if (a->len() < 31 &&
+                 (a->addr() == a->subnet().network() || a->addr() == a->broadcast())) {
          error(p, inQuotes(*text) + " is the network or broadcast address of its subnet");
       } else {
          return a;
@@ -266,7 +267,8 @@ public:
          for (size_t i = 0; i < v.size(); ++i) {
             auto ip = vp + "/" + std::to_string(i);
             auto a = (this->*read)(v[i], ip);
-            if (a && !out->insert(*a).second) error(ip, inQuotes(a->toString()) + " is listed twice");
+            if (a && !out->insert(*a).second)
+               error(ip, inQuotes(a->toString()) + " is listed twice");
          }
       });
    }
@@ -296,7 +298,8 @@ void readUrpf(Checker& c, Json const& v, std::string const& p, Urpf::UrpfConfig*
       if (auto mode = urpfMode(*text)) {
          out->mode = *mode;
       } else {
-         c.error(mp, inQuotes(*text) + " is not a uRPF mode (disable, loose, strict, strictDefault)");
+         c.error(mp,
+                 inQuotes(*text) + " is not a uRPF mode (disable, loose, strict, strictDefault)");
       }
    };
    if (v.is_string()) {
@@ -328,9 +331,8 @@ void readIpv4(Checker& c, Json const& v, std::string const& p, Ipv4Settings* out
    c.boolean(v, p, "localProxyArp", &out->localProxyArp);
    c.boolean(v, p, "gratuitousArpAccept", &out->gratuitousArpAccept);
    c.boolean(v, p, "forwarding", &out->forwarding);
-   c.optional(v, p, "urpf", [&](Json const& u, std::string const& up) {
-      readUrpf(c, u, up, &out->urpf);
-   });
+   c.optional(v, p, "urpf",
+              [&](Json const& u, std::string const& up) { readUrpf(c, u, up, &out->urpf); });
    c.optional(v, p, "noArp", [&](Json const& n, std::string const& np) {
       if (!n.is_boolean()) {
          c.error(np, std::string("must be true or false, not ") + typeName(n));
@@ -370,8 +372,7 @@ void readIpv4(Checker& c, Json const& v, std::string const& p, Ipv4Settings* out
       c.error(at(p, "secondaries"), "secondary addresses need a primary address");
    }
    if (!out->virtualAddress && !out->virtualSecondaries.empty()) {
-      c.error(at(p, "virtualSecondaries"),
-              "virtual secondary addresses need a virtual address");
+      c.error(at(p, "virtualSecondaries"), "virtual secondary addresses need a virtual address");
    }
 }
 
@@ -405,17 +406,16 @@ void readInterface(Checker& c, Json const& v, std::string const& p, InterfaceSet
          out->vrf = L3::VrfName(*name);
       }
    });
-   c.optional(v, p, "ipv4", [&](Json const& a, std::string const& ap) {
-      readIpv4(c, a, ap, &out->ipv4);
-   });
-   c.optional(v, p, "ipv6", [&](Json const& a, std::string const& ap) {
-      readIpv6(c, a, ap, &out->ipv6);
-   });
+   c.optional(v, p, "ipv4",
+              [&](Json const& a, std::string const& ap) { readIpv4(c, a, ap, &out->ipv4); });
+   c.optional(v, p, "ipv6",
+              [&](Json const& a, std::string const& ap) { readIpv6(c, a, ap, &out->ipv6); });
 }
 
 // A VRF name as the agent uses it in namespace names and tables.
 char const* vrfNameProblem(std::string_view name) {
-   if (name.empty() || name.size() > L3::VrfName::maxLength) return "a VRF name has 1 to 100 characters";
+   if (name.empty() || name.size() > L3::VrfName::maxLength)
+      return "a VRF name has 1 to 100 characters";
    for (char c : name) {
       bool ok = (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') ||
                 c == '_' || c == '-' || c == '.';
@@ -480,8 +480,8 @@ void checkAcross(Checker& c, Configuration const& config) {
       if (!s.device.empty()) {
          auto [it, fresh] = devices.emplace(s.device, id);
          if (!fresh) {
-            c.error(at(p, "device"),
-                    "device " + inQuotes(s.device) + " already carries interface " + it->second.name());
+            c.error(at(p, "device"), "device " + inQuotes(s.device) +
+                                         " already carries interface " + it->second.name());
          }
       }
       if (!config.vrfs.count(s.vrf)) {
@@ -537,8 +537,8 @@ void checkAcross(Checker& c, Configuration const& config) {
 LoadResult parseConfiguration(std::string_view text) {
    LoadResult result;
    if (text.size() > kMaxConfigBytes) {
-      result.errors.push_back({"", "the document is larger than " +
-                                       std::to_string(kMaxConfigBytes >> 20) + " MiB"});
+      result.errors.push_back(
+          {"", "the document is larger than " + std::to_string(kMaxConfigBytes >> 20) + " MiB"});
       return result;
    }
    if (tooDeep(text)) {
@@ -549,9 +549,9 @@ LoadResult parseConfiguration(std::string_view text) {
    Json doc;
    DuplicateKeys dups(&result.errors);
    try {
-      doc = Json::parse(
-          text.begin(), text.end(),
-          [&](int, Json::parse_event_t e, Json& parsed) { return dups.event(e, parsed); });
+      doc = Json::parse(text.begin(), text.end(), [&](int, Json::parse_event_t e, Json& parsed) {
+         return dups.event(e, parsed);
+      });
    } catch (Json::parse_error const& e) {
       size_t line = 1, column = 1;
       for (size_t i = 0; i + 1 < e.byte && i < text.size(); ++i) {

@@ -116,7 +116,8 @@ int controlRequest(std::string const& path, std::string const& request, std::str
    ::setsockopt(fd.get(), SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv);
    if (::connect(fd.get(), reinterpret_cast<sockaddr*>(&sa), sizeof sa) != 0) return errno;
    std::string line = request + "\n";
-   if (::send(fd.get(), line.data(), line.size(), MSG_NOSIGNAL) != static_cast<ssize_t>(line.size())) {
+   if (::send(fd.get(), line.data(), line.size(), MSG_NOSIGNAL) !=
+       static_cast<ssize_t>(line.size())) {
       return errno;
    }
    out->clear();

@@ -22,9 +22,7 @@ namespace {
 
 constexpr double kConvergeTimeout = 10.0;
 
-void heading(std::string const& text) {
-   std::printf("\n\033[1m== %s\033[0m\n\n", text.c_str());
-}
+void heading(std::string const& text) { std::printf("\n\033[1m== %s\033[0m\n\n", text.c_str()); }
 
 std::string sandbox() {
    if (::geteuid() != 0) return "the demo needs root (it makes network namespaces)";
@@ -116,8 +114,8 @@ void showAll(Agent& agent, bool vrfs) {
 bool converge(Agent& agent) {
    auto start = std::chrono::steady_clock::now();
    bool ok = agent.loop().runUntil([&] { return agent.converged(); }, kConvergeTimeout);
-   double ms = std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - start)
-                   .count();
+   double ms =
+       std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - start).count();
    if (ok) {
       std::printf("(converged in %.0f ms)\n\n", ms);
    } else {
@@ -184,19 +182,19 @@ int runDemo(std::string const& configPath) {
       heading("Live change 1: a secondary address on Ethernet1");
       auto& e1 = config.interfaces.at(Konet::IntfId("Ethernet1"));
       e1.ipv4.secondaries.insert(*Konet::IpAddrWithMask::parse("10.0.21.1/24"));
-      std::printf("%s\n", agent.apply(config).summary().c_str());
+      agent.apply(config);
       ok = converge(agent) && ok;
       showAll(agent, false);
 
       heading("Live change 2: Ethernet2 moves from VRF red to VRF blue");
       config.interfaces.at(Konet::IntfId("Ethernet2")).vrf = L3::VrfName("blue");
-      std::printf("%s\n", agent.apply(config).summary().c_str());
+      agent.apply(config);
       ok = converge(agent) && ok;
       showAll(agent, true);
 
       heading("Live change 3: Ethernet3 becomes unrouted (a bridge port)");
       config.interfaces.at(Konet::IntfId("Ethernet3")).routed = false;
-      std::printf("%s\n", agent.apply(config).summary().c_str());
+      agent.apply(config);
       ok = converge(agent) && ok;
       showAll(agent, false);
 

@@ -25,7 +25,8 @@ private:
    IntfNamespaceMover* owner_;
 };
 
-class IntfNamespaceMover::MoxNamespaceConfig : public Interface::IntfNamespaceConfig::NotifieeConst {
+class IntfNamespaceMover::MoxNamespaceConfig
+    : public Interface::IntfNamespaceConfig::NotifieeConst {
 public:
    MoxNamespaceConfig(IntfNamespaceMover* o, Konet::IntfId id) : owner_(o), id_(std::move(id)) {}
    void onNetNsName() override { owner_->schedule(id_); }
@@ -157,9 +158,9 @@ int IntfNamespaceMover::doMove(Konet::IntfId const& id) {
       return rc;
    }
    ++moves_;
-   Mox::logMessage(Mox::LogSeverity::info, "VELD-INTF-MOVE",
-                   "interface " + id.name() + ": device " + dev + " moved to namespace " +
-                       to.name());
+   Mox::logMessage(
+       Mox::LogSeverity::info, "VELD-INTF-MOVE",
+       "interface " + id.name() + ": device " + dev + " moved to namespace " + to.name());
    return 0;
 }
 

@@ -8,6 +8,7 @@ namespace {
 Mox::TraceHandle th("VeldAgentIntf");
 constexpr double kRetireWait = 3.0;
 constexpr double kRetirePoll = 0.02;
+constexpr double kReportDelay = 0.5;
 }  // namespace
 
 class IntfStatusPublisher::MoxInterfaceTable
@@ -27,11 +28,11 @@ private:
 IntfStatusPublisher::IntfStatusPublisher(Entities& entities, KernelMirrors& mirrors)
     : e_(entities), mirrors_(mirrors) {
    retire_ = Mox::make<DeferredWork>(e_.scheduler, "IntfStatusRetire", [this] { doRetire(); });
+   report_ = Mox::make<DeferredWork>(e_.scheduler, "IntfStatusReport", [this] { doReport(); });
    for (auto const& ns : mirrors_.namespaces())
       handleMirror(ns, mirrors_.mirror(ns));
-   mirrors_.observerAdd([this](Konet::NamespaceName const& ns, Konet::KernelMirror* m) {
-      handleMirror(ns, m);
-   });
+   mirrors_.observerAdd(
+       [this](Konet::NamespaceName const& ns, Konet::KernelMirror* m) { handleMirror(ns, m); });
 }
 
 IntfStatusPublisher::~IntfStatusPublisher() {
@@ -158,7 +159,15 @@ void IntfStatusPublisher::refresh(Konet::IntfId const& id) {
    }
    status->deviceNameIs("");
    status->operUpIs(false);
-   if (!intf.reportedMissing) {
+   // A device on its way between namespaces is missing for a moment: only one still missing
+   // a little later is reported.
+   if (!intf.reportedMissing) report_->scheduleTaskDelay(kReportDelay);
+}
+
+void IntfStatusPublisher::doReport() {
+   for (auto& [id, intf] : intfs_) {
+      auto status = e_.allIntfStatus->intfStatus(id);
+      if (intf.reportedMissing || !status || !status->deviceName().empty()) continue;
       Mox::logMessage(Mox::LogSeverity::warning, "VELD-INTF",
                       "device " + intf.settings.device + " of interface " + id.name() +
                           " does not exist; the interface waits for it");
@@ -196,7 +205,8 @@ void IntfStatusPublisher::doRetire() {
 std::vector<Konet::IntfId> IntfStatusPublisher::missingDevices() const {
    std::vector<Konet::IntfId> out;
    for (auto const& [id, intf] : intfs_) {
-      if (intf.reportedMissing) out.push_back(id);
+      auto status = e_.allIntfStatus->intfStatus(id);
+      if (!status || status->deviceName().empty()) out.push_back(id);
    }
    return out;
 }

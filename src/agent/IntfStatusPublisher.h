@@ -50,6 +50,7 @@ private:
    };
    void refresh(Konet::IntfId const& id);
    void doRetire();
+   void doReport();
 
    Entities& e_;
    KernelMirrors& mirrors_;
@@ -59,6 +60,7 @@ private:
    std::map<Konet::NamespaceName, Mox::Ptr<MoxInterfaceTable>> reactors_;
    std::map<Konet::IntfId, Retiring> retiring_;
    Mox::Ptr<DeferredWork> retire_;
+   Mox::Ptr<DeferredWork> report_;
 };
 
 }  // namespace VeldAgent

@@ -180,8 +180,8 @@ bool VrfNamespaces::doDelete(L3::VrfName const& name, Vrf& vrf) {
          if (l.name == "lo") continue;
          if (int rc = Konet::moveLinkToNetNs(sock, l.ifindex, home_.get())) {
             Mox::logMessage(Mox::LogSeverity::warning, "VELD-VRF",
-                            "cannot move device " + l.name + " out of namespace " +
-                                vrf.ns.name() + ": " + std::strerror(rc));
+                            "cannot move device " + l.name + " out of namespace " + vrf.ns.name() +
+                                ": " + std::strerror(rc));
          }
       }
    }

@@ -103,11 +103,13 @@ int main(int argc, char** argv) {
    runCmd->add_option("--run-dir", runDir, "where the control socket and ring-log dumps go")
        ->capture_default_str();
    runCmd->add_option("--trace", trace, "trace levels, e.g. Veld/8,VeldAgent/7");
-   runCmd->add_option("--ring-log-level", ringLogLevel,
-                      "traces up to this level go to the ring log dumped on SIGUSR1 (-1: none)")
+   runCmd
+       ->add_option("--ring-log-level", ringLogLevel,
+                    "traces up to this level go to the ring log dumped on SIGUSR1 (-1: none)")
        ->capture_default_str();
-   runCmd->add_option("--namespace-prefix", nsPrefix,
-                      "prefix of the namespaces of VRFs that name none")
+   runCmd
+       ->add_option("--namespace-prefix", nsPrefix,
+                    "prefix of the namespaces of VRFs that name none")
        ->capture_default_str();
 
    auto* demoCmd = app.add_subcommand("demo", "the agent on the example configuration, sandboxed");

@@ -5,6 +5,7 @@
 
 #include <set>
 
+#include "linux/NetNs.h"
 #include "linux/Netlink.h"
 #include "linux/NetlinkLink.h"
 #include "linux/NetlinkParse.h"
@@ -19,10 +20,9 @@ using VeldTest::VeldProcess;
 // Every IPv4 address the kernel adds or deletes in the namespace from its creation on.
 class AddrMonitor {
 public:
-   AddrMonitor() {
+   explicit AddrMonitor(Konet::NamespaceName const& ns = Konet::NamespaceName()) {
       int err = 0;
-      sock_ = Konet::createNetlinkSocket(Konet::NamespaceName(), RTMGRP_IPV4_IFADDR, 0, false,
-                                         1 << 20, &err);
+      sock_ = Konet::createNetlinkSocket(ns, RTMGRP_IPV4_IFADDR, 0, false, 1 << 20, &err);
       EXPECT_TRUE(sock_) << err;
    }
    // The events received so far: "+10.0.0.1/24" or "-10.0.0.1/24".
@@ -33,8 +33,8 @@ public:
          for (auto* h = reinterpret_cast<nlmsghdr*>(buf); NLMSG_OK(h, n); h = NLMSG_NEXT(h, n)) {
             Konet::AddrInfo a;
             if (!Konet::parseAddrMsg(h, &a)) continue;
-            events_.push_back((h->nlmsg_type == RTM_NEWADDR ? "+" : "-") + a.addr.toString() +
-                              "/" + std::to_string(a.prefixLen));
+            events_.push_back((h->nlmsg_type == RTM_NEWADDR ? "+" : "-") + a.addr.toString() + "/" +
+                              std::to_string(a.prefixLen));
          }
       }
       return events_;
@@ -65,10 +65,13 @@ protected:
    std::string config(std::string const& secondary1 = "10.1.1.1/24",
                       std::string const& address2 = "10.2.0.1/24") const {
       return R"({"interfaces": {
-         "Ethernet1": {"device": ")" + et1.name + R"(", "ipv4": {"address": "10.1.0.1/24",
-             "secondaries": [")" + secondary1 + R"(", "10.1.2.1/24"], "proxyArp": true,
+         "Ethernet1": {"device": ")" +
+             et1.name + R"(", "ipv4": {"address": "10.1.0.1/24",
+             "secondaries": [")" +
+             secondary1 + R"(", "10.1.2.1/24"], "proxyArp": true,
              "gratuitousArpAccept": true}},
-         "Ethernet2": {"device": ")" + et2.name + R"(", "ipv4": {"address": ")" + address2 +
+         "Ethernet2": {"device": ")" +
+             et2.name + R"(", "ipv4": {"address": ")" + address2 +
              R"(", "secondaries": ["10.2.1.1/24"]}}}})";
    }
    std::set<std::string> kernel(Veth const& v) {
@@ -188,6 +191,70 @@ TEST_F(AgentEndToEnd, CheckNamesEachPlace) {
    EXPECT_NE(out.find("/interfaces/Ethernet2/ipv4/address"), std::string::npos) << out;
    veld.writeConfig(config());
    EXPECT_EQ(VeldProcess::command({"check", veld.configPath()}, &out), 0) << out;
+}
+
+// A VRF: its namespace made by the agent, an interface's device moved into it and back,
+// the namespace deleted with the VRF, and a restart that touches nothing in either.
+class AgentVrfEndToEnd : public AgentEndToEnd {
+protected:
+   void TearDown() override {
+      Konet::deleteNamedNamespace(ns);
+      AgentEndToEnd::TearDown();
+   }
+   std::string vrfConfig(bool inRed) const {
+      return R"({"vrfs": {"red": {"namespace": ")" + ns.name() + R"("}}, "interfaces": {
+         "Ethernet1": {"device": ")" +
+             et1.name + R"(", "vrf": ")" + (inRed ? "red" : "default") +
+             R"(", "ipv4": {"address": "10.1.0.1/24", "secondaries": ["10.1.1.1/24"]}},
+         "Ethernet2": {"device": ")" +
+             et2.name + R"(", "ipv4": {"address": "10.2.0.1/24"}}}})";
+   }
+   // The device's IPv4 addresses in `ns`; empty when it is not there.
+   Set kernelIn(Konet::NamespaceName const& where, std::string const& dev) {
+      int err = 0;
+      auto s = Konet::createNetlinkSocket(where, 0, 2, true, 0, &err);
+      int ifindex = 0;
+      if (!s || Konet::linkIndex(s.get(), dev, &ifindex) != 0) return {};
+      Set out;
+      for (auto const& a : addrs(ifindex, AF_INET, s.get()))
+         out.insert(a.addr.toString() + "/" + std::to_string(a.prefixLen));
+      return out;
+   }
+   bool nsExists() const { return ::access(("/run/netns/" + ns.name()).c_str(), F_OK) == 0; }
+
+   Konet::NamespaceName ns{"veldtest-" + uniqueName("red")};
+};
+
+TEST_F(AgentVrfEndToEnd, DeviceFollowsItsVrfAndTheNamespaceGoesWithIt) {
+   startConverged(vrfConfig(true));
+   EXPECT_TRUE(nsExists());
+   EXPECT_EQ(kernelIn(ns, et1.name), (Set{"10.1.0.1/24", "10.1.1.1/24"}));
+   EXPECT_EQ(kernelIn(Konet::NamespaceName(), et2.name), Set{"10.2.0.1/24"});
+   auto shown = veld.show("interfaces").at("interfaces").at(0);
+   EXPECT_EQ(shown.at("namespace"), ns.name());
+   EXPECT_EQ(shown.at("status").at("vrf"), "red");
+
+   // Back to the default VRF, and the VRF removed.
+   auto text = vrfConfig(false);
+   text.replace(text.find(R"("red": {"namespace": ")" + ns.name() + R"("})"),
+                std::string(R"("red": {"namespace": ")" + ns.name() + R"("})").size(), "");
+   veld.writeConfig(text);
+   ASSERT_TRUE(KonetTest::waitFor([&] { return !nsExists(); }));
+   ASSERT_TRUE(veld.waitConverged());
+   EXPECT_EQ(kernel(et1), (Set{"10.1.0.1/24", "10.1.1.1/24"}));
+   EXPECT_EQ(veld.show("vrfs").at("vrfs").size(), 1u);
+}
+
+TEST_F(AgentVrfEndToEnd, RestartWithAVrfIsHitless) {
+   startConverged(vrfConfig(true));
+   veld.kill9();
+   AddrMonitor inDefault, inRed(ns);
+   veld.start();
+   ASSERT_TRUE(veld.waitConverged());
+   EXPECT_TRUE(inDefault.events().empty());
+   EXPECT_TRUE(inRed.events().empty());
+   EXPECT_EQ(kernelIn(ns, et1.name), (Set{"10.1.0.1/24", "10.1.1.1/24"}));
+   EXPECT_EQ(veld.show("backlog").at("deviceMoves"), 0);
 }
 
 }  // namespace

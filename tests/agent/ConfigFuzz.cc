@@ -8,8 +8,8 @@
 #include "agent/Config.h"
 
 extern "C" int LLVMFuzzerTestOneInput(uint8_t const* data, size_t size) {
-   auto r = VeldAgent::parseConfiguration(
-       std::string_view(reinterpret_cast<char const*>(data), size));
+   auto r =
+       VeldAgent::parseConfiguration(std::string_view(reinterpret_cast<char const*>(data), size));
    if (r.config) {
       auto again = VeldAgent::parseConfiguration(VeldAgent::configurationToJson(*r.config));
       if (!again.config || !(*again.config == *r.config)) __builtin_trap();

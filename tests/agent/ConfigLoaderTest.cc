@@ -153,7 +153,7 @@ TEST(ConfigDiff, NamesEachChangedPlace) {
       "Ethernet1": {"device": "et1", "ipv4": {"address": "10.0.0.1/24"}},
       "Ethernet2": {"device": "et2", "ipv4": {"address": "10.0.1.1/24"}},
       "Ethernet3": {"device": "et3"}}})")
-                   .config;
+                    .config;
    EXPECT_TRUE(diffConfigurations(base, base).empty());
    auto next = base;
    next.interfaces.at(Konet::IntfId("Ethernet1"))
