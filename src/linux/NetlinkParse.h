@@ -18,12 +18,13 @@ namespace Konet {
 // RTM_NEWLINK / RTM_DELLINK.
 struct LinkInfo {
    int ifindex = 0;
-   std::string name;              // IFLA_IFNAME
-   uint32_t flags = 0;            // ifi_flags: IFF_UP, IFF_RUNNING (0x40), IFF_NOARP (0x80)...
-   uint32_t carrierChanges = 0;   // IFLA_CARRIER_CHANGES: advances when carrier comes or goes
-   uint32_t mtu = 0;              // IFLA_MTU
-   int master = 0;                // IFLA_MASTER: ifindex of the bridge or bond, 0 if none
-   std::array<uint8_t, 6> mac{};  // IFLA_ADDRESS of an Ethernet device, else zero
+   std::string name;             // IFLA_IFNAME
+   uint32_t flags = 0;           // ifi_flags: IFF_UP, IFF_RUNNING (0x40), IFF_NOARP (0x80)...
+   uint32_t carrierChanges = 0;  // IFLA_CARRIER_CHANGES: advances when carrier comes or goes
+   uint32_t mtu = 0;             // IFLA_MTU
+   int master = 0;               // IFLA_MASTER: ifindex of the bridge or bond, 0 if none
+   // IFLA_ADDRESS of an Ethernet device, else zero.
+   std::array<uint8_t, 6> mac{};
    // The device's IPv4 settings (IFLA_AF_SPEC / AF_INET / IFLA_INET_CONF): ipv4Conf[i] is
    // the setting IPV4_DEVCONF_* number i + 1 (forwarding, rp_filter, ...), what
    // /proc/sys/net/ipv4/conf/<device> shows.
