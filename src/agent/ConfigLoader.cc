@@ -605,7 +605,7 @@ LoadResult parseConfiguration(std::string_view text) {
          }
       });
    }
-   if (c.errors.empty()) checkAcross(c, config);
+   checkAcross(c, config);
    result.errors = std::move(c.errors);
    if (result.errors.empty()) result.config = std::move(config);
    return result;
