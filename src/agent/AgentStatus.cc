@@ -76,10 +76,10 @@ bool Agent::converged() const {
       auto want = configuredV4(s);
       auto const& held = kernel[ns][s.device];
       auto ip = e_.ipStatus->intf(id);
+      // Where no address belongs (a bridge port, a device without carrier), the kernel and
+      // the published status hold none of the configured ones.
       if (!s.routed || !status->operUp()) {
-         if (ip && s.routed) {
-            if (ip->addrWithMask().len()) return false;
-         } else if (ip) {
+         if (ip && (ip->addrWithMask().len() || ip->activeSecondaryWithMaskIterator().size())) {
             return false;
          }
          for (auto const& a : want) {
