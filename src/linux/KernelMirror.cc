@@ -24,6 +24,8 @@ KernelNetInfo::IpKey keyOf(AddrInfo const& a) {
 // How often the running state toggled between two observations: at least the toggle we
 // see, and as many carrier changes as the kernel counted, with the parity the two states
 // imply (a carrier change while the device was down changes nothing).
+constexpr int kDumpAttempts = 20;
+
 uint32_t runningToggles(bool toggled, uint32_t carrierDelta) {
    if (toggled) return carrierDelta % 2 ? carrierDelta : carrierDelta + 1;
    return carrierDelta % 2 ? carrierDelta - 1 : carrierDelta;
@@ -98,9 +100,17 @@ void KernelMirror::applyAddrDel(AddrInfo const& addr) { status_->ipStateDel(keyO
 int KernelMirror::resync() {
    ++resyncs_;
    std::vector<LinkInfo> links;
-   if (int err = dumpLinks(requests_.get(), &links)) return err;
    std::vector<AddrInfo> addrs;
-   if (int err = dumpAddrs(requests_.get(), AF_UNSPEC, 0, &addrs)) return err;
+   // A dump that met a change of what it lists is marked inconsistent by the kernel
+   // (NLM_F_DUMP_INTR, EINTR here): it is taken again, as many times as a busy kernel needs.
+   int err = EINTR;
+   for (int attempt = 0; attempt < kDumpAttempts && err == EINTR; ++attempt) {
+      links.clear();
+      addrs.clear();
+      err = dumpLinks(requests_.get(), &links);
+      if (err == 0) err = dumpAddrs(requests_.get(), AF_UNSPEC, 0, &addrs);
+   }
+   if (err) return err;
 
    std::unordered_set<int> seen;
    for (auto const& l : links) {

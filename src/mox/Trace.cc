@@ -6,6 +6,7 @@
 #include <cstring>
 #include <iostream>
 #include <map>
+#include <memory>
 #include <mutex>
 
 namespace Mox {
@@ -121,12 +122,28 @@ std::vector<std::string> traceFacilities() {
    return out;
 }
 
+namespace {
+thread_local std::vector<std::unique_ptr<std::ostringstream>> traceStreams;
+thread_local size_t traceDepth = 0;
+}  // namespace
+
 TraceHelper::TraceHelper(TraceHandle const& handle, int level, char const* file, int line,
                          char const* function, Ringlog::MsgDesc* desc)
-    : handle_(handle), level_(level), file_(file), line_(line), function_(function), desc_(desc) {}
+    : handle_(handle), level_(level), file_(file), line_(line), function_(function), desc_(desc) {
+   if (traceStreams.size() <= traceDepth) {
+      traceStreams.push_back(std::make_unique<std::ostringstream>());
+   }
+   stream_ = traceStreams[traceDepth++].get();
+   stream_->str(std::string());
+   stream_->clear();
+   stream_->flags(std::ios_base::dec | std::ios_base::skipws);
+   stream_->precision(6);
+   stream_->fill(' ');
+}
 
 TraceHelper::~TraceHelper() {
-   std::string text = stream_.str();
+   std::string text = stream_->str();
+   --traceDepth;
    if (handle_.traceEnabled(level_)) {
       currentSink->write(
           TraceRecord{handle_.facility(), level_, baseName(file_), line_, function_, text});

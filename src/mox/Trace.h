@@ -78,7 +78,7 @@ public:
    ~TraceHelper();
    TraceHelper(TraceHelper const&) = delete;
    TraceHelper& operator=(TraceHelper const&) = delete;
-   std::ostream& stream() { return stream_; }
+   std::ostream& stream() { return *stream_; }
 
 private:
    TraceHandle const& handle_;
@@ -87,7 +87,9 @@ private:
    int line_;
    char const* function_;
    Ringlog::MsgDesc* desc_;
-   std::ostringstream stream_;
+   // A stream of this thread kept for reuse, one per nesting level: building a stream for
+   // every trace costs more than formatting the trace.
+   std::ostringstream* stream_;
 };
 
 // Operator log messages: always emitted (to stderr and the log sink), rate limited per
