@@ -38,4 +38,4 @@ check-format:
 	@git ls-files '*.cc' '*.h' | xargs clang-format --dry-run --Werror
 
 clean:
-	@rm -rf build build-asan
+	@rm -rf build build-asan build-fuzz
