@@ -183,6 +183,38 @@ TEST_F(AgentEndToEnd, RestartIsHitlessAndConvergesOnChangesMadeWhileDown) {
                                                "-10.2.0.1/24"}));
 }
 
+TEST_F(AgentEndToEnd, AMissingDeviceIsWaitedForAndARemovedInterfaceLeavesNoAddress) {
+   auto late = uniqueName("late");
+   auto text = config();
+   text.insert(text.rfind("}}"), R"(, "Ethernet7": {"device": ")" + late +
+                                     R"(", "ipv4": {"address": "10.7.0.1/24"}})");
+   veld.writeConfig(text);
+   veld.start();
+   ASSERT_TRUE(KonetTest::waitFor([&] {
+      auto b = veld.show("backlog");
+      return b.is_object() && b.at("missingDevices") == nlohmann::json{"Ethernet7"};
+   }));
+   ASSERT_TRUE(KonetTest::waitFor([&] { return kernel(et2).size() == 2; }));
+   // The device appears: the interface takes its address.
+   ASSERT_EQ(Konet::createVethPair(sock(), late, late + "p"), 0);
+   int a = 0, b = 0;
+   Konet::linkIndex(sock(), late, &a);
+   Konet::linkIndex(sock(), late + "p", &b);
+   Konet::setLinkUp(sock(), b, true);
+   Konet::setLinkUp(sock(), a, true);
+   ASSERT_TRUE(veld.waitConverged());
+   EXPECT_EQ(addrs(a, AF_INET).size(), 1u);
+   Konet::deleteLink(sock(), a);
+
+   // Ethernet1 leaves the configuration: its addresses leave the kernel.
+   veld.writeConfig(R"({"interfaces": {"Ethernet2": {"device": ")" + et2.name +
+                    R"(", "ipv4": {"address": "10.2.0.1/24", "secondaries": ["10.2.1.1/24"]}}}})");
+   ASSERT_TRUE(KonetTest::waitFor([&] { return kernel(et1).empty(); }));
+   ASSERT_TRUE(veld.waitConverged());
+   EXPECT_EQ(veld.show("interfaces").at("interfaces").size(), 1u);
+   EXPECT_EQ(kernel(et2).size(), 2u);
+}
+
 TEST_F(AgentEndToEnd, CheckNamesEachPlace) {
    veld.writeConfig(config("10.1.1.1/33", "1.2.3"));
    std::string out;

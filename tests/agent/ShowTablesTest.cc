@@ -1,0 +1,64 @@
+// The show tables: what an operator reads in each column.
+#include <gtest/gtest.h>
+
+#include "agent/ShowTables.h"
+
+namespace {
+
+using namespace VeldAgent;
+using Json = nlohmann::json;
+
+Json intf(char const* name, bool routed, Json status, Json kernel, bool found = true) {
+   return Json{{"interface", name},      {"vrf", "default"},     {"device", "et1"},
+               {"namespace", "default"}, {"operUp", true},       {"mtu", 1500},
+               {"routed", routed},       {"deviceFound", found}, {"status", status},
+               {"kernel", kernel}};
+}
+
+Json status(char const* primary, std::vector<std::string> secondaries) {
+   return Json{{"address", primary},
+               {"secondaries", secondaries},
+               {"virtualAddress", ""},
+               {"virtualSecondaries", Json::array()}};
+}
+
+TEST(ShowTables, TheKernelColumnComparesTheKernelWithThePublishedStatus) {
+   auto text = renderInterfaces(
+       Json{{"interfaces",
+             {intf("Ethernet1", true, status("10.0.0.1/24", {"10.0.1.1/24"}),
+                   {"10.0.1.1/24", "10.0.0.1/24"}),
+              intf("Ethernet2", true, status("10.0.2.1/24", {}), {"10.0.2.1/24", "10.9.9.9/24"}),
+              intf("Ethernet3", false, nullptr, Json::array()),
+              intf("Ethernet4", true, nullptr, Json::array(), false)}}});
+   auto line = [&](char const* name) {
+      auto at = text.find(name);
+      return text.substr(at, text.find('\n', at) - at);
+   };
+   EXPECT_NE(line("Ethernet1").find("in sync"), std::string::npos) << text;
+   EXPECT_NE(line("Ethernet1").find("10.0.1.1/24"), std::string::npos);
+   EXPECT_NE(line("Ethernet2").find("holds 10.0.2.1/24,10.9.9.9/24"), std::string::npos) << text;
+   EXPECT_NE(line("Ethernet3").find("(unrouted)"), std::string::npos);
+   EXPECT_NE(line("Ethernet4").find("no device"), std::string::npos);
+   // Columns line up under their headers.
+   EXPECT_EQ(text.find("Kernel") - text.find("Interface"),
+             line("Ethernet1").find("in sync") - line("Ethernet1").find("Ethernet1"));
+}
+
+TEST(ShowTables, BacklogSaysWhatTheAgentWaitsFor) {
+   auto text = renderBacklog(Json{{"backlog",
+                                   {{{"vrf", "red"},
+                                     {"machine", "ipIntfSm"},
+                                     {"pending", 3},
+                                     {"runs", 7},
+                                     {"itemsProcessed", 12},
+                                     {"errors", 1},
+                                     {"empty", false}}}},
+                                  {"converged", false},
+                                  {"deviceMoves", 2},
+                                  {"missingDevices", {"Ethernet9"}}});
+   EXPECT_NE(text.find("red"), std::string::npos);
+   EXPECT_NE(text.find("Converged: no"), std::string::npos);
+   EXPECT_NE(text.find("Waiting for devices of: Ethernet9"), std::string::npos) << text;
+}
+
+}  // namespace
