@@ -41,11 +41,34 @@ int Agent::start(Configuration const& config) {
    vrfs_ = std::make_unique<VrfNamespaces>(e_, mirrors_, options_.nsPrefix);
    intfs_ = std::make_unique<IntfStatusPublisher>(e_, mirrors_);
    writer_ = std::make_unique<ConfigWriter>(e_, *vrfs_, *intfs_);
-   writer_->apply(config);
+   // The machines start from what the agent applied before it stopped, which is what the
+   // kernel holds, and the configuration follows as a change of it: what was removed
+   // meanwhile (an interface, a VRF) is taken out of the kernel like any other change.
+   auto applied = appliedBefore();
+   writer_->apply(applied ? *applied : config);
    vrfs_->runPending();  // the VRFs' namespaces and statuses before the machines
    buildLibrary();
    mover_ = std::make_unique<IntfNamespaceMover>(e_, mirrors_);
+   if (applied && !(*applied == config)) apply(config);
+   recordApplied();
    return 0;
+}
+
+std::optional<Configuration> Agent::appliedBefore() const {
+   if (options_.runDir.empty()) return std::nullopt;
+   return loadConfigurationFile(options_.runDir + "/applied.json").config;
+}
+
+void Agent::recordApplied() const {
+   if (options_.runDir.empty()) return;
+   std::string path = options_.runDir + "/applied.json";
+   std::string tmp = path + ".new";
+   {
+      std::ofstream out(tmp, std::ios::trunc);
+      out << configurationToJson(config());
+      if (!out) return;
+   }
+   std::rename(tmp.c_str(), path.c_str());
 }
 
 void Agent::buildLibrary() {
@@ -106,6 +129,7 @@ void Agent::buildLibrary() {
 
 ConfigDiff Agent::apply(Configuration const& config) {
    auto diff = writer_->apply(config);
+   recordApplied();
    Mox::logMessage(Mox::LogSeverity::notice, "VELD-CONFIG",
                    "configuration applied: " + diff.summary());
    return diff;

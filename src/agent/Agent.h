@@ -8,6 +8,9 @@
 // them), VrfRootSm and IpIntfVrfReactor. The address maps are seeded from the mirrors, so a
 // restarted agent starts from what the kernel holds and changes only what differs.
 //
+// With a run directory, the configuration in force is recorded there (applied.json), and a
+// start first takes up the recorded one, then applies the configuration as a change of it.
+//
 // serve() adds what `veld run` needs: signals (TERM and INT stop, HUP reloads, USR1 dumps the
 // ring log), the configuration file's watch and the control socket. Stopping leaves the
 // kernel as it is.
@@ -15,6 +18,7 @@
 
 #include <memory>
 #include <nlohmann/json.hpp>
+#include <optional>
 #include <string>
 
 #include "agent/Config.h"
@@ -76,6 +80,9 @@ public:
 
 private:
    void buildLibrary();
+   // The configuration in force when the agent last stopped (kept in the run directory).
+   std::optional<Configuration> appliedBefore() const;
+   void recordApplied() const;
    void dumpRingLog();
    int watchConfig();
    // The IPv4 machines by VRF.

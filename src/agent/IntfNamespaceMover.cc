@@ -115,6 +115,10 @@ Konet::NamespaceName IntfNamespaceMover::desiredNs(Konet::IntfId const& id) cons
                                            : Konet::NamespaceName::defaultNamespace();
 }
 
+bool IntfNamespaceMover::settled() const {
+   return pending_.empty() && Mox::System::currentTime() - lastMove_ >= kSettleTime;
+}
+
 void IntfNamespaceMover::doMoves() {
    MOX_TRACE_FN(th, " pending " << pending_.size());
    std::set<Konet::IntfId> retry;
@@ -158,6 +162,7 @@ int IntfNamespaceMover::doMove(Konet::IntfId const& id) {
       return rc;
    }
    ++moves_;
+   lastMove_ = Mox::System::currentTime();
    Mox::logMessage(
        Mox::LogSeverity::info, "VELD-INTF-MOVE",
        "interface " + id.name() + ": device " + dev + " moved to namespace " + to.name());

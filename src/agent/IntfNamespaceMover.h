@@ -26,7 +26,11 @@ public:
 
    // Where the interface's device is to be.
    Konet::NamespaceName desiredNs(Konet::IntfId const& id) const;
-   bool settled() const { return pending_.empty(); }
+   // Nothing to move, and no device moved within kSettleTime: the kernel may report a moved
+   // device's carrier once more up to a second later (its link watch), which the machines
+   // answer by taking the device's addresses away and back.
+   bool settled() const;
+   static constexpr double kSettleTime = 1.0;
    uint64_t moves() const { return moves_; }
 
    void handleNamespaceConfig(Konet::IntfId const& id);
@@ -52,6 +56,7 @@ private:
    std::set<Konet::IntfId> pending_;
    Mox::Ptr<DeferredWork> work_;
    uint64_t moves_ = 0;
+   double lastMove_ = -Mox::kInfinity;
 };
 
 }  // namespace VeldAgent
