@@ -52,7 +52,8 @@ void Resync_ours(benchmark::State& state) {
    if (!world().problem.empty()) return state.SkipWithError(world().problem.c_str());
    Konet::KernelMirror mirror("default");
    mirror.start();
-   for (auto _ : state) mirror.resync();
+   for (auto _ : state)
+      mirror.resync();
    state.counters["addresses"] = double(mirror.status()->ipState().size());
 }
 BENCHMARK(Resync_ours)->Name("mirror_resync/ours")->Unit(benchmark::kMillisecond);

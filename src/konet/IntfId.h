@@ -14,7 +14,7 @@
 namespace Konet {
 
 class IntfId {
- public:
+public:
    static constexpr size_t maxLength = 100;
 
    IntfId() = default;
@@ -34,7 +34,7 @@ class IntfId {
    friend bool operator==(IntfId const&, IntfId const&) = default;
    friend std::strong_ordering operator<=>(IntfId const&, IntfId const&) = default;
 
- private:
+private:
    std::string name_;
 };
 

@@ -20,7 +20,7 @@
 namespace Konet {
 
 class IpAddr {
- public:
+public:
    constexpr IpAddr() = default;
    // `hostOrder` is the address as a number: 10.0.0.1 is 0x0a000001.
    constexpr explicit IpAddr(uint32_t hostOrder) : value_(hostOrder) {}
@@ -40,13 +40,13 @@ class IpAddr {
 
    friend constexpr auto operator<=>(IpAddr, IpAddr) = default;
 
- private:
+private:
    uint32_t value_ = 0;
 };
 static_assert(sizeof(IpAddr) == 4);
 
 class Ip6Addr {
- public:
+public:
    using Bytes = std::array<uint8_t, 16>;
 
    constexpr Ip6Addr() = default;
@@ -73,7 +73,7 @@ class Ip6Addr {
 
    friend constexpr auto operator<=>(Ip6Addr const&, Ip6Addr const&) = default;
 
- private:
+private:
    Bytes bytes_{};
 };
 static_assert(sizeof(Ip6Addr) == 16);
@@ -81,7 +81,7 @@ static_assert(sizeof(Ip6Addr) == 16);
 // An IPv4 or IPv6 address; the default one has family unknown and compares below all
 // others. IPv4 addresses keep their four bytes at the front of the storage.
 class IpGenAddr {
- public:
+public:
    constexpr IpGenAddr() = default;
    IpGenAddr(IpAddr a);   // NOLINT: an IPv4 address is a generic address
    IpGenAddr(Ip6Addr a);  // NOLINT: so is an IPv6 address
@@ -107,7 +107,7 @@ class IpGenAddr {
    friend bool operator==(IpGenAddr const&, IpGenAddr const&) = default;
    friend std::strong_ordering operator<=>(IpGenAddr const&, IpGenAddr const&) = default;
 
- private:
+private:
    AddressFamily af_ = AddressFamily::unknown;
    std::array<uint8_t, 16> bytes_{};
 };

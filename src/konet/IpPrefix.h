@@ -21,7 +21,7 @@ class Prefix;
 class Ip6Prefix;
 
 class IpAddrWithMask {
- public:
+public:
    constexpr IpAddrWithMask() = default;
    // Asserts len <= 32.
    IpAddrWithMask(IpAddr addr, uint8_t len);
@@ -38,13 +38,13 @@ class IpAddrWithMask {
 
    friend constexpr auto operator<=>(IpAddrWithMask const&, IpAddrWithMask const&) = default;
 
- private:
+private:
    IpAddr addr_;
    uint8_t len_ = 0;
 };
 
 class Ip6AddrWithMask {
- public:
+public:
    Ip6AddrWithMask() = default;
    // Asserts len <= 128.
    Ip6AddrWithMask(Ip6Addr const& addr, uint8_t len);
@@ -58,13 +58,13 @@ class Ip6AddrWithMask {
 
    friend constexpr auto operator<=>(Ip6AddrWithMask const&, Ip6AddrWithMask const&) = default;
 
- private:
+private:
    Ip6Addr addr_;
    uint8_t len_ = 0;
 };
 
 class Prefix {
- public:
+public:
    constexpr Prefix() = default;
    // Clears the host bits; asserts len <= 32.
    Prefix(IpAddr addr, uint8_t len);
@@ -78,13 +78,13 @@ class Prefix {
 
    friend constexpr auto operator<=>(Prefix const&, Prefix const&) = default;
 
- private:
+private:
    IpAddr network_;
    uint8_t len_ = 0;
 };
 
 class Ip6Prefix {
- public:
+public:
    Ip6Prefix() = default;
    // Clears the host bits; asserts len <= 128.
    Ip6Prefix(Ip6Addr const& addr, uint8_t len);
@@ -98,7 +98,7 @@ class Ip6Prefix {
 
    friend constexpr auto operator<=>(Ip6Prefix const&, Ip6Prefix const&) = default;
 
- private:
+private:
    Ip6Addr network_;
    uint8_t len_ = 0;
 };

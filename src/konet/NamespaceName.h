@@ -18,7 +18,7 @@ namespace Konet {
 inline constexpr std::string_view DEFAULT_NS = "default";
 
 class NamespaceName {
- public:
+public:
    static constexpr size_t maxLength = 150;
 
    NamespaceName() = default;
@@ -37,7 +37,7 @@ class NamespaceName {
    friend bool operator==(NamespaceName const&, NamespaceName const&) = default;
    friend std::strong_ordering operator<=>(NamespaceName const&, NamespaceName const&) = default;
 
- private:
+private:
    std::string name_;
 };
 

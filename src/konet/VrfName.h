@@ -12,7 +12,7 @@
 namespace L3 {
 
 class VrfName {
- public:
+public:
    static constexpr size_t maxLength = 100;
    static constexpr std::string_view defaultVrfName = "default";
 
@@ -32,7 +32,7 @@ class VrfName {
    friend bool operator==(VrfName const&, VrfName const&) = default;
    friend std::strong_ordering operator<=>(VrfName const&, VrfName const&) = default;
 
- private:
+private:
    std::string name_;
 };
 

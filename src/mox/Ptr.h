@@ -148,7 +148,8 @@ private:
    // segment-relative load, also from the shared library.
    // constinit: no initialisation check on access.
    [[gnu::tls_model("initial-exec")]] static constinit thread_local uint32_t depth_;
-   [[gnu::tls_model("initial-exec")]] static constinit thread_local std::vector<PtrInterface const*>*
+   [[gnu::tls_model(
+       "initial-exec")]] static constinit thread_local std::vector<PtrInterface const*>*
        pending_;  // null when empty
 };
 

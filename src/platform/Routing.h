@@ -8,22 +8,25 @@
 
 namespace Routing {
 
-// The routing information configuration of one VRF (IPv4).
-class InfoConfig : public Mox::Entity {
+// The routing information configuration of one VRF, for one address family (Family tells
+// the IPv4 and IPv6 ones apart as types): whether the VRF routes.
+template <int Family>
+class InfoConfigOf : public Mox::Entity {
 public:
-   class NotifieeConst : public Mox::EntityNotifiee<InfoConfig> {
+   class NotifieeConst : public Mox::EntityNotifiee<InfoConfigOf> {
    public:
       virtual void onRouting() {}
    };
-   explicit InfoConfig(L3::VrfName vrf = L3::VrfName()) : vrfName_(std::move(vrf)) {}
+   explicit InfoConfigOf(L3::VrfName vrf = L3::VrfName()) : vrfName_(std::move(vrf)) {}
    L3::VrfName const& vrfName() const { return vrfName_; }
    bool routing() const { return routing_; }
-   void routingIs(bool v) { setAttr(routing_, v, &NotifieeConst::onRouting); }
+   void routingIs(bool v) { this->setAttr(routing_, v, &NotifieeConst::onRouting); }
 
 private:
    L3::VrfName const vrfName_;
    bool routing_ = false;
 };
+using InfoConfig = InfoConfigOf<4>;
 
 // The VRFs configured for routing, with their routing information configuration.
 template <class Info>
@@ -92,22 +95,7 @@ private:
 
 namespace Routing6 {
 
-class InfoConfig : public Mox::Entity {
-public:
-   class NotifieeConst : public Mox::EntityNotifiee<InfoConfig> {
-   public:
-      virtual void onRouting() {}
-   };
-   explicit InfoConfig(L3::VrfName vrf = L3::VrfName()) : vrfName_(std::move(vrf)) {}
-   L3::VrfName const& vrfName() const { return vrfName_; }
-   bool routing() const { return routing_; }
-   void routingIs(bool v) { setAttr(routing_, v, &NotifieeConst::onRouting); }
-
-private:
-   L3::VrfName const vrfName_;
-   bool routing_ = false;
-};
-
+using InfoConfig = Routing::InfoConfigOf<6>;
 using VrfInfoConfigDir = Routing::VrfInfoConfigDirOf<InfoConfig>;
 
 }  // namespace Routing6

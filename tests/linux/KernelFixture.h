@@ -44,19 +44,19 @@ bool waitFor(Pred pred, std::chrono::milliseconds timeout = std::chrono::seconds
 
 // Collects operator log messages while alive.
 class LogCapture {
- public:
+public:
    LogCapture();
    ~LogCapture();
    std::vector<std::string> const& lines() const { return lines_; }
    bool contains(std::string const& text) const;
 
- private:
+private:
    std::vector<std::string> lines_;
    Mox::LogSink previous_;
 };
 
 class KernelFixture : public ::testing::Test {
- protected:
+protected:
    struct Veth {
       std::string name, peer;
       int ifindex = 0, peerIfindex = 0;
@@ -78,7 +78,7 @@ class KernelFixture : public ::testing::Test {
    std::vector<Konet::AddrInfo> addrs(int ifindex, int family, int sock = -1);
    Konet::LinkInfo link(int ifindex, int sock = -1);
 
- private:
+private:
    Konet::Fd sock_;
 };
 

@@ -30,7 +30,6 @@ protected:
          return pred();
       });
    }
-   static int resyncAndCheck(KernelMirror& m) { return m.resync(); }
    KernelNetInfo::IpKey key(int ifindex, char const* addr, uint32_t len) {
       return KernelNetInfo::IpKey{KernelNetInfo::InterfaceKey{uint32_t(ifindex)},
                                   *IpGenAddr::parse(addr), len};
@@ -47,7 +46,7 @@ TEST_F(KernelMirrorTest, FollowsLinksAndCountsRunningStateChanges) {
    EXPECT_EQ(m.status()->interfaceByName(veth.name).key.ifIndex, uint32_t(veth.ifindex));
    // The device's IPv4 settings come with it, as /proc/sys/net/ipv4/conf shows them.
    ASSERT_EQ(writeProcSys("/proc/sys/net/ipv4/conf/" + veth.name + "/arp_ignore", "2"), 0);
-   ASSERT_EQ(resyncAndCheck(m), 0);
+   ASSERT_EQ(m.resync(), 0);
    uint32_t arpIgnore = 0;
    ASSERT_TRUE(rec(m, veth.ifindex).ipv4ConfValue(ipv4DevconfIndex("arp_ignore"), &arpIgnore));
    EXPECT_EQ(arpIgnore, 2u);

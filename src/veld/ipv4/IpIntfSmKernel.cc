@@ -78,6 +78,7 @@ bool IpIntfSm::doUpdateKernelAddrIntf(Konet::IntfId const& intf) {
    auto dev = kernelIntfDir_->intfStatusAndDeviceName(intf).second;
    if (dev.empty()) {
       // The device is not (or no longer) in this namespace: nothing here to program.
+      MOX_TRACE(th, 5, "No deviceName set for " << intf);
       doUpdateIpStatusAddr(intf);
       return false;
    }
