@@ -58,9 +58,10 @@ void PtrInterface::handleZeroRef() const noexcept {
    delete this;
 }
 
-[[gnu::tls_model("initial-exec")]] thread_local uint32_t Delivery::depth_ = 0;
+[[gnu::tls_model("initial-exec")]] constinit thread_local uint32_t Delivery::depth_ = 0;
 [[gnu::tls_model(
-    "initial-exec")]] thread_local std::vector<PtrInterface const*>* Delivery::pending_ = nullptr;
+    "initial-exec")]] constinit thread_local std::vector<PtrInterface const*>* Delivery::pending_ =
+    nullptr;
 
 void Delivery::defer(PtrInterface const* p) {
    if (p->zeroRefDeferred_) return;
