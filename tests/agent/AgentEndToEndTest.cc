@@ -89,7 +89,9 @@ protected:
    void startConverged(std::string const& text) {
       veld.writeConfig(text);
       veld.start();
-      ASSERT_TRUE(veld.waitConverged()) << "not converged";
+      ASSERT_TRUE(veld.waitConverged()) << "not converged:\n"
+                                        << veld.show("backlog").dump() << "\n"
+                                        << veld.show("interfaces").dump();
    }
 
    Veth et1, et2;

@@ -38,7 +38,7 @@ public:
    static int command(std::vector<std::string> const& args, std::string* out);
    nlohmann::json show(std::string const& what) const;
    // Polls `veld show backlog --json` until the agent reports convergence.
-   bool waitConverged(double seconds = 10.0) const;
+   bool waitConverged(double seconds = 20.0) const;
    // The agent's standard error so far.
    std::string log() const;
 
