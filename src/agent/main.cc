@@ -12,6 +12,7 @@
 #include "agent/Agent.h"
 #include "agent/Demo.h"
 #include "agent/ShowTables.h"
+#include "linux/SafeName.h"
 #include "mox/Trace.h"
 
 namespace {
@@ -24,6 +25,16 @@ int traceLevels(std::string const& spec) {
    if (spec.empty() || Mox::traceLevelsFromString(spec)) return 0;
    std::fprintf(stderr, "veld: --trace %s: expected Facility/level[,Facility/level...]\n",
                 spec.c_str());
+   return 2;
+}
+
+// The prefix becomes part of namespace names, with a VRF name of up to 100 bytes after it.
+int namespacePrefix(std::string const& prefix) {
+   char const* why =
+       prefix.size() > 40 ? "at most 40 bytes" : Konet::namespaceNameProblem(prefix + "vrf");
+   if (!why) return 0;
+   std::fprintf(stderr, "veld: --namespace-prefix '%s': %s\n", Konet::escapedName(prefix).c_str(),
+                why);
    return 2;
 }
 
@@ -129,7 +140,10 @@ int main(int argc, char** argv) {
 
    CLI11_PARSE(app, argc, argv);
    if (int rc = traceLevels(trace)) return rc;
-   if (*runCmd) return run(configPath, runDir, nsPrefix, ringLogLevel);
+   if (*runCmd) {
+      if (int rc = namespacePrefix(nsPrefix)) return rc;
+      return run(configPath, runDir, nsPrefix, ringLogLevel);
+   }
    if (*demoCmd) return runDemo(configPath);
    if (*checkCmd) return check(configPath);
    return show(what, json, runDir);
