@@ -489,7 +489,10 @@ void IpIntfSm::handleUrpfAndRouting(Konet::IntfId const& intf) {
    updateUrpfAndRouting(intf, config->urpf());
 }
 
+// The uRPF summary knows it for every interface of every VRF, kept current one interface at
+// a time; without one, the routed interfaces of this VRF are asked.
 bool IpIntfSm::isUrpfOnAnyIntf() const {
+   if (urpfOnAllIntfStat_) return urpfOnAllIntfStat_->urpfOnAnyIntf();
    for (auto const& [intf, r] : routedIpIntfConfig_) {
       if (r->config()->urpf().enabled()) return true;
    }
