@@ -46,15 +46,15 @@ void EventLoop::remove(int fd) {
 
 // The timerfd fires at the framework's next deadline; a deadline already past fires at once.
 void EventLoop::armTimer(double waitSeconds) {
-   itimerspec spec{};
+   itimerspec when{};
    if (std::isfinite(waitSeconds)) {
       if (waitSeconds < 1e-6) waitSeconds = 1e-6;
-      spec.it_value.tv_sec = static_cast<time_t>(waitSeconds);
-      spec.it_value.tv_nsec =
-          static_cast<long>((waitSeconds - static_cast<double>(spec.it_value.tv_sec)) * 1e9);
-      if (spec.it_value.tv_sec == 0 && spec.it_value.tv_nsec == 0) spec.it_value.tv_nsec = 1000;
+      when.it_value.tv_sec = static_cast<time_t>(waitSeconds);
+      when.it_value.tv_nsec =
+          static_cast<long>((waitSeconds - static_cast<double>(when.it_value.tv_sec)) * 1e9);
+      if (when.it_value.tv_sec == 0 && when.it_value.tv_nsec == 0) when.it_value.tv_nsec = 1000;
    }
-   ::timerfd_settime(timer_.get(), 0, &spec, nullptr);
+   ::timerfd_settime(timer_.get(), 0, &when, nullptr);
 }
 
 void EventLoop::runOnce(double maxWaitSeconds) {

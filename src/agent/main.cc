@@ -21,10 +21,10 @@ using namespace VeldAgent;
 
 constexpr char kDefaultRunDir[] = "/run/veld";
 
-int traceLevels(std::string const& spec) {
-   if (spec.empty() || Mox::traceLevelsFromString(spec)) return 0;
+int traceLevels(std::string const& levels) {
+   if (levels.empty() || Mox::traceLevelsFromString(levels)) return 0;
    std::fprintf(stderr, "veld: --trace %s: expected Facility/level[,Facility/level...]\n",
-                spec.c_str());
+                levels.c_str());
    return 2;
 }
 
