@@ -87,12 +87,12 @@ void traceLevelIs(std::string_view facility, int level) {
    }
 }
 
-bool traceLevelsFromString(std::string_view spec) {
+bool traceLevelsFromString(std::string_view levels) {
    std::vector<std::pair<std::string, int>> parsed;
-   while (!spec.empty()) {
-      auto comma = spec.find(',');
-      auto item = spec.substr(0, comma);
-      spec = comma == std::string_view::npos ? std::string_view{} : spec.substr(comma + 1);
+   while (!levels.empty()) {
+      auto comma = levels.find(',');
+      auto item = levels.substr(0, comma);
+      levels = comma == std::string_view::npos ? std::string_view{} : levels.substr(comma + 1);
       auto slash = item.find('/');
       if (slash == std::string_view::npos || slash == 0 || slash + 1 == item.size()) return false;
       int level = 0;

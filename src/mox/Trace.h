@@ -65,7 +65,7 @@ public:
 // Sets the level of every handle of `facility` ("*" for all, also those registered later).
 void traceLevelIs(std::string_view facility, int level);
 // Parses "Facility/level[,Facility/level...]" as given on a command line; false when malformed.
-bool traceLevelsFromString(std::string_view spec);
+bool traceLevelsFromString(std::string_view levels);
 // Replaces the sink; nullptr restores the default. Returns the previous one.
 TraceSink* traceSinkIs(TraceSink* sink);
 std::vector<std::string> traceFacilities();
