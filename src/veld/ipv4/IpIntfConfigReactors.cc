@@ -115,8 +115,7 @@ void IpIntfSm::MoxIpIntfConfig::refresh() {
    handleDirectedBroadcast();
    handleAttachedRoutes();
    handleUnnumberedIntf();
-   handleUrpf();
-   owner()->updateDpRoutingEnabled(intfId_);
+   handleUrpf();  // also brings the data-plane routing flag up to date
 }
 
 Mox::Ptr<Ip::IpIntfStatus> IpIntfSm::MoxIpIntfConfig::writableStatus(char const* standbyTrace) {
@@ -295,11 +294,10 @@ void IpIntfSm::MoxIpIntfConfig::handleUrpf() {
    auto urpf = config()->urpf();
    MOX_TRACE_FN(th, "uRPF for " << intfId_ << " is " << urpf.mode);
    owner()->updateUrpfStatus(intfId_, urpf);
-   owner()->updateUrpfAndRouting(intfId_, urpf);
+   owner()->updateUrpfAndRouting(intfId_, urpf);  // schedules the settings (rp_filter)
    if (!owner()->standbyMode()) {
       owner()->ipStatusFor(intfId_)->urpfConfiguredOnAnyIntfIs(owner()->isUrpfOnAnyIntf());
    }
-   owner()->doScheduleKernelProcUpdate(intfId_);
 }
 
 void IpIntfSm::MoxIpIntfConfig::handleVrf() {
