@@ -242,6 +242,7 @@ TEST_F(AgentEndToEnd, CheckNamesEachPlace) {
 class AgentVrfEndToEnd : public AgentEndToEnd {
 protected:
    void TearDown() override {
+      if (veld.running()) veld.kill9();  // first, so that its log ends where the test did
       Konet::deleteNamedNamespace(ns);
       AgentEndToEnd::TearDown();
    }

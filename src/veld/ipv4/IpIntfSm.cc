@@ -252,7 +252,8 @@ Mox::Ptr<L3::Intf::Input::StatusDir> const& IpIntfSm::l3StatusFor(Konet::IntfId 
 
 Mox::Ptr<Ip::IpIntfStatus> IpIntfSm::ipIntfStatusOf(Konet::IntfId const& intf) const {
    auto const& dir = ipStatusFor(intf);
-   return dir ? dir->ipIntfStatus(intf) : nullptr;
+   auto status = dir ? dir->ipIntfStatus(intf) : nullptr;
+   return status && status->vrf() == vrfName_ ? status : nullptr;
 }
 
 void IpIntfSm::handleInitialized() {
@@ -344,7 +345,7 @@ void IpIntfSm::handleIntfStatusForDeletedIntfConfig(Konet::IntfId const& intf) {
       return;
    }
    // The status directories are shared by the VRFs: only this VRF's entries are ours.
-   if (auto status = ipIntfStatusOf(intf); status && status->vrf() == vrfName_) {
+   if (ipIntfStatusOf(intf)) {
       ipStatusFor(intf)->ipIntfStatusDel(intf);
    }
    auto const& l3 = l3StatusFor(intf);

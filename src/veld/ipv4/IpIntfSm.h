@@ -256,6 +256,9 @@ private:
    bool writeOnChange(std::string const& path, std::string const& value);
    // The IPv4 address of the ICMP source interface, as the namespace's kernel lists it.
    Konet::IpAddr icmpSrcIntfAddr();
+   // The interface's IPv4 status when this VRF owns it. The status directories are shared by
+   // the VRFs, and while an interface moves between VRFs the other VRF's machine may still
+   // hold or already hold it: that one is not ours to write.
    Mox::Ptr<Ip::IpIntfStatus> ipIntfStatusOf(Konet::IntfId const& intf) const;
 
    Mox::Ptr<Ip::Config const> const ipConfig_;

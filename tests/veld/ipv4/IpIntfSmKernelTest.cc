@@ -200,6 +200,71 @@ TEST_F(IpIntfSmKernelTest, AnInterfaceThatStopsBeingRoutedLosesStatusAndAddresse
    EXPECT_TRUE(kernelAddrs(e1.veth.ifindex).empty());
 }
 
+// Ethernet1 moves from the default VRF to VRF red, whose machine runs in a namespace of its
+// own. The two machines share the status directories and learn of the move in either
+// order; whichever runs last, the status ends as red publishes it.
+TEST_F(IpIntfSmKernelTest, AnInterfaceMovingToAnotherVrfEndsWithTheStatusItsNewVrfPublishes) {
+   for (bool redFirst : {true, false}) {
+      SCOPED_TRACE(redFirst ? "red learns first" : "default lets go first");
+      auto e1 = addIntf(redFirst ? "Ethernet1" : "Ethernet2");
+      e1.config->addrWithMaskIs(v4("10.1.0.1/24"));
+      place(e1);
+      if (!sm) makeSm();
+      settle();
+      ASSERT_TRUE(ipStatus(e1.id));
+
+      auto redNs = createNamespace();
+      Konet::KernelMirror redMirror(redNs);
+      ASSERT_EQ(redMirror.start(), 0);
+      int err = 0;
+      auto redSock = Konet::createNetlinkSocket(redNs, 0, 2, true, 0, &err);
+      ASSERT_TRUE(redSock);
+      auto redManager = managerRoot->intfStatusManagerIs(redNs);
+      auto redAddrMap = make<Veld::AddrMap>(redMirror.status());
+      auto redAddrMapSm = Veld::AddrMappingSmIs(redMirror.status(), redAddrMap);
+      auto redView = make<Veld::VrfIpIntfConfig>(L3::VrfName("red"));
+      auto red = make<Veld::IpIntfSm>(
+          ipConfig, redView, redAddrMap, redManager->deviceIntfStatusDir(), kernelProto,
+          routingInfo, systemStatus, localStatus, systemL3, localL3, nullptr, nullptr,
+          redSock.get(), allIntfStatus, redManager, L3::VrfName("red"), hardware, false, warp,
+          wheel, updateVrfReq, updateReq, urpfStat, virtualMac);
+
+      ASSERT_EQ(Konet::moveLinkToNamedNetNs(sock(), e1.veth.ifindex, redNs), 0);
+      int ifindex = 0;
+      ASSERT_EQ(Konet::linkIndex(redSock.get(), e1.veth.name, &ifindex), 0);
+      ASSERT_EQ(Konet::setLinkUp(redSock.get(), ifindex, true), 0);
+      ASSERT_TRUE(
+          KonetTest::waitFor([&] { return link(ifindex, redSock.get()).flags & IFF_RUNNING; }));
+      l3Config->intfConfigIs(e1.id)->vrfIs("red");
+      e1.status->netNsNameIs(redNs);
+      if (redFirst) {
+         redView->ipIntfConfigIs(e1.config);
+         view->ipIntfConfigDel(e1.id);
+      } else {
+         view->ipIntfConfigDel(e1.id);
+         redView->ipIntfConfigIs(e1.config);
+      }
+      for (int n = 0; n < 40; ++n) {
+         redMirror.processEvents();
+         mirror->processEvents();
+         Mox::activityManager().advanceBy(0.011);
+      }
+      EXPECT_EQ(red->ipIntfKernelUpdateCodefListSize(), 0u);
+      EXPECT_EQ(sm->ipIntfKernelUpdateCodefListSize(), 0u);
+      std::set<std::string> held;
+      for (auto const& a : addrs(ifindex, AF_INET, redSock.get()))
+         held.insert(a.addr.toString() + "/" + std::to_string(a.prefixLen));
+      EXPECT_EQ(held, Set{"10.1.0.1/24"});
+      auto s = ipStatus(e1.id);
+      ASSERT_TRUE(s);
+      EXPECT_EQ(s->vrf(), L3::VrfName("red"));
+      EXPECT_EQ(s->addrWithMask(), v4("10.1.0.1/24"));
+      ASSERT_TRUE(systemL3->intfStatus(e1.id));
+      EXPECT_EQ(systemL3->intfStatus(e1.id)->vrf(), L3::VrfName("red"));
+      redView->ipIntfConfigDel(e1.id);
+   }
+}
+
 TEST_F(IpIntfSmKernelTest, StandbyProgramsTheKernelButWritesNoStatus) {
    auto e1 = addIntf("Ethernet1");
    e1.config->addrWithMaskIs(v4("10.1.0.1/24"));
