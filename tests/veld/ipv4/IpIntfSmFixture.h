@@ -98,11 +98,18 @@ protected:
    }
 
    void makeSm(bool standby = false) {
-      sm = make<Veld::IpIntfSm>(ipConfig, view, addrMap, manager->deviceIntfStatusDir(),
-                                kernelProto, routingInfo, systemStatus, localStatus, systemL3,
-                                localL3, nullptr, nullptr, netlink_.get(), allIntfStatus, manager,
-                                L3::VrfName("default"), hardware, standby, warp, wheel,
-                                updateVrfReq, updateReq, urpfStat, virtualMac);
+      sm = newSm(view, addrMap, manager, netlink_.get(), standby);
+   }
+   // A machine for the VRF of `vrfView`, sharing every other input with the fixture's.
+   Mox::Ptr<Veld::IpIntfSm> newSm(Mox::Ptr<Veld::VrfIpIntfConfig> const& vrfView,
+                                  Mox::Ptr<Veld::AddrMap> const& map,
+                                  Mox::Ptr<Interface::KniIntfStatusManager> const& mgr, int netlink,
+                                  bool standby = false) {
+      return make<Veld::IpIntfSm>(ipConfig, vrfView, map, mgr->deviceIntfStatusDir(), kernelProto,
+                                  routingInfo, systemStatus, localStatus, systemL3, localL3,
+                                  nullptr, nullptr, netlink, allIntfStatus, mgr, vrfView->vrfName(),
+                                  hardware, standby, warp, wheel, updateVrfReq, updateReq, urpfStat,
+                                  virtualMac);
    }
 
    // An interface on a fresh veth whose peer is up, configured for IPv4 in this VRF.

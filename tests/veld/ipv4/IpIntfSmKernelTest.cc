@@ -223,11 +223,7 @@ TEST_F(IpIntfSmKernelTest, AnInterfaceMovingToAnotherVrfEndsWithTheStatusItsNewV
       auto redAddrMap = make<Veld::AddrMap>(redMirror.status());
       auto redAddrMapSm = Veld::AddrMappingSmIs(redMirror.status(), redAddrMap);
       auto redView = make<Veld::VrfIpIntfConfig>(L3::VrfName("red"));
-      auto red = make<Veld::IpIntfSm>(
-          ipConfig, redView, redAddrMap, redManager->deviceIntfStatusDir(), kernelProto,
-          routingInfo, systemStatus, localStatus, systemL3, localL3, nullptr, nullptr,
-          redSock.get(), allIntfStatus, redManager, L3::VrfName("red"), hardware, false, warp,
-          wheel, updateVrfReq, updateReq, urpfStat, virtualMac);
+      auto red = newSm(redView, redAddrMap, redManager, redSock.get());
 
       ASSERT_EQ(Konet::moveLinkToNamedNetNs(sock(), e1.veth.ifindex, redNs), 0);
       int ifindex = 0;
