@@ -6,7 +6,7 @@ SANITIZE ?= OFF
 JOBS     ?= $(shell nproc)
 CMAKE_ARGS ?=
 
-.PHONY: all deps configure build test demo bench asan-test format check-format clean
+.PHONY: all deps configure build test demo bench asan-test fuzz format check-format clean
 
 all: build
 
@@ -30,6 +30,11 @@ bench: build
 
 asan-test:
 	@$(MAKE) --no-print-directory test BUILD=build-asan SANITIZE=ON TYPE=Debug CMAKE_ARGS=-DVELD_BENCH=OFF
+
+# A random campaign of every fuzz target, FUZZ_SECONDS each (CI runs a short, fixed one).
+FUZZ_SECONDS ?= 600
+fuzz: deps
+	@./scripts/fuzz campaign $(FUZZ_SECONDS)
 
 format:
 	@git ls-files '*.cc' '*.h' | xargs clang-format -i

@@ -236,7 +236,8 @@ std::string runAgent(World& w, Times* t, long* hwm) {
    bool converged = false;
    std::string answer;
    while (!converged && now() - t0 < 120) {
-      if (VeldAgent::controlRequest(w.dir + "/run/veld.sock", "show backlog", &answer) == 0) {
+      if (VeldAgent::controlRequest(w.dir + "/run/veld.sock", R"({"show": "backlog"})", &answer) ==
+          0) {
          auto doc = nlohmann::json::parse(answer, nullptr, false);
          converged = doc.is_object() && doc.value("converged", false);
       }

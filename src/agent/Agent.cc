@@ -5,7 +5,9 @@
 #include <sys/inotify.h>
 #include <sys/signalfd.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
+#include <cerrno>
 #include <cstring>
 #include <fstream>
 
@@ -56,19 +58,37 @@ int Agent::start(Configuration const& config) {
 
 std::optional<Configuration> Agent::appliedBefore() const {
    if (options_.runDir.empty()) return std::nullopt;
-   return loadConfigurationFile(options_.runDir + "/applied.json").config;
+   std::string path = appliedPath();
+   if (::access(path.c_str(), F_OK) != 0 && errno == ENOENT) return std::nullopt;  // first start
+   auto result = loadConfigurationFile(path);
+   if (!result.config) {
+      Mox::logMessage(Mox::LogSeverity::warning, "VELD-START",
+                      path + " is unusable (" + result.errors.front().toString() +
+                          "); starting from what the kernel holds");
+   }
+   return result.config;
 }
 
+// Written to a new file and renamed over the old one, so that a crash mid-write leaves the
+// previous record whole. The next start depends on it: a failure is logged.
 void Agent::recordApplied() const {
    if (options_.runDir.empty()) return;
-   std::string path = options_.runDir + "/applied.json";
+   std::string path = appliedPath();
    std::string tmp = path + ".new";
+   std::string failure;
    {
       std::ofstream out(tmp, std::ios::trunc);
       out << configurationToJson(config());
-      if (!out) return;
+      out.flush();
+      if (!out) failure = "cannot write " + tmp + ": " + std::strerror(errno);
    }
-   std::rename(tmp.c_str(), path.c_str());
+   if (failure.empty() && std::rename(tmp.c_str(), path.c_str()) != 0) {
+      failure = "cannot rename " + tmp + " to " + path + ": " + std::strerror(errno);
+   }
+   if (!failure.empty()) {
+      Mox::logMessage(Mox::LogSeverity::error, "VELD-CONFIG",
+                      failure + "; the next start reads the kernel as it finds it");
+   }
 }
 
 void Agent::buildLibrary() {
@@ -137,7 +157,9 @@ ConfigDiff Agent::apply(Configuration const& config) {
 
 bool Agent::reload() {
    if (options_.configPath.empty()) return false;
+   ++reloads_;
    auto result = loadConfigurationFile(options_.configPath);
+   refusedErrors_ = result.errors;
    if (!result.config) {
       for (auto const& e : result.errors) {
          Mox::logMessage(Mox::LogSeverity::error, "VELD-CONFIG",

@@ -24,6 +24,7 @@
 #include "agent/Config.h"
 #include "agent/ConfigDiff.h"
 #include "agent/ConfigWriter.h"
+#include "agent/ControlRequest.h"
 #include "agent/ControlServer.h"
 #include "agent/Entities.h"
 #include "agent/EventLoop.h"
@@ -75,7 +76,11 @@ public:
    nlohmann::json showInterfaces() const;
    nlohmann::json showVrfs() const;
    nlohmann::json showBacklog() const;
-   std::string handleRequest(std::string const& request) const;
+   // The configuration file, what is in force, and the errors of the last reload if it was
+   // refused.
+   nlohmann::json showConfig() const;
+   // Answers one control-socket request line with a JSON document.
+   std::string handleRequest(std::string const& line) const;
    static std::string socketPath(std::string const& runDir) { return runDir + "/veld.sock"; }
 
 private:
@@ -83,6 +88,7 @@ private:
    // The configuration in force when the agent last stopped (kept in the run directory).
    std::optional<Configuration> appliedBefore() const;
    void recordApplied() const;
+   std::string appliedPath() const { return options_.runDir + "/applied.json"; }
    void dumpRingLog();
    int watchConfig();
    // The IPv4 machines by VRF.
@@ -103,6 +109,8 @@ private:
    Konet::Fd signals_;
    Konet::Fd inotify_;
    Mox::Ptr<DeferredWork> reload_;
+   uint64_t reloads_ = 0;
+   std::vector<DocError> refusedErrors_;  // of the last reload, when it was refused
 };
 
 }  // namespace VeldAgent

@@ -204,18 +204,41 @@ Json Agent::showBacklog() const {
                {"converged", converged()}};
 }
 
-std::string Agent::handleRequest(std::string const& request) const {
+Json Agent::showConfig() const {
+   Json refused = Json::array();
+   for (auto const& e : refusedErrors_)
+      refused.push_back(e.toString());
+   auto const& c = config();
+   return Json{{"file", options_.configPath},
+               {"vrfs", c.vrfs.size()},
+               {"interfaces", c.interfaces.size()},
+               {"reloads", reloads_},
+               {"lastReloadRefused", !refusedErrors_.empty()},
+               {"refusedErrors", refused}};
+}
+
+std::string Agent::handleRequest(std::string const& line) const {
+   auto parsed = parseControlRequest(line);
    Json out;
-   if (request == "show interfaces") {
-      out = showInterfaces();
-   } else if (request == "show vrfs") {
-      out = showVrfs();
-   } else if (request == "show backlog") {
-      out = showBacklog();
+   if (!parsed.request) {
+      out = Json{{"error", parsed.errors.front().toString()}};
    } else {
-      out = Json{{"error", "unknown request (show interfaces|vrfs|backlog)"}};
+      switch (parsed.request->show) {
+         case ShowWhat::interfaces:
+            out = showInterfaces();
+            break;
+         case ShowWhat::vrfs:
+            out = showVrfs();
+            break;
+         case ShowWhat::backlog:
+            out = showBacklog();
+            break;
+         case ShowWhat::config:
+            out = showConfig();
+            break;
+      }
    }
-   return out.dump(1) + "\n";
+   return dumpJson(out, 1) + "\n";
 }
 
 }  // namespace VeldAgent

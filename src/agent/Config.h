@@ -17,6 +17,7 @@
 #include <string_view>
 #include <vector>
 
+#include "agent/JsonRead.h"
 #include "konet/IntfId.h"
 #include "konet/IpPrefix.h"
 #include "konet/VrfName.h"
@@ -84,28 +85,21 @@ struct Configuration {
    friend bool operator==(Configuration const&, Configuration const&) = default;
 };
 
-struct ConfigError {
-   std::string pointer;  // JSON pointer of the place ("" is the whole document)
-   std::string message;
-   std::string toString() const;
-};
-
 struct LoadResult {
    std::optional<Configuration> config;  // set exactly when errors is empty
-   std::vector<ConfigError> errors;
+   std::vector<DocError> errors;
 };
 
 // The largest configuration file accepted.
 inline constexpr size_t kMaxConfigBytes = 64u << 20;
 
 LoadResult parseConfiguration(std::string_view text);
+// The start of the error that reports a fault of the checks themselves (never expected).
+inline constexpr char kCheckFault[] = "cannot check the document: ";
 LoadResult loadConfigurationFile(std::string const& path);
 
 // The document of a configuration, in the form parseConfiguration reads (defaults left out
 // only where they are the defaults).
 std::string configurationToJson(Configuration const& config);
-
-// One reference token of a JSON pointer, escaped ("~" as "~0", "/" as "~1").
-std::string pointerToken(std::string_view token);
 
 }  // namespace VeldAgent

@@ -9,42 +9,22 @@
 //     interface, an interface in a configured VRF, an address used once per VRF, no subnet
 //     on two interfaces of one VRF.
 // Every problem is reported with its place; the configuration is usable only without any.
+// Steps 1 and 2 are the JSON reader's (agent/JsonRead.h).
 #include <algorithm>
 #include <cstring>
-#include <fstream>
 #include <map>
 #include <nlohmann/json.hpp>
 #include <sstream>
 
 #include "agent/Config.h"
+#include "agent/JsonRead.h"
 #include "linux/SafeName.h"
 
 namespace VeldAgent {
 
 using Json = nlohmann::json;
 
-std::string ConfigError::toString() const {
-   return (pointer.empty() ? std::string("(document)") : pointer) + ": " + message;
-}
-
-std::string pointerToken(std::string_view token) {
-   std::string out;
-   out.reserve(token.size());
-   for (char c : token) {
-      if (c == '~') {
-         out += "~0";
-      } else if (c == '/') {
-         out += "~1";
-      } else {
-         out += c;
-      }
-   }
-   return out;
-}
-
 namespace {
-
-constexpr size_t kMaxDepth = 32;
 
 std::string at(std::string const& pointer, std::string_view token) {
    return pointer + "/" + pointerToken(token);
@@ -64,87 +44,6 @@ std::string inQuotes(std::string_view s) {
    }
    return out + "\"";
 }
-
-// Deeper than any configuration: refused before the parser sees it.
-bool tooDeep(std::string_view text) {
-   size_t depth = 0;
-   bool inString = false, escaped = false;
-   for (char c : text) {
-      if (inString) {
-         if (escaped) {
-            escaped = false;
-         } else if (c == '\\') {
-            escaped = true;
-         } else if (c == '"') {
-            inString = false;
-         }
-      } else if (c == '"') {
-         inString = true;
-      } else if (c == '{' || c == '[') {
-         if (++depth > kMaxDepth) return true;
-      } else if ((c == '}' || c == ']') && depth > 0) {
-         --depth;
-      }
-   }
-   return false;
-}
-
-// Finds keys given twice in one object while the parser runs.
-class DuplicateKeys {
-public:
-   explicit DuplicateKeys(std::vector<ConfigError>* errors) : errors_(errors) {}
-
-   bool event(Json::parse_event_t event, Json const& parsed) {
-      switch (event) {
-         case Json::parse_event_t::object_start:
-            frames_.push_back(Frame{false, 0, {}, {}});
-            break;
-         case Json::parse_event_t::array_start:
-            frames_.push_back(Frame{true, 0, {}, {}});
-            break;
-         case Json::parse_event_t::key: {
-            if (frames_.empty()) break;
-            auto key = parsed.get<std::string>();
-            if (!frames_.back().keys.insert(key).second) {
-               errors_->push_back({at(pathTo(frames_.size() - 1), key),
-                                   "the key " + inQuotes(key) + " is given twice"});
-            }
-            frames_.back().key = key;
-            break;
-         }
-         case Json::parse_event_t::object_end:
-         case Json::parse_event_t::array_end:
-            if (!frames_.empty()) frames_.pop_back();
-            elementDone();
-            break;
-         case Json::parse_event_t::value:
-            elementDone();
-            break;
-      }
-      return true;
-   }
-
-private:
-   struct Frame {
-      bool array;
-      size_t index;
-      std::string key;
-      std::set<std::string> keys;
-   };
-   void elementDone() {
-      if (!frames_.empty() && frames_.back().array) ++frames_.back().index;
-   }
-   // The pointer of frame n (the tokens that lead into it).
-   std::string pathTo(size_t n) const {
-      std::string p;
-      for (size_t i = 0; i < n; ++i) {
-         p = frames_[i].array ? p + "/" + std::to_string(frames_[i].index) : at(p, frames_[i].key);
-      }
-      return p;
-   }
-   std::vector<ConfigError>* errors_;
-   std::vector<Frame> frames_;
-};
 
 char const* typeName(Json const& v) {
    switch (v.type()) {
@@ -166,7 +65,7 @@ char const* typeName(Json const& v) {
 // The schema walk: each getter checks one place and records what is wrong with it.
 class Checker {
 public:
-   std::vector<ConfigError> errors;
+   std::vector<DocError> errors;
 
    void error(std::string pointer, std::string message) {
       errors.push_back({std::move(pointer), std::move(message)});
@@ -532,46 +431,9 @@ void checkAcross(Checker& c, Configuration const& config) {
    }
 }
 
-}  // namespace
-
-LoadResult parseConfiguration(std::string_view text) {
-   LoadResult result;
-   if (text.size() > kMaxConfigBytes) {
-      result.errors.push_back(
-          {"", "the document is larger than " + std::to_string(kMaxConfigBytes >> 20) + " MiB"});
-      return result;
-   }
-   if (tooDeep(text)) {
-      result.errors.push_back(
-          {"", "the document nests deeper than " + std::to_string(kMaxDepth) + " levels"});
-      return result;
-   }
-   Json doc;
-   DuplicateKeys dups(&result.errors);
-   try {
-      doc = Json::parse(text.begin(), text.end(), [&](int, Json::parse_event_t e, Json& parsed) {
-         return dups.event(e, parsed);
-      });
-   } catch (Json::parse_error const& e) {
-      size_t line = 1, column = 1;
-      for (size_t i = 0; i + 1 < e.byte && i < text.size(); ++i) {
-         if (text[i] == '\n') {
-            ++line;
-            column = 1;
-         } else {
-            ++column;
-         }
-      }
-      std::string what = e.what();
-      auto colon = what.rfind(": ");
-      if (colon != std::string::npos) what = what.substr(colon + 2);
-      result.errors.push_back({"", "not valid JSON at line " + std::to_string(line) + ", column " +
-                                       std::to_string(column) + ": " + what});
-      return result;
-   }
-
+void checkDocument(Json const& doc, LoadResult* result) {
    Checker c;
-   c.errors = std::move(result.errors);
+   c.errors = std::move(result->errors);
    Configuration config;
    config.vrfs[L3::VrfName::defaultVrf()] = VrfSettings{};
    if (c.isObject(doc, "")) {
@@ -606,23 +468,33 @@ LoadResult parseConfiguration(std::string_view text) {
       });
    }
    checkAcross(c, config);
-   result.errors = std::move(c.errors);
-   if (result.errors.empty()) result.config = std::move(config);
+   result->errors = std::move(c.errors);
+   if (result->errors.empty()) result->config = std::move(config);
+}
+
+}  // namespace
+
+LoadResult parseConfiguration(std::string_view text) {
+   LoadResult result;
+   auto doc = readJson(text, kMaxConfigBytes, &result.errors);
+   if (!doc) return result;
+   try {
+      checkDocument(*doc, &result);
+   } catch (nlohmann::json::exception const& e) {
+      // The walk checks each value's type before it reads it: this is a fault of ours, and
+      // the fuzzer looks for this text.
+      result.config.reset();
+      result.errors.push_back({"", std::string(kCheckFault) + e.what()});
+   }
    return result;
 }
 
 LoadResult loadConfigurationFile(std::string const& path) {
-   std::ifstream in(path, std::ios::binary);
-   if (!in) {
-      LoadResult r;
-      r.errors.push_back({"", "cannot read " + path + ": " + std::strerror(errno)});
-      return r;
-   }
    std::string text;
-   char buf[65536];
-   while (in.read(buf, sizeof buf) || in.gcount() > 0) {
-      text.append(buf, static_cast<size_t>(in.gcount()));
-      if (text.size() > kMaxConfigBytes) break;
+   if (auto refused = readDocumentFile(path, kMaxConfigBytes, &text)) {
+      LoadResult r;
+      r.errors.push_back(std::move(*refused));
+      return r;
    }
    return parseConfiguration(text);
 }

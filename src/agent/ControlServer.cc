@@ -9,11 +9,11 @@
 #include <cerrno>
 #include <cstring>
 
+#include "agent/ControlRequest.h"
+
 namespace VeldAgent {
 
 namespace {
-
-constexpr size_t kMaxRequest = 4096;
 
 bool addressOf(std::string const& path, sockaddr_un* sa) {
    std::memset(sa, 0, sizeof *sa);
@@ -77,11 +77,12 @@ void ControlServer::serve(int fd, uint32_t events) {
    auto& c = *it->second;
    if (c.out.empty()) {
       char buf[1024];
-      ssize_t n;
-      while ((n = ::read(fd, buf, sizeof buf)) > 0)
+      ssize_t n = -1;
+      // No more than one request's worth: a client that sends without end is cut off.
+      while (c.in.size() <= kMaxRequestBytes && (n = ::read(fd, buf, sizeof buf)) > 0)
          c.in.append(buf, static_cast<size_t>(n));
       if (n == 0 && c.in.find('\n') == std::string::npos && c.in.empty()) return close(fd);
-      if (c.in.size() > kMaxRequest) {
+      if (c.in.size() > kMaxRequestBytes) {
          c.out = "{\"error\": \"request too long\"}\n";
       } else if (auto nl = c.in.find('\n'); nl != std::string::npos || n == 0) {
          c.out = handler_(c.in.substr(0, nl));

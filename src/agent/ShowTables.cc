@@ -127,4 +127,33 @@ std::string renderBacklog(Json const& answer) {
    return out + "\n";
 }
 
+std::string renderConfig(Json const& answer) {
+   std::string out = "Configuration file: " + answer.at("file").get<std::string>() + "\n";
+   out += "In force: " + std::to_string(answer.at("vrfs").get<int>()) + " VRFs, " +
+          std::to_string(answer.at("interfaces").get<int>()) + " interfaces\n";
+   out += "Reloads: " + std::to_string(answer.at("reloads").get<int>());
+   if (!answer.at("lastReloadRefused").get<bool>()) return out + "\n";
+   out += "; the last one was refused, the configuration in force stays:\n";
+   for (auto const& e : answer.at("refusedErrors"))
+      out += "  " + e.get<std::string>() + "\n";
+   return out;
+}
+
+std::string renderAnswer(ShowWhat what, Json const& answer) {
+   try {
+      switch (what) {
+         case ShowWhat::interfaces:
+            return renderInterfaces(answer);
+         case ShowWhat::vrfs:
+            return renderVrfs(answer);
+         case ShowWhat::backlog:
+            return renderBacklog(answer);
+         case ShowWhat::config:
+            return renderConfig(answer);
+      }
+   } catch (Json::exception const&) {
+   }
+   return "";
+}
+
 }  // namespace VeldAgent

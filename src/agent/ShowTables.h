@@ -6,6 +6,8 @@
 #include <string>
 #include <vector>
 
+#include "agent/ControlRequest.h"
+
 namespace VeldAgent {
 
 // Columns padded to their widest cell, a rule under the header.
@@ -22,5 +24,9 @@ private:
 std::string renderInterfaces(nlohmann::json const& answer);
 std::string renderVrfs(nlohmann::json const& answer);
 std::string renderBacklog(nlohmann::json const& answer);
+std::string renderConfig(nlohmann::json const& answer);
+// The table of an answer to `show`; "" when the answer does not have the expected shape
+// (an agent of another version), never an exception.
+std::string renderAnswer(ShowWhat what, nlohmann::json const& answer);
 
 }  // namespace VeldAgent

@@ -3,7 +3,7 @@
 //    veld run --config FILE [--run-dir DIR] [--trace Facility/level,...]
 //    veld demo [--config FILE] [--trace ...]
 //    veld check FILE
-//    veld show interfaces|vrfs|backlog [--json] [--run-dir DIR]
+//    veld show interfaces|vrfs|backlog|config [--json] [--run-dir DIR]
 #include <CLI/CLI.hpp>
 #include <cstdio>
 #include <cstring>
@@ -79,7 +79,8 @@ int run(std::string const& path, std::string const& runDir, std::string const& n
 int show(std::string const& what, bool json, std::string const& runDir) {
    std::string answer;
    auto path = VeldAgent::Agent::socketPath(runDir);
-   if (int err = controlRequest(path, "show " + what, &answer)) {
+   auto request = ControlRequest{*showWhatFromName(what)};
+   if (int err = controlRequest(path, controlRequestText(request), &answer)) {
       std::fprintf(stderr, "veld show: no agent answers at %s: %s\n", path.c_str(),
                    std::strerror(err));
       return 1;
@@ -88,14 +89,15 @@ int show(std::string const& what, bool json, std::string const& runDir) {
       std::fputs(answer.c_str(), stdout);
       return 0;
    }
-   auto doc = nlohmann::json::parse(answer, nullptr, false);
-   if (doc.is_discarded() || doc.contains("error")) {
-      std::fprintf(stderr, "veld show: unexpected answer: %s", answer.c_str());
+   std::vector<DocError> errors;
+   auto doc = readJson(answer, size_t{1} << 30, &errors);
+   std::string text;
+   if (doc && !doc->contains("error")) text = renderAnswer(request.show, *doc);
+   if (text.empty()) {
+      std::fprintf(stderr, "veld show: unexpected answer: %s\n",
+                   quotedForMessage(answer, 400).c_str());
       return 1;
    }
-   std::string text = what == "interfaces" ? renderInterfaces(doc)
-                      : what == "vrfs"     ? renderVrfs(doc)
-                                           : renderBacklog(doc);
    std::fputs(text.c_str(), stdout);
    return 0;
 }
@@ -131,9 +133,9 @@ int main(int argc, char** argv) {
    checkCmd->add_option("file", configPath, "the configuration file")->required();
 
    auto* showCmd = app.add_subcommand("show", "ask a running agent");
-   showCmd->add_option("what", what, "interfaces, vrfs or backlog")
+   showCmd->add_option("what", what, "interfaces, vrfs, backlog or config")
        ->required()
-       ->check(CLI::IsMember({"interfaces", "vrfs", "backlog"}));
+       ->check(CLI::IsMember({"interfaces", "vrfs", "backlog", "config"}));
    showCmd->add_flag("--json", json, "print the agent's JSON answer");
    showCmd->add_option("--run-dir", runDir, "the running agent's run directory")
        ->capture_default_str();

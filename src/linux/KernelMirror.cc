@@ -174,6 +174,11 @@ int onEvent(nlmsghdr const* nlh, void* data) {
 
 }  // namespace
 
+void KernelMirror::applyDatagram(void const* buf, size_t len) {
+   ++messages_;
+   if (wellFramed(buf, len)) mnl_cb_run(buf, len, 0, 0, onEvent, this);
+}
+
 int KernelMirror::processEvents() {
    alignas(nlmsghdr) char buf[1 << 16];
    bool overflow = false;
@@ -189,8 +194,7 @@ int KernelMirror::processEvents() {
          }
          return errno;
       }
-      ++messages_;
-      mnl_cb_run(buf, static_cast<size_t>(n), 0, 0, onEvent, this);
+      applyDatagram(buf, static_cast<size_t>(n));
    }
    return overflow ? resync() : 0;
 }

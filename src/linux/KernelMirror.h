@@ -44,6 +44,9 @@ public:
    uint64_t overflows() const { return overflows_; }
    uint64_t messages() const { return messages_; }
 
+   // Applies the link and address messages of one datagram from the notification socket;
+   // what is malformed is skipped.
+   void applyDatagram(void const* buf, size_t len);
    void applyLink(LinkInfo const& link);
    void applyLinkDel(int ifindex);
    void applyAddr(AddrInfo const& addr);

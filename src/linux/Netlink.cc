@@ -7,6 +7,7 @@
 #include <cstring>
 
 #include "linux/NetNs.h"
+#include "linux/NetlinkParse.h"
 
 namespace Konet {
 namespace {
@@ -95,8 +96,14 @@ int netlinkRequest(int sock, nlmsghdr* nlh, mnl_cb_t cb, void* data) {
       auto const* first = reinterpret_cast<nlmsghdr const*>(rxBuf);
       bool truncated = static_cast<size_t>(n) > kRxBufSize;
       size_t len = truncated ? kRxBufSize : static_cast<size_t>(n);
-      if (!mnl_nlmsg_ok(first, static_cast<int>(len)) || first->nlmsg_seq != seq) continue;
-      if (truncated) return EMSGSIZE;
+      if (truncated) {
+         if (len >= sizeof(nlmsghdr) && first->nlmsg_seq == seq) return EMSGSIZE;
+         continue;
+      }
+      if (!wellFramed(rxBuf, len) || !mnl_nlmsg_ok(first, static_cast<int>(len)) ||
+          first->nlmsg_seq != seq) {
+         continue;
+      }
       // Port id 0: the socket only receives what is addressed to it.
       errno = 0;
       int rc = mnl_cb_run(rxBuf, len, seq, 0, cb, data);

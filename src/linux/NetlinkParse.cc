@@ -71,6 +71,19 @@ void parseIpv4Conf(nlattr const* afSpec, LinkInfo* link) {
 
 }  // namespace
 
+bool wellFramed(void const* buf, size_t len) {
+   auto const* bytes = static_cast<char const*>(buf);
+   size_t offset = 0;
+   while (len - offset >= sizeof(nlmsghdr)) {
+      nlmsghdr h;
+      std::memcpy(&h, bytes + offset, sizeof h);
+      if (h.nlmsg_len < sizeof(nlmsghdr) || h.nlmsg_len > len - offset) return false;
+      offset += NLMSG_ALIGN(h.nlmsg_len);
+      if (offset >= len) break;
+   }
+   return true;
+}
+
 bool parseLinkMsg(nlmsghdr const* nlh, LinkInfo* out) {
    if (nlh->nlmsg_type != RTM_NEWLINK && nlh->nlmsg_type != RTM_DELLINK) return false;
    if (nlh->nlmsg_len < mnl_nlmsg_size(sizeof(ifinfomsg))) return false;

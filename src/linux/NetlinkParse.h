@@ -45,6 +45,12 @@ struct AddrInfo {
    uint8_t scope = 0;
 };
 
+// True when the datagram is a run of whole messages: each header's length covers at least
+// the header and ends within the datagram (bytes after the last whole message, fewer than
+// a header, are ignored). Check this before walking a datagram with libmnl: its own check
+// reads a length above 2 GiB as a negative number and walks past the end.
+bool wellFramed(void const* buf, size_t len);
+
 // False when the message is not a link message or is malformed.
 bool parseLinkMsg(nlmsghdr const* nlh, LinkInfo* out);
 // False when the message is not an IPv4/IPv6 address message or is malformed.

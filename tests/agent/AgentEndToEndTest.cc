@@ -4,6 +4,10 @@
 #include <linux/rtnetlink.h>
 #include <sys/socket.h>
 
+#include <sys/stat.h>
+
+#include <fstream>
+#include <functional>
 #include <set>
 
 #include "linux/NetNs.h"
@@ -161,6 +165,106 @@ TEST_F(AgentEndToEnd, BadReloadIsRefusedAndTheLastGoodConfigurationStays) {
    // The next good file is taken.
    veld.writeConfig(config("10.1.9.1/24"));
    ASSERT_TRUE(KonetTest::waitFor([&] { return kernel(et1).count("10.1.9.1/24"); }));
+}
+
+// Whatever the file holds, a reload that cannot use it leaves the agent running on the
+// configuration in force, the kernel untouched, and the error with its place in the log and
+// in `veld show config`.
+TEST_F(AgentEndToEnd, EveryKindOfBadFileIsRefusedAndTheAgentRunsOn) {
+   veld.withoutFileOverride = true;
+   startConverged(config());
+   AddrMonitor monitor;
+   auto good = config("10.1.9.1/24");
+   auto replaceWith = [&](auto&& make) {
+      std::string path = veld.configPath();
+      std::system(("rm -rf '" + path + "'").c_str());
+      make(path);
+   };
+   auto writeMode = [&](std::string const& text, mode_t mode) {
+      return [&, text, mode](std::string const& path) {
+         std::string tmp = veld.dir() + "/.new";
+         std::ofstream(tmp, std::ios::trunc) << text;
+         ::chmod(tmp.c_str(), mode);
+         std::rename(tmp.c_str(), path.c_str());
+      };
+   };
+   struct Case {
+      char const* kind;
+      std::function<void(std::string const&)> make;
+      std::string expected;  // in the error, with its place
+   };
+   std::vector<Case> cases = {
+       {"an overflowing number", writeMode(R"({"interfaces": 1e999})", 0644),
+        R"(/interfaces: the number "1e999" is too large (at line 1, column 16))"},
+       {"invalid UTF-8", writeMode("{\"vrfs\": {\"r\xc3\": {}}}", 0644),
+        "(document): not valid JSON at line 1, column 14: syntax error while parsing object key - "
+        "invalid string: ill-formed UTF-8 byte"},
+       {"a truncated document", writeMode(good.substr(0, good.size() / 2), 0644),
+        "(document): not valid JSON at line "},
+       {"a directory", [](std::string const& path) { ::mkdir(path.c_str(), 0755); },
+        "(document): cannot read " + veld.configPath() + ": it is a directory"},
+       {"an unreadable file", writeMode(good, 0),
+        "(document): cannot read " + veld.configPath() + ": Permission denied"},
+       {"an empty file", writeMode("", 0644), "(document): the document is empty"},
+   };
+   for (auto const& c : cases) {
+      SCOPED_TRACE(c.kind);
+      replaceWith(c.make);
+      ASSERT_TRUE(KonetTest::waitFor([&] {
+         return veld.log().find(veld.configPath() + ": " + c.expected) != std::string::npos;
+      })) << "the log lacks: "
+          << c.expected;
+      auto shown = veld.show("config");
+      ASSERT_TRUE(shown.is_object());
+      EXPECT_TRUE(shown.at("lastReloadRefused").get<bool>());
+      ASSERT_EQ(shown.at("refusedErrors").size(), 1u);
+      EXPECT_EQ(shown.at("refusedErrors").at(0).get<std::string>().find(c.expected), 0u);
+      EXPECT_TRUE(veld.alive());
+      ASSERT_TRUE(veld.waitConverged());
+   }
+   EXPECT_TRUE(monitor.events().empty()) << "a refused file touched the kernel";
+   EXPECT_EQ(kernel(et1), (Set{"10.1.0.1/24", "10.1.1.1/24", "10.1.2.1/24"}));
+
+   // Requests on the control socket that are not requests are answered, never fatal.
+   for (std::string line :
+        std::vector<std::string>{"show interfaces", "{\"show\": 1e999}", "\xff\xfe", "",
+                                 std::string(5000, '{'), "{\"show\": \"vrfs\"} trailing"}) {
+      auto answer = nlohmann::json::parse(veld.request(line), nullptr, false);
+      EXPECT_TRUE(answer.is_object() && answer.contains("error")) << line;
+   }
+   EXPECT_TRUE(veld.alive());
+
+   // A good file is taken again, and the refusal is over.
+   replaceWith(writeMode(good, 0644));
+   ASSERT_TRUE(KonetTest::waitFor([&] { return kernel(et1).count("10.1.9.1/24"); }));
+   EXPECT_FALSE(veld.show("config").at("lastReloadRefused").get<bool>());
+}
+
+// The record of the configuration applied before a stop, when it is damaged, does not stop
+// the next start: the agent says so once and starts from what the kernel holds.
+TEST_F(AgentEndToEnd, ADamagedRecordOfTheAppliedConfigurationDoesNotStopTheStart) {
+   startConverged(config());
+   veld.signal(SIGTERM);
+   ASSERT_EQ(veld.wait(), 0);
+   std::string applied = veld.runDir() + "/applied.json";
+   std::string text;
+   {
+      std::ifstream in(applied);
+      text.assign(std::istreambuf_iterator<char>(in), {});
+   }
+   ASSERT_FALSE(text.empty());
+   std::ofstream(applied, std::ios::trunc) << text.substr(0, text.size() / 2);
+   AddrMonitor monitor;
+   veld.start();
+   ASSERT_TRUE(veld.waitConverged());
+   EXPECT_TRUE(monitor.events().empty()) << "the start changed addresses the kernel had right";
+   auto log = veld.log();
+   EXPECT_NE(log.find(applied + " is unusable ((document): not valid JSON at line "),
+             std::string::npos)
+       << log;
+   // It is written anew.
+   std::ifstream in(applied);
+   EXPECT_EQ(std::string(std::istreambuf_iterator<char>(in), {}), text);
 }
 
 TEST_F(AgentEndToEnd, RestartIsHitlessAndConvergesOnChangesMadeWhileDown) {

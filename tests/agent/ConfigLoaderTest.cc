@@ -9,7 +9,7 @@ namespace {
 using namespace VeldAgent;
 
 // The errors of a document, as "pointer: message" lines.
-std::vector<ConfigError> errorsOf(std::string const& text) {
+std::vector<DocError> errorsOf(std::string const& text) {
    auto r = parseConfiguration(text);
    EXPECT_EQ(r.config.has_value(), r.errors.empty());
    return r.errors;
@@ -79,6 +79,12 @@ TEST(ConfigLoader, RefusesBrokenDocuments) {
    EXPECT_TRUE(refusedAt(R"({"vrfs": {}, "vrfs": {}})", "/vrfs", "given twice"));
    EXPECT_TRUE(refusedAt(R"({"interfaces": {"Ethernet3/1": {"device": "a", "device": "b"}}})",
                          "/interfaces/Ethernet3~11/device", "given twice"));
+   // Numbers beyond a double and bytes that are not UTF-8: refused, not thrown.
+   EXPECT_TRUE(refusedAt(R"({"interfaces": 1e999})", "/interfaces", "is too large"));
+   EXPECT_TRUE(refusedAt(intf(R"({"mss": {"ingress": 1e400}})"),
+                         "/interfaces/Ethernet1/ipv4/mss/ingress", "is too large"));
+   EXPECT_TRUE(refusedAt(intf("{}", ", \"vrf\": \"r\xc3\""), "", "ill-formed UTF-8"));
+   EXPECT_TRUE(refusedAt("", "", "the document is empty"));
 }
 
 TEST(ConfigLoader, RefusesUnknownKeysAndWrongTypes) {

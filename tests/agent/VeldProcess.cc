@@ -1,6 +1,8 @@
 #include "tests/agent/VeldProcess.h"
 
 #include <fcntl.h>
+#include <linux/capability.h>
+#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -11,6 +13,7 @@
 #include <sstream>
 #include <thread>
 
+#include "agent/ControlServer.h"
 #include "tests/linux/KernelFixture.h"
 
 namespace VeldTest {
@@ -37,6 +40,10 @@ void VeldProcess::start() {
    if (pid_ == 0) {
       int err = ::open((dir_ + "/veld.log").c_str(), O_WRONLY | O_CREAT | O_APPEND, 0644);
       ::dup2(err, 2);
+      if (withoutFileOverride) {
+         ::prctl(PR_CAPBSET_DROP, CAP_DAC_OVERRIDE, 0, 0, 0);
+         ::prctl(PR_CAPBSET_DROP, CAP_DAC_READ_SEARCH, 0, 0, 0);
+      }
       ::execl(VELD_BINARY, "veld", "run", "--config", configPath().c_str(), "--run-dir",
               runDir().c_str(), nullptr);
       ::_exit(127);
@@ -82,6 +89,14 @@ bool VeldProcess::waitConverged(double seconds) const {
           return b.is_object() && b.value("converged", false);
        },
        std::chrono::milliseconds(static_cast<int>(seconds * 1000)));
+}
+
+bool VeldProcess::alive() const { return pid_ > 0 && ::waitpid(pid_, nullptr, WNOHANG) == 0; }
+
+std::string VeldProcess::request(std::string const& line) const {
+   std::string answer;
+   VeldAgent::controlRequest(runDir() + "/veld.sock", line, &answer);
+   return answer;
 }
 
 std::string VeldProcess::log() const {

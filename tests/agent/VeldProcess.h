@@ -25,6 +25,9 @@ public:
    void writeConfig(std::string const& text) const;
 
    void start();
+   // Runs the agent without the capabilities that let root read any file, so that a file
+   // of mode 0000 is unreadable to it as to any other program.
+   bool withoutFileOverride = false;
    void signal(int sig) const;
    // Waits for the process to end; its exit status, or -signal.
    int wait();
@@ -41,6 +44,10 @@ public:
    bool waitConverged(double seconds = 20.0) const;
    // The agent's standard error so far.
    std::string log() const;
+   // Whether the process still runs (it has not exited or been killed).
+   bool alive() const;
+   // Sends `line` to the control socket as it stands; the agent's answer.
+   std::string request(std::string const& line) const;
 
 private:
    std::string dir_;

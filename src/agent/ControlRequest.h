@@ -1,0 +1,41 @@
+// Requests on the control socket: one JSON object on one line, read like every document
+// from outside (agent/JsonRead.h), so that no request, however malformed, can stop the
+// agent; a bad one is answered with its error and its place.
+//
+//    {"show": "interfaces"}    also "vrfs", "backlog", "config"
+#pragma once
+
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "agent/JsonRead.h"
+
+namespace VeldAgent {
+
+// The longest request line the agent reads.
+inline constexpr size_t kMaxRequestBytes = 4096;
+
+enum class ShowWhat { interfaces, vrfs, backlog, config };
+
+struct ControlRequest {
+   ShowWhat show = ShowWhat::interfaces;
+   friend bool operator==(ControlRequest const&, ControlRequest const&) = default;
+};
+
+struct ParsedRequest {
+   std::optional<ControlRequest> request;  // set exactly when errors is empty
+   std::vector<DocError> errors;
+};
+
+ParsedRequest parseControlRequest(std::string_view line);
+
+// The request line that parseControlRequest reads back as `request` (without the newline).
+std::string controlRequestText(ControlRequest const& request);
+
+// "interfaces", ...; and back (nullopt for an unknown name).
+char const* showWhatName(ShowWhat what);
+std::optional<ShowWhat> showWhatFromName(std::string_view name);
+
+}  // namespace VeldAgent

@@ -1,0 +1,120 @@
+// Documents from outside: every refusal the reader makes, with its place, and the file
+// kinds that are not documents; control-socket requests read the same way.
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <fstream>
+
+#include "agent/ControlRequest.h"
+#include "agent/JsonRead.h"
+
+namespace {
+
+using namespace VeldAgent;
+
+// The one error of a refused document, as "pointer: message".
+std::string refusal(std::string_view text, size_t maxBytes = 1 << 20) {
+   std::vector<DocError> errors;
+   auto doc = readJson(text, maxBytes, &errors);
+   EXPECT_EQ(doc.has_value(), errors.empty());
+   if (errors.size() != 1) return "errors: " + std::to_string(errors.size());
+   return errors.front().toString();
+}
+
+TEST(JsonRead, RefusesWhatIsNotADocumentWithItsPlace) {
+   EXPECT_EQ(refusal(R"({"a": [1, 2, 1e999]})"),
+             R"(/a/2: the number "1e999" is too large (at line 1, column 14))");
+   EXPECT_EQ(refusal("{\"a\":\n  -1e400}"),
+             R"(/a: the number "-1e400" is too large (at line 2, column 3))");
+   EXPECT_EQ(refusal("1e999"),
+             R"((document): the number "1e999" is too large (at line 1, column 1))");
+   // The raw bytes the parser quotes come back escaped.
+   EXPECT_EQ(refusal("{\"a\": \"x\xff\"}"),
+             "(document): not valid JSON at line 1, column 9: syntax error while parsing value - "
+             "invalid string: ill-formed UTF-8 byte; last read: \"\\x22x\\xff\"");
+   EXPECT_EQ(refusal("{\"a\": 1,\n \"b\": }"),
+             "(document): not valid JSON at line 2, column 7: syntax error while parsing value - "
+             "unexpected '}'; expected '[', '{', or a literal");
+   EXPECT_EQ(refusal(R"({"a": {"b": 1, "b": 2}})"), R"(/a/b: the key "b" is given twice)");
+   EXPECT_EQ(refusal(R"([{}, {"x~/": 1, "x~/": 1}])"), R"(/1/x~0~1: the key "x~/" is given twice)");
+   EXPECT_EQ(refusal(" \n\t"), "(document): the document is empty");
+   EXPECT_EQ(refusal("[1, 2, 3]", 4), "(document): the document is larger than 4 bytes");
+   EXPECT_EQ(refusal(std::string(33, '[') + std::string(33, ']')),
+             "(document): the document nests deeper than 32 levels");
+   EXPECT_EQ(refusal("{} {}").substr(0, 52),
+             "(document): not valid JSON at line 1, column 4: synt");
+}
+
+TEST(JsonRead, TakesADocumentWhole) {
+   std::vector<DocError> errors;
+   auto doc = readJson(R"({"a": [1, {"b": [true, null, "x"]}, -2.5], "c": {}})", 1 << 20, &errors);
+   ASSERT_TRUE(doc) << errors.front().toString();
+   EXPECT_EQ(*doc, nlohmann::json::parse(R"({"a": [1, {"b": [true, null, "x"]}, -2.5], "c": {}})"));
+   auto deepest = std::string(32, '[') + std::string(32, ']');
+   EXPECT_TRUE(readJson(deepest, 1 << 20, &errors));
+}
+
+TEST(JsonRead, DumpsTextThatIsNotUtf8) {
+   nlohmann::json j{{"device", std::string("et\xff")}};
+   EXPECT_THROW((void)j.dump(), nlohmann::json::type_error);
+   EXPECT_EQ(dumpJson(j), "{\"device\":\"et\xEF\xBF\xBD\"}");
+}
+
+class DocumentFile : public ::testing::Test {
+protected:
+   void SetUp() override {
+      char tmpl[] = "/tmp/veldjson.XXXXXX";
+      dir_ = ::mkdtemp(tmpl);
+   }
+   void TearDown() override { std::system(("rm -rf '" + dir_ + "'").c_str()); }
+   std::string read(std::string const& path, size_t max = 1 << 20) {
+      std::string text;
+      auto err = readDocumentFile(path, max, &text);
+      return err ? err->message : "read: " + text;
+   }
+   std::string dir_;
+};
+
+TEST_F(DocumentFile, OnlyARegularFileOfAcceptedSizeIsRead) {
+   std::string file = dir_ + "/a.json";
+   std::ofstream(file) << "{}";
+   EXPECT_EQ(read(file), "read: {}");
+   EXPECT_EQ(read(file, 1), "cannot read " + file + ": it is larger than 1 bytes");
+   EXPECT_EQ(read(dir_), "cannot read " + dir_ + ": it is a directory");
+   EXPECT_EQ(read(dir_ + "/none"), "cannot read " + dir_ + "/none: No such file or directory");
+   // A FIFO without a writer would block a reader that opened it for reading: refused.
+   ASSERT_EQ(::mkfifo((dir_ + "/fifo").c_str(), 0600), 0);
+   EXPECT_EQ(read(dir_ + "/fifo"), "cannot read " + dir_ + "/fifo: it is not a regular file");
+}
+
+TEST(ControlRequest, ReadsEachShowAndRefusesTheRestWithItsPlace) {
+   for (auto what : {ShowWhat::interfaces, ShowWhat::vrfs, ShowWhat::backlog, ShowWhat::config}) {
+      auto text = controlRequestText(ControlRequest{what});
+      auto parsed = parseControlRequest(text);
+      ASSERT_TRUE(parsed.request) << text;
+      EXPECT_EQ(parsed.request->show, what);
+      EXPECT_EQ(showWhatFromName(showWhatName(what)), what);
+   }
+   EXPECT_EQ(controlRequestText(ControlRequest{ShowWhat::vrfs}), R"({"show":"vrfs"})");
+   auto refused = [](std::string_view line) {
+      auto p = parseControlRequest(line);
+      EXPECT_FALSE(p.request);
+      return p.errors.empty() ? std::string("accepted") : p.errors.front().toString();
+   };
+   EXPECT_EQ(refused(R"({"show": "routes"})"),
+             R"(/show: shows one of interfaces, vrfs, backlog, config; not "routes")");
+   EXPECT_EQ(refused(R"({"show": 1})"),
+             "/show: shows one of interfaces, vrfs, backlog, config; not a number");
+   EXPECT_EQ(refused(R"({"shout": "vrfs"})"), R"(/shout: unknown request "shout" (known: show))");
+   EXPECT_EQ(refused(R"({"show": "vrfs", "x": 1})").substr(0, 40),
+             "(document): a request is an object with ");
+   EXPECT_EQ(refused("show interfaces").substr(0, 32), "(document): not valid JSON at li");
+   EXPECT_EQ(refused(R"({"show": 1e999})"),
+             R"(/show: the number "1e999" is too large (at line 1, column 10))");
+   EXPECT_EQ(refused(std::string(kMaxRequestBytes + 1, ' ')),
+             "(document): the document is larger than 4096 bytes");
+}
+
+}  // namespace
