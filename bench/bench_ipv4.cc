@@ -175,12 +175,25 @@ struct Machine {
       routing->routingIs(true);
       auto& w = world();
       sm = make<Veld::IpIntfSm>(
-          w.ipConfig, w.view, addrMap, w.manager->deviceIntfStatusDir(),
-          make<Routing::KernelProtoConfig>(), routing, status, make<Ip::Input::Status>("local"),
-          make<L3::Intf::Input::StatusDir>("veld"), make<L3::Intf::Input::StatusDir>("local"),
-          nullptr, nullptr, sock.get(), w.allIntfStatus, w.manager, L3::VrfName("default"),
-          make<Routing::Hardware::Status>(), false, make<Veld::WarpState>("w"), wheel, nullptr,
-          nullptr, make<Urpf::UrpfOnAllIntfStat>(), nullptr);
+          Veld::IpIntfSm::Inputs{.ipConfig = w.ipConfig,
+                                 .vrfIpIntfConfig = w.view,
+                                 .addrMap = addrMap,
+                                 .kernelIntfDir = w.manager->deviceIntfStatusDir(),
+                                 .kernelProtoConfig = make<Routing::KernelProtoConfig>(),
+                                 .routingInfoConfig = routing,
+                                 .systemIntfIpStatus = status,
+                                 .localIntfIpStatus = make<Ip::Input::Status>("local"),
+                                 .systemL3IntfStatus = make<L3::Intf::Input::StatusDir>("veld"),
+                                 .localL3IntfStatus = make<L3::Intf::Input::StatusDir>("local"),
+                                 .netlinkSocket = sock.get(),
+                                 .allIntfStatusDir = w.allIntfStatus,
+                                 .kniIntfStatusManager = w.manager,
+                                 .vrfName = L3::VrfName("default"),
+                                 .routingHardwareStatus = make<Routing::Hardware::Status>(),
+                                 .warpState = make<Veld::WarpState>("w"),
+                                 .timerWheel = wheel,
+                                 .urpfOnAllIntfStat = make<Urpf::UrpfOnAllIntfStat>()},
+          false);
    }
 
    // One turn of an event loop like the agent's: wait for the mirror's socket or the next

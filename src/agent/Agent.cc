@@ -121,28 +121,86 @@ void Agent::buildLibrary() {
    auto defaultView = vrfIpDir->vrfIpIntfConfigIs(defaultVrf);
    vrfIp6Dir->vrfIpIntfConfigIs(defaultVrf);
    auto kniMgr = managers->intfStatusManagerIs(defaultNs);
-   root_->ipIntfSmIs(e_.ipConfig, defaultView, addrMap, kniMgr->deviceIntfStatusDir(),
-                     e_.kernelProto, e_.routingVrfConfig->vrfConfig(defaultVrf), e_.systemIpStatus,
-                     e_.localIpStatus, e_.systemL3Status, e_.localL3Status, e_.ip6Status,
-                     e_.vrfStatusLocal, static_cast<int>(root_->netlinkSocket()), e_.allIntfStatus,
-                     kniMgr, defaultVrf, e_.routingHardware, false, warp, e_.timerWheel,
-                     e_.updateIpVrfRequests, e_.updateIpRequests, urpf, e_.virtualMac);
+   root_->ipIntfSmIs({.ipConfig = e_.ipConfig,
+                      .vrfIpIntfConfig = defaultView,
+                      .addrMap = addrMap,
+                      .kernelIntfDir = kniMgr->deviceIntfStatusDir(),
+                      .kernelProtoConfig = e_.kernelProto,
+                      .routingInfoConfig = e_.routingVrfConfig->vrfConfig(defaultVrf),
+                      .systemIntfIpStatus = e_.systemIpStatus,
+                      .localIntfIpStatus = e_.localIpStatus,
+                      .systemL3IntfStatus = e_.systemL3Status,
+                      .localL3IntfStatus = e_.localL3Status,
+                      .ip6Status = e_.ip6Status,
+                      .allVrfStatusLocal = e_.vrfStatusLocal,
+                      .netlinkSocket = static_cast<int>(root_->netlinkSocket()),
+                      .allIntfStatusDir = e_.allIntfStatus,
+                      .kniIntfStatusManager = kniMgr,
+                      .vrfName = defaultVrf,
+                      .routingHardwareStatus = e_.routingHardware,
+                      .warpState = warp,
+                      .timerWheel = e_.timerWheel,
+                      .updateIpIntfStatusVrfReq = e_.updateIpVrfRequests,
+                      .updateIpIntfStatusReq = e_.updateIpRequests,
+                      .urpfOnAllIntfStat = urpf,
+                      .proxyArpVirtualMac = e_.virtualMac},
+                     false);
    root_->ipIntfStatusSmIs(e_.ipInputStatus, e_.ipConfig, e_.ipStatus);
    root_->l3IntfStatusSmIs(e_.l3InputStatus, e_.l3Status);
-   root_->loopbackIntfSmIs(e_.loopbackConfig, e_.intfNamespaceConfig, e_.loopbackStatus,
-                           e_.loopbackStatusLocal, false, e_.clock, e_.intfStatusPtrDir);
+   root_->loopbackIntfSmIs({.loopbackIntfConfigDir = e_.loopbackConfig,
+                            .allIntfNamespaceConfigDir = e_.intfNamespaceConfig,
+                            .loopbackIntfStatusDir = e_.loopbackStatus,
+                            .loopbackIntfStatusLocalDir = e_.loopbackStatusLocal,
+                            .clock = e_.clock,
+                            .intfStatusPtrDir = e_.intfStatusPtrDir},
+                           false);
    root_->cleanupLoopbackIntfSmIs(kni, e_.loopbackConfig, defaultNs);
-   root_->warpSmIs(e_.ipConfig, e_.ipStatus, e_.ip6Config, e_.ip6Status, e_.allIntfStatus,
-                   e_.vrfStatusGlobal, e_.agentConfig, e_.stagesHelper, warp, e_.clock);
+   root_->warpSmIs({.ipConfig = e_.ipConfig,
+                    .ipStatus = e_.ipStatus,
+                    .ip6Config = e_.ip6Config,
+                    .ip6Status = e_.ip6Status,
+                    .allIntfStatusDir = e_.allIntfStatus,
+                    .allVrfStatusGlobal = e_.vrfStatusGlobal,
+                    .agentConfig = e_.agentConfig,
+                    .stagesHelper = e_.stagesHelper,
+                    .warpState = warp,
+                    .clock = e_.clock});
 
    vrfRootSm_ = Veld::VrfRootSm::VrfRootSmIs(
-       e_.routingVrfConfig, e_.routingHardware, e_.kernelProto, e_.vrfStatusGlobal,
-       e_.vrfStatusLocal, e_.ipConfig, e_.systemIpStatus, e_.localIpStatus, e_.systemL3Status,
-       e_.localL3Status, e_.allIntfStatus, e_.allIntfStatusLocal, false, e_.ip6Config, e_.ip6Status,
-       e_.routing6VrfConfig->vrfConfig(defaultVrf), e_.routing6VrfConfig, e_.systemIp6Status,
-       e_.localIp6Status, e_.ip6MulticastGroups, e_.updateIpVrfRequests, e_.updateIp6VrfRequests,
-       e_.updateIpRequests, e_.updateIp6Requests, warp, e_.larder, e_.timerWheel, vrfIpDir,
-       vrfIp6Dir, urpf, urpf6, e_.ip6Enable, managers, e_.virtualMac);
+       {.routingVrfInfoConfigDir = e_.routingVrfConfig,
+        .routingHardwareStatus = e_.routingHardware,
+        .kernelProtoConfig = e_.kernelProto,
+        .allVrfStatusGlobal = e_.vrfStatusGlobal,
+        .allVrfStatusLocal = e_.vrfStatusLocal,
+        .ipConfig = e_.ipConfig,
+        .systemIntfIpStatus = e_.systemIpStatus,
+        .localIntfIpStatus = e_.localIpStatus,
+        .systemL3IntfStatus = e_.systemL3Status,
+        .localL3IntfStatus = e_.localL3Status,
+        .allIntfStatusDir = e_.allIntfStatus,
+        .allIntfStatusLocalDir = e_.allIntfStatusLocal,
+        .ip6Config = e_.ip6Config,
+        .ip6Status = e_.ip6Status,
+        .routing6InfoConfig = e_.routing6VrfConfig->vrfConfig(defaultVrf),
+        .routing6VrfInfoConfigDir = e_.routing6VrfConfig,
+        .systemIntfIp6Status = e_.systemIp6Status,
+        .localIntfIp6Status = e_.localIp6Status,
+        .ip6MulticastGroupsVeld = e_.ip6MulticastGroups,
+        .updateIpIntfStatusVrfReq = e_.updateIpVrfRequests,
+        .updateIp6IntfStatusVrfReq = e_.updateIp6VrfRequests,
+        .updateIpIntfStatusReq = e_.updateIpRequests,
+        .updateIp6IntfStatusReq = e_.updateIp6Requests,
+        .warpState = warp,
+        .entityMgr = e_.larder,
+        .timerWheel = e_.timerWheel,
+        .vrfIpIntfConfigDir = vrfIpDir,
+        .vrfIp6IntfConfigDir = vrfIp6Dir,
+        .urpfOnAllIntfStat = urpf,
+        .urpfOnAllIntfStat6 = urpf6,
+        .ip6EnableOverride = e_.ip6Enable,
+        .intfStatusManagerRoot = managers,
+        .proxyArpVirtualMac = e_.virtualMac},
+       false);
    ipIntfVrfReactor_ =
        Veld::IpIntfVrfReactorIs(e_.ipConfig, e_.vrfStatusLocal, e_.intfNamespaceConfig);
 }

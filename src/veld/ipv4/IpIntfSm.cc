@@ -99,135 +99,32 @@ public:
    Mox::Ptr<MoxTimerWheel> backlogTimer;
 };
 
-IpIntfSm::IpIntfSm(
-    Mox::Ptr<Ip::Config const> ipConfig, Mox::Ptr<VrfIpIntfConfig const> vrfIpIntfConfig,
-    Mox::Ptr<AddrMap> addrMap, Mox::Ptr<Interface::DeviceIntfStatusDir const> kernelIntfDir,
-    Mox::Ptr<Routing::KernelProtoConfig const> kernelProtoConfig,
-    Mox::Ptr<Routing::InfoConfig const> routingInfoConfig,
-    Mox::Ptr<Ip::Input::Status> systemIntfIpStatus, Mox::Ptr<Ip::Input::Status> localIntfIpStatus,
-    Mox::Ptr<L3::Intf::Input::StatusDir> systemL3IntfStatus,
-    Mox::Ptr<L3::Intf::Input::StatusDir> localL3IntfStatus, Mox::Ptr<Ip6::Status const> ip6Status,
-    Mox::Ptr<Ip::AllVrfStatusLocal const> allVrfStatusLocal, int netlinkSocket,
-    Mox::Ptr<Interface::AllIntfStatusDir const> allIntfStatusDir,
-    Mox::Ptr<Interface::KniIntfStatusManager> kniIntfStatusManager, L3::VrfName vrfName,
-    Mox::Ptr<Routing::Hardware::Status const> routingHardwareStatus, bool standbyMode,
-    Mox::Ptr<WarpState> warpState, Mox::Ptr<Bolt::TimerWheel const> timerWheel,
-    Mox::Ptr<L3::UpdateIpIntfStatusVrfRequests> updateIpIntfStatusVrfReq,
-    Mox::Ptr<L3::UpdateIpIntfStatusRequests> updateIpIntfStatusReq,
-    Mox::Ptr<Urpf::UrpfOnAllIntfStat> urpfOnAllIntfStat,
-    Mox::Ptr<ProxyArp::VirtualMacStatus const> proxyArpVirtualMac)
-    : ipConfig_(std::move(ipConfig)),
-      vrfIpIntfConfig_(std::move(vrfIpIntfConfig)),
-      addrMap_(std::move(addrMap)),
-      kernelIntfDir_(std::move(kernelIntfDir)),
-      kernelProtoConfig_(std::move(kernelProtoConfig)),
-      routingInfoConfig_(std::move(routingInfoConfig)),
-      systemIntfIpStatus_(std::move(systemIntfIpStatus)),
-      localIntfIpStatus_(std::move(localIntfIpStatus)),
-      systemL3IntfStatus_(std::move(systemL3IntfStatus)),
-      localL3IntfStatus_(std::move(localL3IntfStatus)),
-      ip6Status_(std::move(ip6Status)),
-      allVrfStatusLocal_(std::move(allVrfStatusLocal)),
-      netlinkSocket_(netlinkSocket),
-      allIntfStatusDir_(std::move(allIntfStatusDir)),
-      kniIntfStatusManager_(std::move(kniIntfStatusManager)),
-      vrfName_(std::move(vrfName)),
-      routingHardwareStatus_(std::move(routingHardwareStatus)),
-      standbyMode_(standbyMode),
-      warpState_(std::move(warpState)),
-      timerWheel_(std::move(timerWheel)),
-      updateIpIntfStatusVrfReq_(std::move(updateIpIntfStatusVrfReq)),
-      updateIpIntfStatusReq_(std::move(updateIpIntfStatusReq)),
-      urpfOnAllIntfStat_(std::move(urpfOnAllIntfStat)),
-      proxyArpVirtualMac_(std::move(proxyArpVirtualMac)),
-      reactors_(std::make_unique<Reactors>()) {
-   MOX_TRACE_FN(th, " vrf " << vrfName_);
-   if (addrMap_ && addrMap_->kniStatus()) {
-      kniRoot_ = Mox::make<KernelNetInfo::Root>(addrMap_->kniStatus());
+IpIntfSm::IpIntfSm(Inputs inputs, bool standbyMode)
+    : in_(std::move(inputs)), standbyMode_(standbyMode), reactors_(std::make_unique<Reactors>()) {
+   MOX_TRACE_FN(th, " vrf " << in_.vrfName);
+   if (in_.addrMap && in_.addrMap->kniStatus()) {
+      kniRoot_ = Mox::make<KernelNetInfo::Root>(in_.addrMap->kniStatus());
    }
    auto& r = *reactors_;
-   r.backlogTimer = Reactors::on<Reactors::MoxTimerWheel>(this, timerWheel_);
+   r.backlogTimer = Reactors::on<Reactors::MoxTimerWheel>(this, in_.timerWheel);
    backlogTimer_ = r.backlogTimer;
-   r.vrfIpIntfConfig = Reactors::on<Reactors::MoxVrfIpIntfConfig>(this, vrfIpIntfConfig_);
-   r.kernelIntfDir = Reactors::on<Reactors::MoxKernelIntfDir>(this, kernelIntfDir_);
+   r.vrfIpIntfConfig = Reactors::on<Reactors::MoxVrfIpIntfConfig>(this, in_.vrfIpIntfConfig);
+   r.kernelIntfDir = Reactors::on<Reactors::MoxKernelIntfDir>(this, in_.kernelIntfDir);
    if (kniRoot_) {
       r.kniInterface =
           Reactors::on<Reactors::MoxKniInterface>(this, kniRoot_->status()->interface().table());
    }
-   r.kernelProtoConfig = Reactors::on<Reactors::MoxKernelProtoConfig>(this, kernelProtoConfig_);
-   r.routingInfoConfig = Reactors::on<Reactors::MoxRoutingInfoConfig>(this, routingInfoConfig_);
-   r.hardwareStatus = Reactors::on<Reactors::MoxHardwareStatus>(this, routingHardwareStatus_);
-   r.ipConfig = Reactors::on<Reactors::MoxIpConfig>(this, ipConfig_);
-   r.virtualMac = Reactors::on<Reactors::MoxVirtualMac>(this, proxyArpVirtualMac_);
+   r.kernelProtoConfig = Reactors::on<Reactors::MoxKernelProtoConfig>(this, in_.kernelProtoConfig);
+   r.routingInfoConfig = Reactors::on<Reactors::MoxRoutingInfoConfig>(this, in_.routingInfoConfig);
+   r.hardwareStatus = Reactors::on<Reactors::MoxHardwareStatus>(this, in_.routingHardwareStatus);
+   r.ipConfig = Reactors::on<Reactors::MoxIpConfig>(this, in_.ipConfig);
+   r.virtualMac = Reactors::on<Reactors::MoxVirtualMac>(this, in_.proxyArpVirtualMac);
    r.updateVrfRequests =
        Reactors::on<Reactors::MoxUpdateRequests<L3::UpdateIpIntfStatusVrfRequests>>(
-           this, updateIpIntfStatusVrfReq_);
+           this, in_.updateIpIntfStatusVrfReq);
    r.updateRequests = Reactors::on<Reactors::MoxUpdateRequests<L3::UpdateIpIntfStatusRequests>>(
-       this, updateIpIntfStatusReq_);
+       this, in_.updateIpIntfStatusReq);
    handleInitialized();
-}
-
-IpIntfSm::IpIntfSm(Inputs const& in, bool standbyMode)
-    : IpIntfSm(in.ipConfig, in.vrfIpIntfConfig, in.addrMap, in.kernelIntfDir, in.kernelProtoConfig,
-               in.routingInfoConfig, in.systemIntfIpStatus, in.localIntfIpStatus,
-               in.systemL3IntfStatus, in.localL3IntfStatus, in.ip6Status, in.allVrfStatusLocal,
-               in.netlinkSocket, in.allIntfStatusDir, in.kniIntfStatusManager, in.vrfName,
-               in.routingHardwareStatus, standbyMode, in.warpState, in.timerWheel,
-               in.updateIpIntfStatusVrfReq, in.updateIpIntfStatusReq, in.urpfOnAllIntfStat,
-               in.proxyArpVirtualMac) {}
-
-IpIntfSm::Inputs IpIntfSm::inputs() const {
-   return Inputs{ipConfig_,
-                 vrfIpIntfConfig_,
-                 addrMap_,
-                 kernelIntfDir_,
-                 kernelProtoConfig_,
-                 routingInfoConfig_,
-                 systemIntfIpStatus_,
-                 localIntfIpStatus_,
-                 systemL3IntfStatus_,
-                 localL3IntfStatus_,
-                 ip6Status_,
-                 allVrfStatusLocal_,
-                 netlinkSocket_,
-                 allIntfStatusDir_,
-                 kniIntfStatusManager_,
-                 vrfName_,
-                 routingHardwareStatus_,
-                 warpState_,
-                 timerWheel_,
-                 updateIpIntfStatusVrfReq_,
-                 updateIpIntfStatusReq_,
-                 urpfOnAllIntfStat_,
-                 proxyArpVirtualMac_};
-}
-
-void IpIntfSm::checkCtorParams(Inputs const& a, Inputs const& b) {
-   using Mox::checkCtorParam;
-   checkCtorParam("_ipConfig", a.ipConfig, b.ipConfig);
-   checkCtorParam("_vrfIpIntfConfig", a.vrfIpIntfConfig, b.vrfIpIntfConfig);
-   checkCtorParam("_addrMap", a.addrMap, b.addrMap);
-   checkCtorParam("_kernelIntfDir", a.kernelIntfDir, b.kernelIntfDir);
-   checkCtorParam("_kernelProtoConfig", a.kernelProtoConfig, b.kernelProtoConfig);
-   checkCtorParam("_routingInfoConfig", a.routingInfoConfig, b.routingInfoConfig);
-   checkCtorParam("_systemIntfIpStatus", a.systemIntfIpStatus, b.systemIntfIpStatus);
-   checkCtorParam("_localIntfIpStatus", a.localIntfIpStatus, b.localIntfIpStatus);
-   checkCtorParam("_systemL3IntfStatus", a.systemL3IntfStatus, b.systemL3IntfStatus);
-   checkCtorParam("_localL3IntfStatus", a.localL3IntfStatus, b.localL3IntfStatus);
-   checkCtorParam("_ip6Status", a.ip6Status, b.ip6Status);
-   checkCtorParam("_allVrfStatusLocal", a.allVrfStatusLocal, b.allVrfStatusLocal);
-   checkCtorParam("_netlinkSocket", a.netlinkSocket, b.netlinkSocket);
-   checkCtorParam("_allIntfStatusDir", a.allIntfStatusDir, b.allIntfStatusDir);
-   checkCtorParam("_kniIntfStatusManager", a.kniIntfStatusManager, b.kniIntfStatusManager);
-   checkCtorParam("_vrfName", a.vrfName, b.vrfName);
-   checkCtorParam("_routingHardwareStatus", a.routingHardwareStatus, b.routingHardwareStatus);
-   checkCtorParam("_warpState", a.warpState, b.warpState);
-   checkCtorParam("_timerWheel", a.timerWheel, b.timerWheel);
-   checkCtorParam("_updateIpIntfStatusVrfReq", a.updateIpIntfStatusVrfReq,
-                  b.updateIpIntfStatusVrfReq);
-   checkCtorParam("_updateIpIntfStatusReq", a.updateIpIntfStatusReq, b.updateIpIntfStatusReq);
-   checkCtorParam("_urpfOnAllIntfStat", a.urpfOnAllIntfStat, b.urpfOnAllIntfStat);
-   checkCtorParam("_proxyArpVirtualMac", a.proxyArpVirtualMac, b.proxyArpVirtualMac);
 }
 
 IpIntfSm::~IpIntfSm() {
@@ -239,29 +136,29 @@ IpIntfSm::~IpIntfSm() {
 
 Konet::NamespaceName const& IpIntfSm::nsName() const {
    static Konet::NamespaceName const defaultNs = Konet::NamespaceName::defaultNamespace();
-   return kniIntfStatusManager_ ? kniIntfStatusManager_->nsName() : defaultNs;
+   return in_.kniIntfStatusManager ? in_.kniIntfStatusManager->nsName() : defaultNs;
 }
 
 Mox::Ptr<Ip::Input::Status> const& IpIntfSm::ipStatusFor(Konet::IntfId const& intf) const {
-   return isLocalInterface(intf) ? localIntfIpStatus_ : systemIntfIpStatus_;
+   return isLocalInterface(intf) ? in_.localIntfIpStatus : in_.systemIntfIpStatus;
 }
 
 Mox::Ptr<L3::Intf::Input::StatusDir> const& IpIntfSm::l3StatusFor(Konet::IntfId const& intf) const {
-   return isLocalInterface(intf) ? localL3IntfStatus_ : systemL3IntfStatus_;
+   return isLocalInterface(intf) ? in_.localL3IntfStatus : in_.systemL3IntfStatus;
 }
 
 Mox::Ptr<Ip::IpIntfStatus> IpIntfSm::ipIntfStatusOf(Konet::IntfId const& intf) const {
    auto const& dir = ipStatusFor(intf);
    auto status = dir ? dir->ipIntfStatus(intf) : nullptr;
-   return status && status->vrf() == vrfName_ ? status : nullptr;
+   return status && status->vrf() == in_.vrfName ? status : nullptr;
 }
 
 void IpIntfSm::handleInitialized() {
-   MOX_TRACE_FN(th, " vrf " << vrfName_);
+   MOX_TRACE_FN(th, " vrf " << in_.vrfName);
    if (initialized()) return;
-   MOX_ASSERT(timerWheel_);
-   if (vrfIpIntfConfig_) {
-      for (auto const& intf : vrfIpIntfConfig_->ipIntfConfigIterator().keys()) {
+   MOX_ASSERT(in_.timerWheel);
+   if (in_.vrfIpIntfConfig) {
+      for (auto const& intf : in_.vrfIpIntfConfig->ipIntfConfigIterator().keys()) {
          handleIpIntfConfig(intf);
       }
    }
@@ -274,13 +171,13 @@ void IpIntfSm::handleInitialized() {
          handleUpdate(key);
    }
    // Statuses of this VRF left behind by configuration that went while nobody watched.
-   for (auto const* dir : {&systemIntfIpStatus_, &localIntfIpStatus_}) {
+   for (auto const* dir : {&in_.systemIntfIpStatus, &in_.localIntfIpStatus}) {
       if (!*dir) continue;
       for (auto const& intf : (*dir)->ipIntfStatusIterator().keys()) {
          checkIpIntfCfgStatus((*dir)->ipIntfStatus(intf), intf, true);
       }
    }
-   icmpSrcIntf_ = ipConfig_ ? ipConfig_->icmpSrcIntf() : Konet::IntfId();
+   icmpSrcIntf_ = in_.ipConfig ? in_.ipConfig->icmpSrcIntf() : Konet::IntfId();
    scheduleGlobalKnobs();
    initializedSet(true);
 }
@@ -294,8 +191,8 @@ L3::VrfName IpIntfSm::configVrf(Mox::Ptr<Ip::IpIntfConfig const> const& config) 
 }
 
 void IpIntfSm::handleIpIntfConfig(Konet::IntfId const& intf) {
-   MOX_TRACE_FN(th, " for " << intf << " vrf " << vrfName_);
-   auto config = vrfIpIntfConfig_ ? vrfIpIntfConfig_->ipIntfConfig(intf) : nullptr;
+   MOX_TRACE_FN(th, " for " << intf << " vrf " << in_.vrfName);
+   auto config = in_.vrfIpIntfConfig ? in_.vrfIpIntfConfig->ipIntfConfig(intf) : nullptr;
    if (config) {
       auto* filter = ipIntfConfigFilter_.find(intf);
       if (filter && (*filter)->config() == config) return;
@@ -331,7 +228,7 @@ void IpIntfSm::routedIpIntfConfigDel(Konet::IntfId const& intf) {
    MOX_TRACE_FN(th, " for " << intf);
    // No longer routed here: its status goes, and its addresses leave the kernel.
    handleIntfStatusForDeletedIntfConfig(intf);
-   if (urpfOnAllIntfStat_) urpfOnAllIntfStat_->intfUrpfDel(intf);
+   if (in_.urpfOnAllIntfStat) in_.urpfOnAllIntfStat->intfUrpfDel(intf);
    if (!standbyMode_ && ipStatusFor(intf)) {
       ipStatusFor(intf)->urpfConfiguredOnAnyIntfIs(isUrpfOnAnyIntf());
    }
@@ -349,15 +246,15 @@ void IpIntfSm::handleIntfStatusForDeletedIntfConfig(Konet::IntfId const& intf) {
       ipStatusFor(intf)->ipIntfStatusDel(intf);
    }
    auto const& l3 = l3StatusFor(intf);
-   if (auto s = l3 ? l3->intfStatus(intf) : nullptr; s && s->vrf() == vrfName_) {
+   if (auto s = l3 ? l3->intfStatus(intf) : nullptr; s && s->vrf() == in_.vrfName) {
       l3->intfStatusDel(intf);
    }
 }
 
 bool IpIntfSm::checkIpIntfCfgStatus(Mox::Ptr<Ip::IpIntfStatus const> const& status,
                                     Konet::IntfId const& intf, bool deleteStale) {
-   if (!status || status->vrf() != vrfName_) return true;  // not ours to judge
-   bool configured = vrfIpIntfConfig_ && vrfIpIntfConfig_->ipIntfConfig(intf);
+   if (!status || status->vrf() != in_.vrfName) return true;  // not ours to judge
+   bool configured = in_.vrfIpIntfConfig && in_.vrfIpIntfConfig->ipIntfConfig(intf);
    if (!configured && deleteStale) handleIntfStatusForDeletedIntfConfig(intf);
    return configured;
 }
@@ -379,11 +276,11 @@ Mox::Ptr<L3::Intf::Status> IpIntfSm::addL3IntfStatus(Konet::IntfId const& intf,
 
 Mox::Ptr<Ip::IpIntfStatus> IpIntfSm::addIpIntfStatus(
     Konet::IntfId const& intf, Mox::Ptr<Ip::IpIntfConfig const> const& config) {
-   MOX_TRACE_FN(th, " for " << intf << " vrf " << vrfName_);
+   MOX_TRACE_FN(th, " for " << intf << " vrf " << in_.vrfName);
    auto const& dir = ipStatusFor(intf);
    if (!dir) return nullptr;
    auto status = dir->ipIntfStatusIs(intf);
-   status->vrfIs(vrfName_);
+   status->vrfIs(in_.vrfName);
    if (config) {
       status->maxMssIngressIs(config->maxMssIngress());
       status->maxMssEgressIs(config->maxMssEgress());
@@ -407,13 +304,13 @@ void IpIntfSm::doUpdateIpStatusAddr(Konet::IntfId const& intf) {
    auto status = ipIntfStatusOf(intf);
    auto config = routedIpIntfConfig(intf);
    if (!status) return;
-   if (!config || !kernelIntfDir_ || !kniRoot_) {
+   if (!config || !in_.kernelIntfDir || !kniRoot_) {
       doClearStatusAddrs(status);
       return;
    }
-   auto dev = kernelIntfDir_->intfStatusAndDeviceName(intf).second;
+   auto dev = in_.kernelIntfDir->intfStatusAndDeviceName(intf).second;
    auto rec = kniRoot_->interfaceByName(dev);
-   auto g = rec == KernelNetInfo::Interface() ? nullptr : addrMap_->genAddr(rec.key);
+   auto g = rec == KernelNetInfo::Interface() ? nullptr : in_.addrMap->genAddr(rec.key);
    auto held = [&](Konet::IpAddrWithMask const& a) { return g && g->addr(a); };
 
    auto primary = config->addrWithMask();
@@ -462,7 +359,7 @@ void IpIntfSm::updateDpRoutingEnabled(Konet::IntfId const& intf) {
    auto status = ipIntfStatusOf(intf);
    if (!status) return;
    auto config = routedIpIntfConfig(intf);
-   bool routing = routingInfoConfig_ && routingInfoConfig_->routing();
+   bool routing = in_.routingInfoConfig && in_.routingInfoConfig->routing();
    bool on = config && (config->forceDpRoutingEnabled() ||
                         isForwardingEnabled(intf, status, config, routing));
    MOX_TRACE_FN(th, " for " << intf << " " << on);
@@ -473,7 +370,7 @@ void IpIntfSm::updateDpRoutingEnabled(Konet::IntfId const& intf) {
 
 void IpIntfSm::updateUrpfStatus(Konet::IntfId const& intf, Urpf::UrpfConfig const& urpf) {
    MOX_TRACE_FN(th, " for " << intf << " " << urpf);
-   if (urpfOnAllIntfStat_) urpfOnAllIntfStat_->intfUrpfIs(intf, urpf.mode);
+   if (in_.urpfOnAllIntfStat) in_.urpfOnAllIntfStat->intfUrpfIs(intf, urpf.mode);
    if (standbyMode_) return;
    if (auto status = ipIntfStatusOf(intf)) status->urpfIs(urpf);
 }
@@ -493,7 +390,7 @@ void IpIntfSm::handleUrpfAndRouting(Konet::IntfId const& intf) {
 // The uRPF summary knows it for every interface of every VRF, kept current one interface at
 // a time; without one, the routed interfaces of this VRF are asked.
 bool IpIntfSm::isUrpfOnAnyIntf() const {
-   if (urpfOnAllIntfStat_) return urpfOnAllIntfStat_->urpfOnAnyIntf();
+   if (in_.urpfOnAllIntfStat) return in_.urpfOnAllIntfStat->urpfOnAnyIntf();
    for (auto const& [intf, r] : routedIpIntfConfig_) {
       if (r->config()->urpf().enabled()) return true;
    }
@@ -532,7 +429,7 @@ void IpIntfSm::handleUpdate(KernelNetInfo::InterfaceKey key) {
    auto rec = kniRoot_ ? kniRoot_->interface(key) : KernelNetInfo::Interface();
    if (rec == KernelNetInfo::Interface()) {
       kniIntfState_.erase(key);
-      if (addrMap_) addrMap_->genAddrDel(key);
+      if (in_.addrMap) in_.addrMap->genAddrDel(key);
       return;
    }
    if (auto* state = kniIntfState_.find(key)) {
@@ -540,8 +437,8 @@ void IpIntfSm::handleUpdate(KernelNetInfo::InterfaceKey key) {
       return;
    }
    // A new kernel device: whatever was written to an earlier device of the same name is gone.
-   if (kniIntfStatusManager_) {
-      auto intf = kniIntfStatusManager_->deviceIntf(rec.deviceName);
+   if (in_.kniIntfStatusManager) {
+      auto intf = in_.kniIntfStatusManager->deviceIntf(rec.deviceName);
       if (!intf.empty()) {
          intfIpKernelState_.erase(intf);
          if (routedIpIntfConfig(intf)) doScheduleKernelProcUpdate(intf);
@@ -556,7 +453,7 @@ void IpIntfSm::handleIpIntfStatusUpdateReq(Konet::IntfId const& intf) {
 }
 
 void IpIntfSm::handleRouting() {
-   MOX_TRACE_FN(th, " vrf " << vrfName_);
+   MOX_TRACE_FN(th, " vrf " << in_.vrfName);
    for (auto const& intf : routedIpIntfConfig_.keys())
       handleUrpfAndRouting(intf);
 }
@@ -597,7 +494,7 @@ void IpIntfSm::handleIcmpSrcIpAddr() {
 }
 
 void IpIntfSm::handleIcmpSrcIntf() {
-   icmpSrcIntf_ = ipConfig_ ? ipConfig_->icmpSrcIntf() : Konet::IntfId();
+   icmpSrcIntf_ = in_.ipConfig ? in_.ipConfig->icmpSrcIntf() : Konet::IntfId();
    MOX_TRACE_FN(th, " " << icmpSrcIntf_);
    handleIcmpSrcIpAddr();
 }

@@ -26,6 +26,7 @@
 #include "konet/IntfId.h"
 #include "mox/Bolt.h"
 #include "mox/Enum.h"
+#include "mox/Inputs.h"
 #include "mox/StateMachine.h"
 #include "platform/Interface.h"
 #include "platform/Ip.h"
@@ -74,80 +75,62 @@ public:
    class MoxIpIntfConfigFilter;
    class MoxIpIntfConfig;
 
-   // The constructor parameters other than the standby flag, by name: what the roots pass
-   // and compare under the create-or-update rule.
+   // The constructor's inputs, in its order. The standby flag, which that order puts between
+   // routingHardwareStatus and warpState, is given apart: it changes, they do not.
+#define VELD_IP_INTF_SM_INPUTS(X)                                           \
+   X(Mox::Ptr<Ip::Config const>, ipConfig)                                  \
+   X(Mox::Ptr<VrfIpIntfConfig const>, vrfIpIntfConfig)                      \
+   X(Mox::Ptr<AddrMap>, addrMap)                                            \
+   X(Mox::Ptr<Interface::DeviceIntfStatusDir const>, kernelIntfDir)         \
+   X(Mox::Ptr<Routing::KernelProtoConfig const>, kernelProtoConfig)         \
+   X(Mox::Ptr<Routing::InfoConfig const>, routingInfoConfig)                \
+   X(Mox::Ptr<Ip::Input::Status>, systemIntfIpStatus)                       \
+   X(Mox::Ptr<Ip::Input::Status>, localIntfIpStatus)                        \
+   X(Mox::Ptr<L3::Intf::Input::StatusDir>, systemL3IntfStatus)              \
+   X(Mox::Ptr<L3::Intf::Input::StatusDir>, localL3IntfStatus)               \
+   X(Mox::Ptr<Ip6::Status const>, ip6Status)                                \
+   X(Mox::Ptr<Ip::AllVrfStatusLocal const>, allVrfStatusLocal)              \
+   X(int, netlinkSocket, -1)                                                \
+   X(Mox::Ptr<Interface::AllIntfStatusDir const>, allIntfStatusDir)         \
+   X(Mox::Ptr<Interface::KniIntfStatusManager>, kniIntfStatusManager)       \
+   X(L3::VrfName, vrfName)                                                  \
+   X(Mox::Ptr<Routing::Hardware::Status const>, routingHardwareStatus)      \
+   X(Mox::Ptr<WarpState>, warpState)                                        \
+   X(Mox::Ptr<Bolt::TimerWheel const>, timerWheel)                          \
+   X(Mox::Ptr<L3::UpdateIpIntfStatusVrfRequests>, updateIpIntfStatusVrfReq) \
+   X(Mox::Ptr<L3::UpdateIpIntfStatusRequests>, updateIpIntfStatusReq)       \
+   X(Mox::Ptr<Urpf::UrpfOnAllIntfStat>, urpfOnAllIntfStat)                  \
+   X(Mox::Ptr<ProxyArp::VirtualMacStatus const>, proxyArpVirtualMac)
    struct Inputs {
-      Mox::Ptr<Ip::Config const> ipConfig;
-      Mox::Ptr<VrfIpIntfConfig const> vrfIpIntfConfig;
-      Mox::Ptr<AddrMap> addrMap;
-      Mox::Ptr<Interface::DeviceIntfStatusDir const> kernelIntfDir;
-      Mox::Ptr<Routing::KernelProtoConfig const> kernelProtoConfig;
-      Mox::Ptr<Routing::InfoConfig const> routingInfoConfig;
-      Mox::Ptr<Ip::Input::Status> systemIntfIpStatus;
-      Mox::Ptr<Ip::Input::Status> localIntfIpStatus;
-      Mox::Ptr<L3::Intf::Input::StatusDir> systemL3IntfStatus;
-      Mox::Ptr<L3::Intf::Input::StatusDir> localL3IntfStatus;
-      Mox::Ptr<Ip6::Status const> ip6Status;
-      Mox::Ptr<Ip::AllVrfStatusLocal const> allVrfStatusLocal;
-      int netlinkSocket = -1;
-      Mox::Ptr<Interface::AllIntfStatusDir const> allIntfStatusDir;
-      Mox::Ptr<Interface::KniIntfStatusManager> kniIntfStatusManager;
-      L3::VrfName vrfName;
-      Mox::Ptr<Routing::Hardware::Status const> routingHardwareStatus;
-      Mox::Ptr<WarpState> warpState;
-      Mox::Ptr<Bolt::TimerWheel const> timerWheel;
-      Mox::Ptr<L3::UpdateIpIntfStatusVrfRequests> updateIpIntfStatusVrfReq;
-      Mox::Ptr<L3::UpdateIpIntfStatusRequests> updateIpIntfStatusReq;
-      Mox::Ptr<Urpf::UrpfOnAllIntfStat> urpfOnAllIntfStat;
-      Mox::Ptr<ProxyArp::VirtualMacStatus const> proxyArpVirtualMac;
+      MOX_INPUTS(VELD_IP_INTF_SM_INPUTS)
    };
 
-   IpIntfSm(Mox::Ptr<Ip::Config const> ipConfig, Mox::Ptr<VrfIpIntfConfig const> vrfIpIntfConfig,
-            Mox::Ptr<AddrMap> addrMap, Mox::Ptr<Interface::DeviceIntfStatusDir const> kernelIntfDir,
-            Mox::Ptr<Routing::KernelProtoConfig const> kernelProtoConfig,
-            Mox::Ptr<Routing::InfoConfig const> routingInfoConfig,
-            Mox::Ptr<Ip::Input::Status> systemIntfIpStatus,
-            Mox::Ptr<Ip::Input::Status> localIntfIpStatus,
-            Mox::Ptr<L3::Intf::Input::StatusDir> systemL3IntfStatus,
-            Mox::Ptr<L3::Intf::Input::StatusDir> localL3IntfStatus,
-            Mox::Ptr<Ip6::Status const> ip6Status,
-            Mox::Ptr<Ip::AllVrfStatusLocal const> allVrfStatusLocal, int netlinkSocket,
-            Mox::Ptr<Interface::AllIntfStatusDir const> allIntfStatusDir,
-            Mox::Ptr<Interface::KniIntfStatusManager> kniIntfStatusManager, L3::VrfName vrfName,
-            Mox::Ptr<Routing::Hardware::Status const> routingHardwareStatus, bool standbyMode,
-            Mox::Ptr<WarpState> warpState, Mox::Ptr<Bolt::TimerWheel const> timerWheel,
-            Mox::Ptr<L3::UpdateIpIntfStatusVrfRequests> updateIpIntfStatusVrfReq,
-            Mox::Ptr<L3::UpdateIpIntfStatusRequests> updateIpIntfStatusReq,
-            Mox::Ptr<Urpf::UrpfOnAllIntfStat> urpfOnAllIntfStat,
-            Mox::Ptr<ProxyArp::VirtualMacStatus const> proxyArpVirtualMac);
-   IpIntfSm(Inputs const& in, bool standbyMode);
+   IpIntfSm(Inputs inputs, bool standbyMode);
    ~IpIntfSm() override;
 
-   Inputs inputs() const;
-   // The create-or-update rule: the first parameter that differs is a name-in-use error.
-   static void checkCtorParams(Inputs const& current, Inputs const& passed);
+   Inputs const& inputs() const { return in_; }
 
    // ---- Inputs and outputs
-   Mox::Ptr<Ip::Config const> const& ipConfig() const { return ipConfig_; }
-   Mox::Ptr<VrfIpIntfConfig const> const& vrfIpIntfConfig() const { return vrfIpIntfConfig_; }
-   Mox::Ptr<AddrMap> const& addrMap() const override { return addrMap_; }
+   Mox::Ptr<Ip::Config const> const& ipConfig() const { return in_.ipConfig; }
+   Mox::Ptr<VrfIpIntfConfig const> const& vrfIpIntfConfig() const { return in_.vrfIpIntfConfig; }
+   Mox::Ptr<AddrMap> const& addrMap() const override { return in_.addrMap; }
    Mox::Ptr<Interface::DeviceIntfStatusDir const> const& kernelIntfDir() const {
-      return kernelIntfDir_;
+      return in_.kernelIntfDir;
    }
    Mox::Ptr<KernelNetInfo::Root const> const& kernelNetInfoRoot() const { return kniRoot_; }
    Mox::Ptr<Interface::KniIntfStatusManager> const& kniIntfStatusManager() const override {
-      return kniIntfStatusManager_;
+      return in_.kniIntfStatusManager;
    }
-   L3::VrfName const& vrfName() const { return vrfName_; }
+   L3::VrfName const& vrfName() const { return in_.vrfName; }
    Konet::NamespaceName const& nsName() const;
-   int netlinkSocket() const { return netlinkSocket_; }
-   Mox::Ptr<Ip::Input::Status> const& systemIntfIpStatus() const { return systemIntfIpStatus_; }
-   Mox::Ptr<Ip::Input::Status> const& localIntfIpStatus() const { return localIntfIpStatus_; }
+   int netlinkSocket() const { return in_.netlinkSocket; }
+   Mox::Ptr<Ip::Input::Status> const& systemIntfIpStatus() const { return in_.systemIntfIpStatus; }
+   Mox::Ptr<Ip::Input::Status> const& localIntfIpStatus() const { return in_.localIntfIpStatus; }
    Mox::Ptr<L3::Intf::Input::StatusDir> const& systemL3IntfStatus() const {
-      return systemL3IntfStatus_;
+      return in_.systemL3IntfStatus;
    }
    Mox::Ptr<L3::Intf::Input::StatusDir> const& localL3IntfStatus() const {
-      return localL3IntfStatus_;
+      return in_.localL3IntfStatus;
    }
    // The IPv4 and L3 status an interface's status goes to (the local ones for local
    // interfaces).
@@ -175,7 +158,7 @@ public:
    uint64_t ipIntfKernelUpdateCodefListErrs() const { return errors_; }
    double backlogTimerTime() const;
    // The key this machine reports its empty backlog under in WarpState.
-   std::string warpKey() const { return "ipIntfSm-" + vrfName_.name(); }
+   std::string warpKey() const { return "ipIntfSm-" + in_.vrfName.name(); }
 
    IntfIpKernelState const* intfIpKernelState(Konet::IntfId const& intf) const {
       return intfIpKernelState_.find(intf);
@@ -261,30 +244,8 @@ private:
    // hold or already hold it: that one is not ours to write.
    Mox::Ptr<Ip::IpIntfStatus> ipIntfStatusOf(Konet::IntfId const& intf) const;
 
-   Mox::Ptr<Ip::Config const> const ipConfig_;
-   Mox::Ptr<VrfIpIntfConfig const> const vrfIpIntfConfig_;
-   Mox::Ptr<AddrMap> const addrMap_;
-   Mox::Ptr<Interface::DeviceIntfStatusDir const> const kernelIntfDir_;
-   Mox::Ptr<Routing::KernelProtoConfig const> const kernelProtoConfig_;
-   Mox::Ptr<Routing::InfoConfig const> const routingInfoConfig_;
-   Mox::Ptr<Ip::Input::Status> const systemIntfIpStatus_;
-   Mox::Ptr<Ip::Input::Status> const localIntfIpStatus_;
-   Mox::Ptr<L3::Intf::Input::StatusDir> const systemL3IntfStatus_;
-   Mox::Ptr<L3::Intf::Input::StatusDir> const localL3IntfStatus_;
-   Mox::Ptr<Ip6::Status const> const ip6Status_;
-   Mox::Ptr<Ip::AllVrfStatusLocal const> const allVrfStatusLocal_;
-   int const netlinkSocket_;
-   Mox::Ptr<Interface::AllIntfStatusDir const> const allIntfStatusDir_;
-   Mox::Ptr<Interface::KniIntfStatusManager> const kniIntfStatusManager_;
-   L3::VrfName const vrfName_;
-   Mox::Ptr<Routing::Hardware::Status const> const routingHardwareStatus_;
+   Inputs const in_;
    bool standbyMode_;
-   Mox::Ptr<WarpState> const warpState_;
-   Mox::Ptr<Bolt::TimerWheel const> const timerWheel_;
-   Mox::Ptr<L3::UpdateIpIntfStatusVrfRequests> const updateIpIntfStatusVrfReq_;
-   Mox::Ptr<L3::UpdateIpIntfStatusRequests> const updateIpIntfStatusReq_;
-   Mox::Ptr<Urpf::UrpfOnAllIntfStat> const urpfOnAllIntfStat_;
-   Mox::Ptr<ProxyArp::VirtualMacStatus const> const proxyArpVirtualMac_;
    Mox::Ptr<KernelNetInfo::Root const> kniRoot_;
 
    double const backlogRetryDelay_ = 0.01;

@@ -14,8 +14,8 @@ IpIntfSm::KernelUpdateCodefEntry& IpIntfSm::entryFor(Konet::IntfId const& intf) 
    auto [entry, inserted] = ipIntfKernelUpdateCodefList_.emplace(intf);
    if (inserted) {
       entry->intf = intf;
-      if (warpState_ && ipIntfKernelUpdateCodefList_.size() == 1) {
-         warpState_->backlogEmptyIs(warpKey(), false);
+      if (in_.warpState && ipIntfKernelUpdateCodefList_.size() == 1) {
+         in_.warpState->backlogEmptyIs(warpKey(), false);
       }
    }
    return *entry;
@@ -81,7 +81,7 @@ void IpIntfSm::runEntry(KernelUpdateCodefEntry& entry) {
 }
 
 void IpIntfSm::processIpIntfKernelUpdateCodefList() {
-   MOX_TRACE_FN(th, " vrf " << vrfName_ << " entries " << ipIntfKernelUpdateCodefList_.size());
+   MOX_TRACE_FN(th, " vrf " << in_.vrfName << " entries " << ipIntfKernelUpdateCodefList_.size());
    ++runs_;
    double const start = Mox::System::currentTime();
    if (globalKnobsPending_) {
@@ -119,22 +119,22 @@ void IpIntfSm::processIpIntfKernelUpdateCodefList() {
       backlogTimer_->timeMinIs(Mox::System::currentTime() + backlogRetryDelay_);
       return;
    }
-   MOX_TRACE(th, 5, "Backlog queue empty for vrf " << vrfName_);
-   if (warpState_) warpState_->backlogEmptyIs(warpKey(), true);
+   MOX_TRACE(th, 5, "Backlog queue empty for vrf " << in_.vrfName);
+   if (in_.warpState) in_.warpState->backlogEmptyIs(warpKey(), true);
    backlogTimer_->timeMinIs(Mox::kInfinity);
 }
 
 void IpIntfSm::verifyBacklogQueue() {
-   MOX_TRACE_FN(th, " vrf " << vrfName_);
+   MOX_TRACE_FN(th, " vrf " << in_.vrfName);
    if (routedIpIntfConfig_.empty()) {
       MOX_TRACE(th, 5,
-                "No L3 interfaces in vrf " << vrfName_ << ", Vrf " << vrfName_
+                "No L3 interfaces in vrf " << in_.vrfName << ", Vrf " << in_.vrfName
                                            << ". Skipping WARP check.");
-      if (warpState_) warpState_->backlogEmptyIs(warpKey(), true);
+      if (in_.warpState) in_.warpState->backlogEmptyIs(warpKey(), true);
       return;
    }
-   if (warpState_) {
-      warpState_->backlogEmptyIs(warpKey(), ipIntfKernelUpdateCodefList_.empty());
+   if (in_.warpState) {
+      in_.warpState->backlogEmptyIs(warpKey(), ipIntfKernelUpdateCodefList_.empty());
    }
 }
 

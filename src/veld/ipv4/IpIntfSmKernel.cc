@@ -63,19 +63,19 @@ int IpIntfSm::addIpToIntf(int sock, Konet::IpAddrWithMask const& addr, AddrMap& 
 }
 
 bool IpIntfSm::doUpdateKernelAddrIntf(Konet::IntfId const& intf) {
-   MOX_TRACE_FN(th, " for " << intf << " in Ns " << nsName() << " vrf " << vrfName_);
-   if (!kernelIntfDir_ || !ipConfig_ || !kniRoot_ || !addrMap_) {
+   MOX_TRACE_FN(th, " for " << intf << " in Ns " << nsName() << " vrf " << in_.vrfName);
+   if (!in_.kernelIntfDir || !in_.ipConfig || !kniRoot_ || !in_.addrMap) {
       MOX_TRACE(th, 5,
                 " exiting for " << intf << " kernelIntfDir() "
-                                << (kernelIntfDir_ ? "present" : "missing") << " config() "
-                                << (ipConfig_ ? "present" : "missing") << " kernelNetInfoRoot() "
-                                << (kniRoot_ ? "present" : "missing") << " VRF: " << vrfName_);
+                                << (in_.kernelIntfDir ? "present" : "missing") << " config() "
+                                << (in_.ipConfig ? "present" : "missing") << " kernelNetInfoRoot() "
+                                << (kniRoot_ ? "present" : "missing") << " VRF: " << in_.vrfName);
       return false;
    }
    auto config = routedIpIntfConfig(intf);
    if (standbyMode_) MOX_TRACE(th, 5, "Standby Veld skipping larder update for " << intf);
 
-   auto dev = kernelIntfDir_->intfStatusAndDeviceName(intf).second;
+   auto dev = in_.kernelIntfDir->intfStatusAndDeviceName(intf).second;
    if (dev.empty()) {
       // The device is not (or no longer) in this namespace: nothing here to program.
       MOX_TRACE(th, 5, "No deviceName set for " << intf);
@@ -91,16 +91,16 @@ bool IpIntfSm::doUpdateKernelAddrIntf(Konet::IntfId const& intf) {
    }
    bool running = kniIntf.running();
    L3::VrfName intfVrf = configVrf(config);
-   bool sameVrf = config && intfVrf == vrfName_;
+   bool sameVrf = config && intfVrf == in_.vrfName;
    MOX_TRACE(th, 6, "interface " << dev << ": running=" << running);
-   MOX_TRACE(th, 6, "interface VRF: " << intfVrf << ", my VRF: " << vrfName_);
+   MOX_TRACE(th, 6, "interface VRF: " << intfVrf << ", my VRF: " << in_.vrfName);
 
    if (config && sameVrf && !standbyMode_ && !ipIntfStatusOf(intf)) {
       addL3IntfStatus(intf, intfVrf);
       addIpIntfStatus(intf, config);
    }
 
-   int sock = netlinkSocket_;
+   int sock = in_.netlinkSocket;
    if (config) {
       bool noArp = config->noArp() == Ip::TristateBool::isTrue;
       if (noArp != bool(kniIntf.flags & KernelNetInfo::kIffNoArp)) {
@@ -115,7 +115,7 @@ bool IpIntfSm::doUpdateKernelAddrIntf(Konet::IntfId const& intf) {
       }
    }
 
-   auto g = addrMap_->genAddrIs(kniIntf.key);
+   auto g = in_.addrMap->genAddrIs(kniIntf.key);
    MOX_TRACE(th, 6,
              "kii for ifIndex=" << kniIntf.key << " intfName=" << dev << " has "
                                 << g->addrIterator().size() << " addresses");
@@ -141,7 +141,7 @@ bool IpIntfSm::doUpdateKernelAddrIntf(Konet::IntfId const& intf) {
       }
       int err = kernelIo().ipAddrDel(sock, static_cast<int>(kniIntf.key.ifIndex), a);
       if (err == 0) {
-         addrMap_->delAddr(kniIntf.key, a);
+         in_.addrMap->delAddr(kniIntf.key, a);
       } else {
          Mox::logMessage(Mox::LogSeverity::error, "VELD-ADDR",
                          "Error deleting " + a.toString() + " from " + dev + ":" + errorText(err));
@@ -160,7 +160,7 @@ bool IpIntfSm::doUpdateKernelAddrIntf(Konet::IntfId const& intf) {
    if (config && sameVrf && running) {
       // The primary first, so that the kernel makes it the primary of its subnet.
       auto add = [&](Konet::IpAddrWithMask const& a) {
-         if (a.len()) addIpToIntf(sock, a, *addrMap_, kniIntf.key, dev);
+         if (a.len()) addIpToIntf(sock, a, *in_.addrMap, kniIntf.key, dev);
       };
       add(config->addrWithMask());
       for (auto const& a : config->secondaryWithMaskIterator())
@@ -185,7 +185,7 @@ bool IpIntfSm::doUpdateKernelAddrIntf(Konet::IntfId const& intf) {
          Mox::logMessage(Mox::LogSeverity::error, "VELD-ADDR",
                          "Failed to flush interface addresses of " + dev + ": " + errorText(err));
       }
-      addrMap_->flushAddr(kniIntf.key);
+      in_.addrMap->flushAddr(kniIntf.key);
    }
    if (!standbyMode_) doClearStatusAddrs(ipIntfStatusOf(intf));
    return false;
@@ -198,7 +198,7 @@ int IpIntfSm::doUpdateProcConfigOpt(Konet::IntfId const& intf, IpIntfConfOptType
    auto kniIntf = kniRoot_->interfaceByName(dev);
    MOX_ASSERT(kniIntf != KernelNetInfo::Interface());
    auto config = routedIpIntfConfig(intf);
-   bool routing = routingInfoConfig_ && routingInfoConfig_->routing();
+   bool routing = in_.routingInfoConfig && in_.routingInfoConfig->routing();
    std::string value;
    switch (opt) {
       case Opt::confOptForwarding:
@@ -210,7 +210,7 @@ int IpIntfSm::doUpdateProcConfigOpt(Konet::IntfId const& intf, IpIntfConfOptType
          using M = IntfIpKernelState::RpFilterMode;
          auto mode = config ? config->urpf().mode : Urpf::UrpfMode::disable;
          M rp = M::off;
-         if (!(routingHardwareStatus_ && routingHardwareStatus_->urpfSupported())) {
+         if (!(in_.routingHardwareStatus && in_.routingHardwareStatus->urpfSupported())) {
             rp = mode == Urpf::UrpfMode::strict    ? M::strict
                  : mode == Urpf::UrpfMode::disable ? M::off
                                                    : M::loose;
@@ -221,7 +221,7 @@ int IpIntfSm::doUpdateProcConfigOpt(Konet::IntfId const& intf, IpIntfConfOptType
       }
       case Opt::confOptProxyArp:
          value = bit((config && config->proxyArpEnabled()) ||
-                     (proxyArpVirtualMac_ && proxyArpVirtualMac_->intf(intf)));
+                     (in_.proxyArpVirtualMac && in_.proxyArpVirtualMac->intf(intf)));
          break;
       case Opt::confOptArpIgnore:
          // A router answers ARP on an interface only for that interface's own addresses.
@@ -234,13 +234,14 @@ int IpIntfSm::doUpdateProcConfigOpt(Konet::IntfId const& intf, IpIntfConfOptType
          value = "0";
          break;
       case Opt::confOptSendIcmpRedirectIPv4:
-         value = bit(ipConfig_ && ipConfig_->sendRedirects());
+         value = bit(in_.ipConfig && in_.ipConfig->sendRedirects());
          break;
       case Opt::confOptUseIcmpSrcIpAddr:
          // Management interfaces answer from their own address; the others use the
          // configured ICMP source address when there is one.
-         value = bit(!intf.isManagement() && ipConfig_ &&
-                     (!ipConfig_->icmpSrcIpAddr().isZero() || !ipConfig_->icmpSrcIntf().empty()));
+         value =
+             bit(!intf.isManagement() && in_.ipConfig &&
+                 (!in_.ipConfig->icmpSrcIpAddr().isZero() || !in_.ipConfig->icmpSrcIntf().empty()));
          break;
       case Opt::confOptGratuitousArpAccept:
          value = bit(config && config->gratuitousArpAccepted());
@@ -273,7 +274,7 @@ int IpIntfSm::doUpdateProcConfigOpt(Konet::IntfId const& intf, IpIntfConfOptType
 
 int IpIntfSm::doUpdateProc(Konet::IntfId const& intf) {
    MOX_TRACE_FN(th, " for " << intf);
-   auto dev = kernelIntfDir_ ? kernelIntfDir_->intfStatusAndDeviceName(intf).second : "";
+   auto dev = in_.kernelIntfDir ? in_.kernelIntfDir->intfStatusAndDeviceName(intf).second : "";
    if (dev.empty() || !kniRoot_ || kniRoot_->interfaceByName(dev) == KernelNetInfo::Interface()) {
       Mox::logMessage(Mox::LogSeverity::info, "VELD-PROC",
                       std::string("doUpdateProc tried to write to /proc before") +
@@ -318,8 +319,8 @@ bool IpIntfSm::writeOnChange(std::string const& path, std::string const& value) 
 }
 
 Konet::IpAddr IpIntfSm::icmpSrcIntfAddr() {
-   if (icmpSrcIntf_.empty() || !kernelIntfDir_) return Konet::IpAddr();
-   auto dev = kernelIntfDir_->intfStatusAndDeviceName(icmpSrcIntf_).second;
+   if (icmpSrcIntf_.empty() || !in_.kernelIntfDir) return Konet::IpAddr();
+   auto dev = in_.kernelIntfDir->intfStatusAndDeviceName(icmpSrcIntf_).second;
    std::vector<Konet::IfconfEntry> entries;
    if (dev.empty() || kernelIo().ifconfInterfaces(&entries)) return Konet::IpAddr();
    for (auto const& e : entries) {
@@ -329,21 +330,21 @@ Konet::IpAddr IpIntfSm::icmpSrcIntfAddr() {
 }
 
 void IpIntfSm::doUpdateGlobalKnobs() {
-   MOX_TRACE_FN(th, " vrf " << vrfName_);
-   if (kernelProtoConfig_) {
+   MOX_TRACE_FN(th, " vrf " << in_.vrfName);
+   if (in_.kernelProtoConfig) {
       writeOnChange("/proc/sys/net/ipv4/tcp_nosock_send_rst",
-                    bit(kernelProtoConfig_->tcpSendReset()));
+                    bit(in_.kernelProtoConfig->tcpSendReset()));
       writeOnChange("/proc/sys/net/ipv4/udp_nosock_send_icmp",
-                    bit(kernelProtoConfig_->udpSendUnreachable()));
+                    bit(in_.kernelProtoConfig->udpSendUnreachable()));
    }
-   if (ipConfig_) {
-      char const* redirects = bit(ipConfig_->sendRedirects());
+   if (in_.ipConfig) {
+      char const* redirects = bit(in_.ipConfig->sendRedirects());
       for (char const* d : {"all", "default", "lo"}) {
          writeOnChange(std::string(kProcConfDir) + d + "/send_redirects", redirects);
       }
       // ICMP errors leave from the configured address, else from the ICMP source
       // interface's address as the kernel lists it; none: the kernel chooses.
-      auto src = ipConfig_->icmpSrcIpAddr();
+      auto src = in_.ipConfig->icmpSrcIpAddr();
       if (src.isZero()) src = icmpSrcIntfAddr();
       writeOnChange("/proc/sys/net/ipv4/icmp_src_ipaddr", src.toString());
       for (char const* d : {"all", "default", "lo"}) {

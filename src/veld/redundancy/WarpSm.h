@@ -4,6 +4,7 @@
 #pragma once
 
 #include "mox/Clock.h"
+#include "mox/Inputs.h"
 #include "mox/StateMachine.h"
 #include "platform/Agent.h"
 #include "platform/Interface.h"
@@ -15,24 +16,24 @@ namespace Veld {
 
 class WarpSm : public Mox::StateMachine {
 public:
+#define VELD_WARP_SM_INPUTS(X)                                      \
+   X(Mox::Ptr<Ip::Config const>, ipConfig)                          \
+   X(Mox::Ptr<Ip::Status const>, ipStatus)                          \
+   X(Mox::Ptr<Ip6::Config const>, ip6Config)                        \
+   X(Mox::Ptr<Ip6::Status const>, ip6Status)                        \
+   X(Mox::Ptr<Interface::AllIntfStatusDir const>, allIntfStatusDir) \
+   X(Mox::Ptr<Ip::AllVrfStatusGlobal const>, allVrfStatusGlobal)    \
+   X(Mox::Ptr<AgentConfig>, agentConfig)                            \
+   X(Mox::Ptr<StagesHelper>, stagesHelper)                          \
+   X(Mox::Ptr<WarpState>, warpState)                                \
+   X(Mox::Ptr<Mox::Clock const>, clock)
    struct Inputs {
-      Mox::Ptr<Ip::Config const> ipConfig;
-      Mox::Ptr<Ip::Status const> ipStatus;
-      Mox::Ptr<Ip6::Config const> ip6Config;
-      Mox::Ptr<Ip6::Status const> ip6Status;
-      Mox::Ptr<Interface::AllIntfStatusDir const> allIntfStatusDir;
-      Mox::Ptr<Ip::AllVrfStatusGlobal const> allVrfStatusGlobal;
-      Mox::Ptr<AgentConfig> agentConfig;
-      Mox::Ptr<StagesHelper> stagesHelper;
-      Mox::Ptr<WarpState> warpState;
-      Mox::Ptr<Mox::Clock const> clock;
+      MOX_INPUTS(VELD_WARP_SM_INPUTS)
    };
 
    explicit WarpSm(Inputs inputs);
 
    Inputs const& inputs() const { return inputs_; }
-   // The create-or-update rule: an existing machine is kept only for the same inputs.
-   static void checkCtorParams(Inputs const& current, Inputs const& passed);
 
    void handleInitialized();
 

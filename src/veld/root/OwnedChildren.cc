@@ -30,15 +30,4 @@ Mox::Ptr<CleanupLoopbackIntfSm> cleanupLoopbackIntfSmOf(
    return held;
 }
 
-Mox::Ptr<IpIntfSm> ipIntfSmOf(Mox::Ptr<IpIntfSm>& held, IpIntfSm::Inputs const& inputs,
-                              bool standbyMode) {
-   if (held) {
-      IpIntfSm::checkCtorParams(held->inputs(), inputs);
-      held->standbyModeIs(standbyMode);
-      return held;
-   }
-   held = makeMachine<IpIntfSm>(inputs, standbyMode);
-   return held;
-}
-
 }  // namespace Veld

@@ -13,7 +13,6 @@
 #include "platform/KernelNetInfo.h"
 #include "veld/addr/AddrMap.h"
 #include "veld/addr/AddrMappingSm.h"
-#include "veld/ipv4/IpIntfSm.h"
 #include "veld/vrf/CleanupLoopbackIntfSm.h"
 
 namespace Veld {
@@ -40,8 +39,56 @@ Mox::Ptr<CleanupLoopbackIntfSm> cleanupLoopbackIntfSmOf(
     Mox::Ptr<Interface::LoopbackIntfConfigDir const> const& loopbackIntfConfigDir,
     Konet::NamespaceName const& ns);
 
-// The IPv4 machine held in `held`: created, or kept with the standby flag pushed into it.
-Mox::Ptr<IpIntfSm> ipIntfSmOf(Mox::Ptr<IpIntfSm>& held, IpIntfSm::Inputs const& inputs,
-                              bool standbyMode);
+// The machine held in `held`, for a machine whose constructor takes its Inputs (and the
+// standby flag, for those that have one): created, or kept when built from the same inputs,
+// with the standby flag pushed into it.
+template <class T>
+Mox::Ptr<T> machineOf(Mox::Ptr<T>& held, typename T::Inputs const& inputs) {
+   if (held) {
+      T::Inputs::checkCtorParams(held->inputs(), inputs);
+      return held;
+   }
+   held = makeMachine<T>(inputs);
+   return held;
+}
+
+template <class T>
+Mox::Ptr<T> machineOf(Mox::Ptr<T>& held, typename T::Inputs const& inputs, bool standbyMode) {
+   if (held) {
+      T::Inputs::checkCtorParams(held->inputs(), inputs);
+      held->standbyModeIs(standbyMode);
+      return held;
+   }
+   held = makeMachine<T>(inputs, standbyMode);
+   return held;
+}
+
+// The view machine of one address family held in `held`: created with its factory (its
+// views delivering from the start), or kept when built from the same configuration and
+// directory of views.
+template <class Sm, class Config, class ViewDir>
+Mox::Ptr<Sm> viewSmOf(Mox::Ptr<Sm>& held, Mox::Ptr<Config const> const& config,
+                      Mox::Ptr<ViewDir> const& viewDir,
+                      Mox::Ptr<Sm> (*factory)(Mox::Ptr<Config const>, Mox::Ptr<ViewDir>)) {
+   if (held) {
+      Mox::checkCtorParam("_ipConfig", held->ipConfig(), config);
+      Mox::checkCtorParam("_vrfIpIntfConfigDir", held->vrfIpIntfConfigDir(), viewDir);
+      return held;
+   }
+   held = factory(config, viewDir);
+   held->hasNotificationActiveIs(true);
+   return held;
+}
+
+// A status aggregator held in `held`: created, or re-pointed to a new directory of inputs.
+template <class T, class InputDir, class... Rest>
+Mox::Ptr<T> aggregatorOf(Mox::Ptr<T>& held, InputDir const& inputStatusDir, Rest const&... rest) {
+   if (held) {
+      held->notifierIs(inputStatusDir);
+      return held;
+   }
+   held = makeMachine<T>(inputStatusDir, rest...);
+   return held;
+}
 
 }  // namespace Veld

@@ -192,15 +192,7 @@ Mox::Ptr<VrfIpIntfConfigSm> Root::vrfIpIntfConfigSmIs(
     Mox::Ptr<Ip::Config const> const& ipConfig,
     Mox::Ptr<VrfIpIntfConfigDir> const& vrfIpIntfConfigDir) {
    MOX_TRACE_FN0(th);
-   if (vrfIpIntfConfigSm_) {
-      Mox::checkCtorParam("_ipConfig", vrfIpIntfConfigSm_->ipConfig(), ipConfig);
-      Mox::checkCtorParam("_vrfIpIntfConfigDir", vrfIpIntfConfigSm_->vrfIpIntfConfigDir(),
-                          vrfIpIntfConfigDir);
-      return vrfIpIntfConfigSm_;
-   }
-   vrfIpIntfConfigSm_ = VrfIpIntfConfigSmIs(ipConfig, vrfIpIntfConfigDir);
-   vrfIpIntfConfigSm_->hasNotificationActiveIs(true);
-   return vrfIpIntfConfigSm_;
+   return viewSmOf(vrfIpIntfConfigSm_, ipConfig, vrfIpIntfConfigDir, &VrfIpIntfConfigSmIs);
 }
 
 void Root::vrfIpIntfConfigSmDel() {
@@ -212,15 +204,7 @@ Mox::Ptr<VrfIp6IntfConfigSm> Root::vrfIp6IntfConfigSmIs(
     Mox::Ptr<Ip6::Config const> const& ip6Config,
     Mox::Ptr<VrfIp6IntfConfigDir> const& vrfIp6IntfConfigDir) {
    MOX_TRACE_FN0(th);
-   if (vrfIp6IntfConfigSm_) {
-      Mox::checkCtorParam("_ipConfig", vrfIp6IntfConfigSm_->ipConfig(), ip6Config);
-      Mox::checkCtorParam("_vrfIpIntfConfigDir", vrfIp6IntfConfigSm_->vrfIpIntfConfigDir(),
-                          vrfIp6IntfConfigDir);
-      return vrfIp6IntfConfigSm_;
-   }
-   vrfIp6IntfConfigSm_ = VrfIp6IntfConfigSmIs(ip6Config, vrfIp6IntfConfigDir);
-   vrfIp6IntfConfigSm_->hasNotificationActiveIs(true);
-   return vrfIp6IntfConfigSm_;
+   return viewSmOf(vrfIp6IntfConfigSm_, ip6Config, vrfIp6IntfConfigDir, &VrfIp6IntfConfigSmIs);
 }
 
 void Root::vrfIp6IntfConfigSmDel() {
@@ -296,53 +280,9 @@ void Root::netNsIntfStatusManagerRootDel() {
 
 // ---- machines that use them
 
-Mox::Ptr<IpIntfSm> Root::ipIntfSmIs(
-    Mox::Ptr<Ip::Config const> const& ipConfig,
-    Mox::Ptr<VrfIpIntfConfig const> const& vrfIpIntfConfig, Mox::Ptr<AddrMap> const& addrMap,
-    Mox::Ptr<Interface::DeviceIntfStatusDir const> const& kernelIntfDir,
-    Mox::Ptr<Routing::KernelProtoConfig const> const& kernelProtoConfig,
-    Mox::Ptr<Routing::InfoConfig const> const& routingInfoConfig,
-    Mox::Ptr<Ip::Input::Status> const& systemIntfIpStatus,
-    Mox::Ptr<Ip::Input::Status> const& localIntfIpStatus,
-    Mox::Ptr<L3::Intf::Input::StatusDir> const& systemL3IntfStatus,
-    Mox::Ptr<L3::Intf::Input::StatusDir> const& localL3IntfStatus,
-    Mox::Ptr<Ip6::Status const> const& ip6Status,
-    Mox::Ptr<Ip::AllVrfStatusLocal const> const& allVrfStatusLocal, int netlinkSocket,
-    Mox::Ptr<Interface::AllIntfStatusDir const> const& allIntfStatusDir,
-    Mox::Ptr<Interface::KniIntfStatusManager> const& kniIntfStatusManager,
-    L3::VrfName const& vrfName,
-    Mox::Ptr<Routing::Hardware::Status const> const& routingHardwareStatus, bool standbyMode,
-    Mox::Ptr<WarpState> const& warpState, Mox::Ptr<Bolt::TimerWheel const> const& timerWheel,
-    Mox::Ptr<L3::UpdateIpIntfStatusVrfRequests> const& updateIpIntfStatusVrfReq,
-    Mox::Ptr<L3::UpdateIpIntfStatusRequests> const& updateIpIntfStatusReq,
-    Mox::Ptr<Urpf::UrpfOnAllIntfStat> const& urpfOnAllIntfStat,
-    Mox::Ptr<ProxyArp::VirtualMacStatus const> const& proxyArpVirtualMac) {
-   MOX_TRACE_FN(th, " vrf " << vrfName << " standbyMode " << standbyMode);
-   return ipIntfSmOf(ipIntfSm_,
-                     IpIntfSm::Inputs{ipConfig,
-                                      vrfIpIntfConfig,
-                                      addrMap,
-                                      kernelIntfDir,
-                                      kernelProtoConfig,
-                                      routingInfoConfig,
-                                      systemIntfIpStatus,
-                                      localIntfIpStatus,
-                                      systemL3IntfStatus,
-                                      localL3IntfStatus,
-                                      ip6Status,
-                                      allVrfStatusLocal,
-                                      netlinkSocket,
-                                      allIntfStatusDir,
-                                      kniIntfStatusManager,
-                                      vrfName,
-                                      routingHardwareStatus,
-                                      warpState,
-                                      timerWheel,
-                                      updateIpIntfStatusVrfReq,
-                                      updateIpIntfStatusReq,
-                                      urpfOnAllIntfStat,
-                                      proxyArpVirtualMac},
-                     standbyMode);
+Mox::Ptr<IpIntfSm> Root::ipIntfSmIs(IpIntfSm::Inputs const& inputs, bool standbyMode) {
+   MOX_TRACE_FN(th, " vrf " << inputs.vrfName << " standbyMode " << standbyMode);
+   return machineOf(ipIntfSm_, inputs, standbyMode);
 }
 
 void Root::ipIntfSmDel() { releaseMachine(ipIntfSm_); }
@@ -351,12 +291,7 @@ Mox::Ptr<IpIntfStatusSm> Root::ipIntfStatusSmIs(
     Mox::Ptr<Ip::IpInputStatusDir const> const& inputStatusDir,
     Mox::Ptr<Ip::Config const> const& ipConfig, Mox::Ptr<Ip::Status> const& ipStatus) {
    MOX_TRACE_FN0(th);
-   if (ipIntfStatusSm_) {
-      ipIntfStatusSm_->notifierIs(inputStatusDir);
-      return ipIntfStatusSm_;
-   }
-   ipIntfStatusSm_ = makeMachine<IpIntfStatusSm>(inputStatusDir, ipConfig, ipStatus);
-   return ipIntfStatusSm_;
+   return aggregatorOf(ipIntfStatusSm_, inputStatusDir, ipConfig, ipStatus);
 }
 
 void Root::ipIntfStatusSmDel() { releaseMachine(ipIntfStatusSm_); }
@@ -365,42 +300,15 @@ Mox::Ptr<L3IntfStatusSm> Root::l3IntfStatusSmIs(
     Mox::Ptr<L3::Intf::InputStatusDir const> const& inputStatusDir,
     Mox::Ptr<L3::Intf::StatusDir> const& intfStatusDir) {
    MOX_TRACE_FN0(th);
-   if (l3IntfStatusSm_) {
-      l3IntfStatusSm_->notifierIs(inputStatusDir);
-      return l3IntfStatusSm_;
-   }
-   l3IntfStatusSm_ = makeMachine<L3IntfStatusSm>(inputStatusDir, intfStatusDir);
-   return l3IntfStatusSm_;
+   return aggregatorOf(l3IntfStatusSm_, inputStatusDir, intfStatusDir);
 }
 
 void Root::l3IntfStatusSmDel() { releaseMachine(l3IntfStatusSm_); }
 
-Mox::Ptr<LoopbackIntfSm> Root::loopbackIntfSmIs(
-    Mox::Ptr<Interface::LoopbackIntfConfigDir const> const& loopbackIntfConfigDir,
-    Mox::Ptr<Interface::AllIntfNamespaceConfigDir const> const& allIntfNamespaceConfigDir,
-    Mox::Ptr<Interface::LoopbackIntfStatusDir> const& loopbackIntfStatusDir,
-    Mox::Ptr<Interface::LoopbackIntfStatusLocalDir> const& loopbackIntfStatusLocalDir,
-    bool standbyMode, Mox::Ptr<Mox::Clock const> const& clock,
-    Mox::Ptr<Interface::IntfStatusPtrDir> const& intfStatusPtrDir) {
+Mox::Ptr<LoopbackIntfSm> Root::loopbackIntfSmIs(LoopbackIntfSm::Inputs const& inputs,
+                                                bool standbyMode) {
    MOX_TRACE_FN(th, " standbyMode " << standbyMode);
-   if (auto& sm = loopbackIntfSm_) {
-      Mox::checkCtorParam("_loopbackIntfConfigDir", sm->loopbackIntfConfigDir(),
-                          loopbackIntfConfigDir);
-      Mox::checkCtorParam("_allIntfNamespaceConfigDir", sm->allIntfNamespaceConfigDir(),
-                          allIntfNamespaceConfigDir);
-      Mox::checkCtorParam("_loopbackIntfStatusDir", sm->loopbackIntfStatusDir(),
-                          loopbackIntfStatusDir);
-      Mox::checkCtorParam("_loopbackIntfStatusLocalDir", sm->loopbackIntfStatusLocalDir(),
-                          loopbackIntfStatusLocalDir);
-      Mox::checkCtorParam("_clock", sm->clock(), clock);
-      Mox::checkCtorParam("_intfStatusPtrDir", sm->intfStatusPtrDir(), intfStatusPtrDir);
-      sm->standbyModeIs(standbyMode);
-      return sm;
-   }
-   loopbackIntfSm_ = makeMachine<LoopbackIntfSm>(loopbackIntfConfigDir, allIntfNamespaceConfigDir,
-                                                 loopbackIntfStatusDir, loopbackIntfStatusLocalDir,
-                                                 standbyMode, clock, intfStatusPtrDir);
-   return loopbackIntfSm_;
+   return machineOf(loopbackIntfSm_, inputs, standbyMode);
 }
 
 void Root::loopbackIntfSmDel() {
@@ -421,61 +329,9 @@ void Root::cleanupLoopbackIntfSmDel() {
    releaseMachine(cleanupLoopbackIntfSm_);
 }
 
-Mox::Ptr<AllVrfSm> Root::allVrfSmIs(
-    Mox::Ptr<Ip::AllVrfConfig const> const& allVrfConfig,
-    Mox::Ptr<Ip::AllVrfStatusGlobal> const& allVrfStatusGlobal,
-    Mox::Ptr<Ip::AllVrfStatusLocal> const& allVrfStatusLocal,
-    Mox::Ptr<Interface::AllIntfStatusLocalDir> const& allIntfStatusLocalDir,
-    Mox::Ptr<Konet::NamespaceStatusLocalDir> const& namespaceStatusLocalDir,
-    Mox::Ptr<L3::Intf::ConfigDir const> const& l3IntfConfigDir,
-    Mox::Ptr<Ip::VrfCapability const> const& vrfCapability,
-    Mox::Ptr<VrfTypes::MultiAgentVrfProtoConfig const> const& multiAgentVrfProtoConfig,
-    bool standbyMode, Mox::Ptr<SsoConfig const> const& ssoConfig,
-    Mox::Ptr<StagesHelper> const& stagesHelper,
-    Mox::Ptr<Agent::StartupModeStatus const> const& startupModeStatus,
-    Mox::Ptr<Mox::Dir> const& mountDir1, Mox::Ptr<Mox::Dir> const& mountDir2,
-    Mox::Ptr<Mox::Dir const> const& mountDir3, Mox::Ptr<Mox::Dir> const& mountDir4,
-    Mox::Ptr<Mox::Dir> const& mountDir5, Mox::Ptr<Mox::Dir> const& mountDir6,
-    Mox::Ptr<Mox::Dir> const& mountDir7, Mox::Ptr<Mox::Dir const> const& mountDir8,
-    Mox::Ptr<Mox::Dir const> const& mountDir9, Mox::Ptr<Mox::Dir const> const& mountDir10,
-    Mox::Ptr<Mox::Dir const> const& mountDir11,
-    Mox::Ptr<Vrf::VrfIdMap::Status> const& vrfIdMapStatus,
-    Mox::Ptr<Vrf::VrfIdMap::NameToIdMapWrapper> const& vrfNameToIdMap,
-    Mox::Ptr<L3::Config const> const& l3Config, Mox::Ptr<Bolt::TaskScheduler> const& scheduler) {
+Mox::Ptr<AllVrfSm> Root::allVrfSmIs(AllVrfSm::Inputs const& inputs, bool standbyMode) {
    MOX_TRACE_FN(th, " standbyMode " << standbyMode);
-   AllVrfSm::Inputs inputs{allVrfConfig,
-                           allVrfStatusGlobal,
-                           allVrfStatusLocal,
-                           allIntfStatusLocalDir,
-                           namespaceStatusLocalDir,
-                           l3IntfConfigDir,
-                           vrfCapability,
-                           multiAgentVrfProtoConfig,
-                           ssoConfig,
-                           stagesHelper,
-                           startupModeStatus,
-                           mountDir1,
-                           mountDir2,
-                           mountDir3,
-                           mountDir4,
-                           mountDir5,
-                           mountDir6,
-                           mountDir7,
-                           mountDir8,
-                           mountDir9,
-                           mountDir10,
-                           mountDir11,
-                           vrfIdMapStatus,
-                           vrfNameToIdMap,
-                           l3Config,
-                           scheduler};
-   if (allVrfSm_) {
-      AllVrfSm::checkCtorParams(allVrfSm_->inputs(), inputs);
-      allVrfSm_->standbyModeIs(standbyMode);
-      return allVrfSm_;
-   }
-   allVrfSm_ = makeMachine<AllVrfSm>(std::move(inputs), standbyMode);
-   return allVrfSm_;
+   return machineOf(allVrfSm_, inputs, standbyMode);
 }
 
 void Root::allVrfSmDel() {
@@ -483,22 +339,9 @@ void Root::allVrfSmDel() {
    releaseMachine(allVrfSm_);
 }
 
-Mox::Ptr<WarpSm> Root::warpSmIs(
-    Mox::Ptr<Ip::Config const> const& ipConfig, Mox::Ptr<Ip::Status const> const& ipStatus,
-    Mox::Ptr<Ip6::Config const> const& ip6Config, Mox::Ptr<Ip6::Status const> const& ip6Status,
-    Mox::Ptr<Interface::AllIntfStatusDir const> const& allIntfStatusDir,
-    Mox::Ptr<Ip::AllVrfStatusGlobal const> const& allVrfStatusGlobal,
-    Mox::Ptr<AgentConfig> const& agentConfig, Mox::Ptr<StagesHelper> const& stagesHelper,
-    Mox::Ptr<WarpState> const& warpState, Mox::Ptr<Mox::Clock const> const& clock) {
+Mox::Ptr<WarpSm> Root::warpSmIs(WarpSm::Inputs const& inputs) {
    MOX_TRACE_FN0(th);
-   WarpSm::Inputs inputs{ipConfig,           ipStatus,    ip6Config,    ip6Status, allIntfStatusDir,
-                         allVrfStatusGlobal, agentConfig, stagesHelper, warpState, clock};
-   if (warpSm_) {
-      WarpSm::checkCtorParams(warpSm_->inputs(), inputs);
-      return warpSm_;
-   }
-   warpSm_ = makeMachine<WarpSm>(std::move(inputs));
-   return warpSm_;
+   return machineOf(warpSm_, inputs);
 }
 
 void Root::warpSmDel() {

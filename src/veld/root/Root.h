@@ -150,27 +150,9 @@ public:
 
    // ---- machines that use them
    Mox::Ptr<IpIntfSm> const& ipIntfSm() const { return ipIntfSm_; }
-   Mox::Ptr<IpIntfSm> ipIntfSmIs(
-       Mox::Ptr<Ip::Config const> const& ipConfig,
-       Mox::Ptr<VrfIpIntfConfig const> const& vrfIpIntfConfig, Mox::Ptr<AddrMap> const& addrMap,
-       Mox::Ptr<Interface::DeviceIntfStatusDir const> const& kernelIntfDir,
-       Mox::Ptr<Routing::KernelProtoConfig const> const& kernelProtoConfig,
-       Mox::Ptr<Routing::InfoConfig const> const& routingInfoConfig,
-       Mox::Ptr<Ip::Input::Status> const& systemIntfIpStatus,
-       Mox::Ptr<Ip::Input::Status> const& localIntfIpStatus,
-       Mox::Ptr<L3::Intf::Input::StatusDir> const& systemL3IntfStatus,
-       Mox::Ptr<L3::Intf::Input::StatusDir> const& localL3IntfStatus,
-       Mox::Ptr<Ip6::Status const> const& ip6Status,
-       Mox::Ptr<Ip::AllVrfStatusLocal const> const& allVrfStatusLocal, int netlinkSocket,
-       Mox::Ptr<Interface::AllIntfStatusDir const> const& allIntfStatusDir,
-       Mox::Ptr<Interface::KniIntfStatusManager> const& kniIntfStatusManager,
-       L3::VrfName const& vrfName,
-       Mox::Ptr<Routing::Hardware::Status const> const& routingHardwareStatus, bool standbyMode,
-       Mox::Ptr<WarpState> const& warpState, Mox::Ptr<Bolt::TimerWheel const> const& timerWheel,
-       Mox::Ptr<L3::UpdateIpIntfStatusVrfRequests> const& updateIpIntfStatusVrfReq,
-       Mox::Ptr<L3::UpdateIpIntfStatusRequests> const& updateIpIntfStatusReq,
-       Mox::Ptr<Urpf::UrpfOnAllIntfStat> const& urpfOnAllIntfStat,
-       Mox::Ptr<ProxyArp::VirtualMacStatus const> const& proxyArpVirtualMac);
+   // The constructor's inputs of each machine travel as its Inputs struct, in the machine's
+   // order; the standby flag is given apart.
+   Mox::Ptr<IpIntfSm> ipIntfSmIs(IpIntfSm::Inputs const& inputs, bool standbyMode);
    void ipIntfSmDel();
 
    // The status aggregators; on an existing one, re-pointed to the new input directory.
@@ -187,13 +169,8 @@ public:
    void l3IntfStatusSmDel();
 
    Mox::Ptr<LoopbackIntfSm> const& loopbackIntfSm() const { return loopbackIntfSm_; }
-   Mox::Ptr<LoopbackIntfSm> loopbackIntfSmIs(
-       Mox::Ptr<Interface::LoopbackIntfConfigDir const> const& loopbackIntfConfigDir,
-       Mox::Ptr<Interface::AllIntfNamespaceConfigDir const> const& allIntfNamespaceConfigDir,
-       Mox::Ptr<Interface::LoopbackIntfStatusDir> const& loopbackIntfStatusDir,
-       Mox::Ptr<Interface::LoopbackIntfStatusLocalDir> const& loopbackIntfStatusLocalDir,
-       bool standbyMode, Mox::Ptr<Mox::Clock const> const& clock,
-       Mox::Ptr<Interface::IntfStatusPtrDir> const& intfStatusPtrDir);
+   Mox::Ptr<LoopbackIntfSm> loopbackIntfSmIs(LoopbackIntfSm::Inputs const& inputs,
+                                             bool standbyMode);
    void loopbackIntfSmDel();
 
    Mox::Ptr<CleanupLoopbackIntfSm> const& cleanupLoopbackIntfSm() const {
@@ -206,37 +183,11 @@ public:
    void cleanupLoopbackIntfSmDel();
 
    Mox::Ptr<AllVrfSm> const& allVrfSm() const { return allVrfSm_; }
-   Mox::Ptr<AllVrfSm> allVrfSmIs(
-       Mox::Ptr<Ip::AllVrfConfig const> const& allVrfConfig,
-       Mox::Ptr<Ip::AllVrfStatusGlobal> const& allVrfStatusGlobal,
-       Mox::Ptr<Ip::AllVrfStatusLocal> const& allVrfStatusLocal,
-       Mox::Ptr<Interface::AllIntfStatusLocalDir> const& allIntfStatusLocalDir,
-       Mox::Ptr<Konet::NamespaceStatusLocalDir> const& namespaceStatusLocalDir,
-       Mox::Ptr<L3::Intf::ConfigDir const> const& l3IntfConfigDir,
-       Mox::Ptr<Ip::VrfCapability const> const& vrfCapability,
-       Mox::Ptr<VrfTypes::MultiAgentVrfProtoConfig const> const& multiAgentVrfProtoConfig,
-       bool standbyMode, Mox::Ptr<SsoConfig const> const& ssoConfig,
-       Mox::Ptr<StagesHelper> const& stagesHelper,
-       Mox::Ptr<Agent::StartupModeStatus const> const& startupModeStatus,
-       Mox::Ptr<Mox::Dir> const& mountDir1, Mox::Ptr<Mox::Dir> const& mountDir2,
-       Mox::Ptr<Mox::Dir const> const& mountDir3, Mox::Ptr<Mox::Dir> const& mountDir4,
-       Mox::Ptr<Mox::Dir> const& mountDir5, Mox::Ptr<Mox::Dir> const& mountDir6,
-       Mox::Ptr<Mox::Dir> const& mountDir7, Mox::Ptr<Mox::Dir const> const& mountDir8,
-       Mox::Ptr<Mox::Dir const> const& mountDir9, Mox::Ptr<Mox::Dir const> const& mountDir10,
-       Mox::Ptr<Mox::Dir const> const& mountDir11,
-       Mox::Ptr<Vrf::VrfIdMap::Status> const& vrfIdMapStatus,
-       Mox::Ptr<Vrf::VrfIdMap::NameToIdMapWrapper> const& vrfNameToIdMap,
-       Mox::Ptr<L3::Config const> const& l3Config, Mox::Ptr<Bolt::TaskScheduler> const& scheduler);
+   Mox::Ptr<AllVrfSm> allVrfSmIs(AllVrfSm::Inputs const& inputs, bool standbyMode);
    void allVrfSmDel();
 
    Mox::Ptr<WarpSm> const& warpSm() const { return warpSm_; }
-   Mox::Ptr<WarpSm> warpSmIs(
-       Mox::Ptr<Ip::Config const> const& ipConfig, Mox::Ptr<Ip::Status const> const& ipStatus,
-       Mox::Ptr<Ip6::Config const> const& ip6Config, Mox::Ptr<Ip6::Status const> const& ip6Status,
-       Mox::Ptr<Interface::AllIntfStatusDir const> const& allIntfStatusDir,
-       Mox::Ptr<Ip::AllVrfStatusGlobal const> const& allVrfStatusGlobal,
-       Mox::Ptr<AgentConfig> const& agentConfig, Mox::Ptr<StagesHelper> const& stagesHelper,
-       Mox::Ptr<WarpState> const& warpState, Mox::Ptr<Mox::Clock const> const& clock);
+   Mox::Ptr<WarpSm> warpSmIs(WarpSm::Inputs const& inputs);
    void warpSmDel();
 
 private:

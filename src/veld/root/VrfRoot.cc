@@ -32,50 +32,6 @@ VrfRoot::VrfRoot(L3::VrfName vrfName, Inputs inputs, bool standbyMode)
 
 VrfRoot::~VrfRoot() { moxDoZombieReactors(true); }
 
-void VrfRoot::checkCtorParams(Inputs const& current, Inputs const& passed) {
-   using Mox::checkCtorParam;
-   checkCtorParam("_ipConfig", current.ipConfig, passed.ipConfig);
-   checkCtorParam("_vrfIpIntfConfig", current.vrfIpIntfConfig, passed.vrfIpIntfConfig);
-   checkCtorParam("_vrfIp6IntfConfig", current.vrfIp6IntfConfig, passed.vrfIp6IntfConfig);
-   checkCtorParam("_systemIntfIpStatus", current.systemIntfIpStatus, passed.systemIntfIpStatus);
-   checkCtorParam("_localIntfIpStatus", current.localIntfIpStatus, passed.localIntfIpStatus);
-   checkCtorParam("_systemL3IntfStatus", current.systemL3IntfStatus, passed.systemL3IntfStatus);
-   checkCtorParam("_localL3IntfStatus", current.localL3IntfStatus, passed.localL3IntfStatus);
-   checkCtorParam("_routingInfoConfig", current.routingInfoConfig, passed.routingInfoConfig);
-   checkCtorParam("_routingHardwareStatus", current.routingHardwareStatus,
-                  passed.routingHardwareStatus);
-   checkCtorParam("_kernelProtoConfig", current.kernelProtoConfig, passed.kernelProtoConfig);
-   checkCtorParam("_allVrfStatusGlobal", current.allVrfStatusGlobal, passed.allVrfStatusGlobal);
-   checkCtorParam("_allVrfStatusLocal", current.allVrfStatusLocal, passed.allVrfStatusLocal);
-   checkCtorParam("_allIntfStatusDir", current.allIntfStatusDir, passed.allIntfStatusDir);
-   checkCtorParam("_allIntfStatusLocalDir", current.allIntfStatusLocalDir,
-                  passed.allIntfStatusLocalDir);
-   checkCtorParam("_ip6Config", current.ip6Config, passed.ip6Config);
-   checkCtorParam("_ip6Status", current.ip6Status, passed.ip6Status);
-   checkCtorParam("_routing6InfoConfig", current.routing6InfoConfig, passed.routing6InfoConfig);
-   checkCtorParam("_systemIntfIp6Status", current.systemIntfIp6Status, passed.systemIntfIp6Status);
-   checkCtorParam("_localIntfIp6Status", current.localIntfIp6Status, passed.localIntfIp6Status);
-   checkCtorParam("_ip6MulticastGroupsVeld", current.ip6MulticastGroupsVeld,
-                  passed.ip6MulticastGroupsVeld);
-   checkCtorParam("_updateIpIntfStatusVrfReq", current.updateIpIntfStatusVrfReq,
-                  passed.updateIpIntfStatusVrfReq);
-   checkCtorParam("_updateIp6IntfStatusVrfReq", current.updateIp6IntfStatusVrfReq,
-                  passed.updateIp6IntfStatusVrfReq);
-   checkCtorParam("_updateIpIntfStatusReq", current.updateIpIntfStatusReq,
-                  passed.updateIpIntfStatusReq);
-   checkCtorParam("_updateIp6IntfStatusReq", current.updateIp6IntfStatusReq,
-                  passed.updateIp6IntfStatusReq);
-   checkCtorParam("_warpState", current.warpState, passed.warpState);
-   checkCtorParam("_entityMgr", current.entityMgr, passed.entityMgr);
-   checkCtorParam("_timerWheel", current.timerWheel, passed.timerWheel);
-   checkCtorParam("_urpfOnAllIntfStat", current.urpfOnAllIntfStat, passed.urpfOnAllIntfStat);
-   checkCtorParam("_urpfOnAllIntfStat6", current.urpfOnAllIntfStat6, passed.urpfOnAllIntfStat6);
-   checkCtorParam("_ip6EnableOverride", current.ip6EnableOverride, passed.ip6EnableOverride);
-   checkCtorParam("_intfStatusManagerRoot", current.intfStatusManagerRoot,
-                  passed.intfStatusManagerRoot);
-   checkCtorParam("_proxyArpVirtualMac", current.proxyArpVirtualMac, passed.proxyArpVirtualMac);
-}
-
 // Pushed into the VRF's interface machines, which skip status writes in standby.
 void VrfRoot::standbyModeIs(bool standbyMode) {
    MOX_TRACE_FN(th, " Vrf: " << vrfName_ << " standbyMode " << standbyMode);
@@ -85,7 +41,7 @@ void VrfRoot::standbyModeIs(bool standbyMode) {
 
 Mox::Ptr<IpIntfSm> VrfRoot::ipIntfSmIs(IpIntfSm::Inputs const& inputs, bool standbyMode) {
    MOX_TRACE_FN(th, " Vrf: " << vrfName_ << " standbyMode " << standbyMode);
-   return ipIntfSmOf(ipIntfSm_, inputs, standbyMode);
+   return machineOf(ipIntfSm_, inputs, standbyMode);
 }
 
 void VrfRoot::ipIntfSmDel() { releaseMachine(ipIntfSm_); }
@@ -204,30 +160,29 @@ void VrfRoot::handleInitialized() {
        in.entityMgr->entity<Interface::LoopbackIntfConfigDir>("interface/config/loopback/intf");
    if (loopbackConfigDir) cleanupLoopbackIntfSmIs(kniStatus_, loopbackConfigDir, ns_);
 
-   IpIntfSm::Inputs ip;
-   ip.ipConfig = in.ipConfig;
-   ip.vrfIpIntfConfig = in.vrfIpIntfConfig;
-   ip.addrMap = addrMap_;
-   ip.kernelIntfDir = kernelIntfDir_;
-   ip.kernelProtoConfig = in.kernelProtoConfig;
-   ip.routingInfoConfig = in.routingInfoConfig;
-   ip.systemIntfIpStatus = in.systemIntfIpStatus;
-   ip.localIntfIpStatus = in.localIntfIpStatus;
-   ip.systemL3IntfStatus = in.systemL3IntfStatus;
-   ip.localL3IntfStatus = in.localL3IntfStatus;
-   ip.ip6Status = in.ip6Status;
-   ip.allVrfStatusLocal = in.allVrfStatusLocal;
-   ip.netlinkSocket = netlinkSocket_;
-   ip.allIntfStatusDir = in.allIntfStatusDir;
-   ip.kniIntfStatusManager = kniIntfStatusManager_;
-   ip.vrfName = vrfName_;
-   ip.routingHardwareStatus = in.routingHardwareStatus;
-   ip.warpState = in.warpState;
-   ip.timerWheel = in.timerWheel;
-   ip.updateIpIntfStatusVrfReq = in.updateIpIntfStatusVrfReq;
-   ip.updateIpIntfStatusReq = in.updateIpIntfStatusReq;
-   ip.urpfOnAllIntfStat = in.urpfOnAllIntfStat;
-   ip.proxyArpVirtualMac = in.proxyArpVirtualMac;
+   IpIntfSm::Inputs ip{.ipConfig = in.ipConfig,
+                       .vrfIpIntfConfig = in.vrfIpIntfConfig,
+                       .addrMap = addrMap_,
+                       .kernelIntfDir = kernelIntfDir_,
+                       .kernelProtoConfig = in.kernelProtoConfig,
+                       .routingInfoConfig = in.routingInfoConfig,
+                       .systemIntfIpStatus = in.systemIntfIpStatus,
+                       .localIntfIpStatus = in.localIntfIpStatus,
+                       .systemL3IntfStatus = in.systemL3IntfStatus,
+                       .localL3IntfStatus = in.localL3IntfStatus,
+                       .ip6Status = in.ip6Status,
+                       .allVrfStatusLocal = in.allVrfStatusLocal,
+                       .netlinkSocket = netlinkSocket_,
+                       .allIntfStatusDir = in.allIntfStatusDir,
+                       .kniIntfStatusManager = kniIntfStatusManager_,
+                       .vrfName = vrfName_,
+                       .routingHardwareStatus = in.routingHardwareStatus,
+                       .warpState = in.warpState,
+                       .timerWheel = in.timerWheel,
+                       .updateIpIntfStatusVrfReq = in.updateIpIntfStatusVrfReq,
+                       .updateIpIntfStatusReq = in.updateIpIntfStatusReq,
+                       .urpfOnAllIntfStat = in.urpfOnAllIntfStat,
+                       .proxyArpVirtualMac = in.proxyArpVirtualMac};
    if (in.timerWheel) ipIntfSmIs(ip, standbyMode_);
    // The IPv6 machine (ip6IntfSmIs) joins it here.
 

@@ -18,6 +18,7 @@
 #include "konet/VrfName.h"
 #include "linux/Fd.h"
 #include "mox/Bolt.h"
+#include "mox/Inputs.h"
 #include "mox/Larder.h"
 #include "mox/StateMachine.h"
 #include "mox/Tessera.h"
@@ -44,39 +45,41 @@ class VrfRoot : public Mox::StateMachine {
 public:
    // The constructor parameters. The VRF's own are vrfIpIntfConfig, vrfIp6IntfConfig,
    // routingInfoConfig and routing6InfoConfig; the others are the same for every VRF.
+#define VELD_VRF_ROOT_INPUTS(X)                                              \
+   X(Mox::Ptr<Ip::Config>, ipConfig)                                         \
+   X(Mox::Ptr<VrfIpIntfConfig const>, vrfIpIntfConfig)                       \
+   X(Mox::Ptr<VrfIp6IntfConfig const>, vrfIp6IntfConfig)                     \
+   X(Mox::Ptr<Ip::Input::Status>, systemIntfIpStatus)                        \
+   X(Mox::Ptr<Ip::Input::Status>, localIntfIpStatus)                         \
+   X(Mox::Ptr<L3::Intf::Input::StatusDir>, systemL3IntfStatus)               \
+   X(Mox::Ptr<L3::Intf::Input::StatusDir>, localL3IntfStatus)                \
+   X(Mox::Ptr<Routing::InfoConfig const>, routingInfoConfig)                 \
+   X(Mox::Ptr<Routing::Hardware::Status const>, routingHardwareStatus)       \
+   X(Mox::Ptr<Routing::KernelProtoConfig const>, kernelProtoConfig)          \
+   X(Mox::Ptr<Ip::AllVrfStatusGlobal>, allVrfStatusGlobal)                   \
+   X(Mox::Ptr<Ip::AllVrfStatusLocal const>, allVrfStatusLocal)               \
+   X(Mox::Ptr<Interface::AllIntfStatusDir>, allIntfStatusDir)                \
+   X(Mox::Ptr<Interface::AllIntfStatusLocalDir>, allIntfStatusLocalDir)      \
+   X(Mox::Ptr<Ip6::Config>, ip6Config)                                       \
+   X(Mox::Ptr<Ip6::Status>, ip6Status)                                       \
+   X(Mox::Ptr<Routing6::InfoConfig const>, routing6InfoConfig)               \
+   X(Mox::Ptr<Ip6::Input::Status>, systemIntfIp6Status)                      \
+   X(Mox::Ptr<Ip6::Input::Status>, localIntfIp6Status)                       \
+   X(Mox::Ptr<Ip6::MulticastGroupsForApplications>, ip6MulticastGroupsVeld)  \
+   X(Mox::Ptr<L3::UpdateIpIntfStatusVrfRequests>, updateIpIntfStatusVrfReq)  \
+   X(Mox::Ptr<L3::UpdateIpIntfStatusVrfRequests>, updateIp6IntfStatusVrfReq) \
+   X(Mox::Ptr<L3::UpdateIpIntfStatusRequests>, updateIpIntfStatusReq)        \
+   X(Mox::Ptr<L3::UpdateIpIntfStatusRequests>, updateIp6IntfStatusReq)       \
+   X(Mox::Ptr<WarpState>, warpState)                                         \
+   X(Mox::Ptr<Larder::EntityManager>, entityMgr)                             \
+   X(Mox::Ptr<Bolt::TimerWheel const>, timerWheel)                           \
+   X(Mox::Ptr<Urpf::UrpfOnAllIntfStat>, urpfOnAllIntfStat)                   \
+   X(Mox::Ptr<Urpf::UrpfOnAllIntfStat>, urpfOnAllIntfStat6)                  \
+   X(Mox::Ptr<Ip6::Ip6Enable const>, ip6EnableOverride)                      \
+   X(Mox::Ptr<Interface::NetNsIntfStatusManagerRoot>, intfStatusManagerRoot) \
+   X(Mox::Ptr<ProxyArp::VirtualMacStatus const>, proxyArpVirtualMac)
    struct Inputs {
-      Mox::Ptr<Ip::Config> ipConfig;
-      Mox::Ptr<VrfIpIntfConfig const> vrfIpIntfConfig;
-      Mox::Ptr<VrfIp6IntfConfig const> vrfIp6IntfConfig;
-      Mox::Ptr<Ip::Input::Status> systemIntfIpStatus;
-      Mox::Ptr<Ip::Input::Status> localIntfIpStatus;
-      Mox::Ptr<L3::Intf::Input::StatusDir> systemL3IntfStatus;
-      Mox::Ptr<L3::Intf::Input::StatusDir> localL3IntfStatus;
-      Mox::Ptr<Routing::InfoConfig const> routingInfoConfig;
-      Mox::Ptr<Routing::Hardware::Status const> routingHardwareStatus;
-      Mox::Ptr<Routing::KernelProtoConfig const> kernelProtoConfig;
-      Mox::Ptr<Ip::AllVrfStatusGlobal> allVrfStatusGlobal;
-      Mox::Ptr<Ip::AllVrfStatusLocal const> allVrfStatusLocal;
-      Mox::Ptr<Interface::AllIntfStatusDir> allIntfStatusDir;
-      Mox::Ptr<Interface::AllIntfStatusLocalDir> allIntfStatusLocalDir;
-      Mox::Ptr<Ip6::Config> ip6Config;
-      Mox::Ptr<Ip6::Status> ip6Status;
-      Mox::Ptr<Routing6::InfoConfig const> routing6InfoConfig;
-      Mox::Ptr<Ip6::Input::Status> systemIntfIp6Status;
-      Mox::Ptr<Ip6::Input::Status> localIntfIp6Status;
-      Mox::Ptr<Ip6::MulticastGroupsForApplications> ip6MulticastGroupsVeld;
-      Mox::Ptr<L3::UpdateIpIntfStatusVrfRequests> updateIpIntfStatusVrfReq;
-      Mox::Ptr<L3::UpdateIpIntfStatusVrfRequests> updateIp6IntfStatusVrfReq;
-      Mox::Ptr<L3::UpdateIpIntfStatusRequests> updateIpIntfStatusReq;
-      Mox::Ptr<L3::UpdateIpIntfStatusRequests> updateIp6IntfStatusReq;
-      Mox::Ptr<WarpState> warpState;
-      Mox::Ptr<Larder::EntityManager> entityMgr;
-      Mox::Ptr<Bolt::TimerWheel const> timerWheel;
-      Mox::Ptr<Urpf::UrpfOnAllIntfStat> urpfOnAllIntfStat;
-      Mox::Ptr<Urpf::UrpfOnAllIntfStat> urpfOnAllIntfStat6;
-      Mox::Ptr<Ip6::Ip6Enable const> ip6EnableOverride;
-      Mox::Ptr<Interface::NetNsIntfStatusManagerRoot> intfStatusManagerRoot;
-      Mox::Ptr<ProxyArp::VirtualMacStatus const> proxyArpVirtualMac;
+      MOX_INPUTS(VELD_VRF_ROOT_INPUTS)
    };
 
    VrfRoot(L3::VrfName vrfName, Inputs inputs, bool standbyMode);
@@ -84,8 +87,6 @@ public:
 
    L3::VrfName const& vrfName() const { return vrfName_; }
    Inputs const& inputs() const { return inputs_; }
-   // The create-or-update rule: an existing root is kept only for the same parameters.
-   static void checkCtorParams(Inputs const& current, Inputs const& passed);
 
    bool standbyMode() const { return standbyMode_; }
    void standbyModeIs(bool standbyMode);

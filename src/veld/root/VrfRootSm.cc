@@ -47,95 +47,60 @@ public:
    }
 };
 
-Mox::Ptr<VrfRootSm> VrfRootSm::VrfRootSmIs(
-    Mox::Ptr<Routing::VrfInfoConfigDir const> const& routingVrfInfoConfigDir,
-    Mox::Ptr<Routing::Hardware::Status const> const& routingHardwareStatus,
-    Mox::Ptr<Routing::KernelProtoConfig const> const& kernelProtoConfig,
-    Mox::Ptr<Ip::AllVrfStatusGlobal> const& allVrfStatusGlobal,
-    Mox::Ptr<Ip::AllVrfStatusLocal const> const& allVrfStatusLocal,
-    Mox::Ptr<Ip::Config> const& ipConfig, Mox::Ptr<Ip::Input::Status> const& systemIntfIpStatus,
-    Mox::Ptr<Ip::Input::Status> const& localIntfIpStatus,
-    Mox::Ptr<L3::Intf::Input::StatusDir> const& systemL3IntfStatus,
-    Mox::Ptr<L3::Intf::Input::StatusDir> const& localL3IntfStatus,
-    Mox::Ptr<Interface::AllIntfStatusDir> const& allIntfStatusDir,
-    Mox::Ptr<Interface::AllIntfStatusLocalDir> const& allIntfStatusLocalDir, bool standbyMode,
-    Mox::Ptr<Ip6::Config> const& ip6Config, Mox::Ptr<Ip6::Status> const& ip6Status,
-    Mox::Ptr<Routing6::InfoConfig const> const& routing6InfoConfig,
-    Mox::Ptr<Routing6::VrfInfoConfigDir const> const& routing6VrfInfoConfigDir,
-    Mox::Ptr<Ip6::Input::Status> const& systemIntfIp6Status,
-    Mox::Ptr<Ip6::Input::Status> const& localIntfIp6Status,
-    Mox::Ptr<Ip6::MulticastGroupsForApplications> const& ip6MulticastGroupsVeld,
-    Mox::Ptr<L3::UpdateIpIntfStatusVrfRequests> const& updateIpIntfStatusVrfReq,
-    Mox::Ptr<L3::UpdateIpIntfStatusVrfRequests> const& updateIp6IntfStatusVrfReq,
-    Mox::Ptr<L3::UpdateIpIntfStatusRequests> const& updateIpIntfStatusReq,
-    Mox::Ptr<L3::UpdateIpIntfStatusRequests> const& updateIp6IntfStatusReq,
-    Mox::Ptr<WarpState> const& warpState, Mox::Ptr<Larder::EntityManager> const& entityMgr,
-    Mox::Ptr<Bolt::TimerWheel const> const& timerWheel,
-    Mox::Ptr<VrfIpIntfConfigDir> const& vrfIpIntfConfigDir,
-    Mox::Ptr<VrfIp6IntfConfigDir> const& vrfIp6IntfConfigDir,
-    Mox::Ptr<Urpf::UrpfOnAllIntfStat> const& urpfOnAllIntfStat,
-    Mox::Ptr<Urpf::UrpfOnAllIntfStat> const& urpfOnAllIntfStat6,
-    Mox::Ptr<Ip6::Ip6Enable const> const& ip6EnableOverride,
-    Mox::Ptr<Interface::NetNsIntfStatusManagerRoot> const& intfStatusManagerRoot,
-    Mox::Ptr<ProxyArp::VirtualMacStatus const> const& proxyArpVirtualMac) {
-   VrfRoot::Inputs common;
-   common.ipConfig = ipConfig;
-   common.systemIntfIpStatus = systemIntfIpStatus;
-   common.localIntfIpStatus = localIntfIpStatus;
-   common.systemL3IntfStatus = systemL3IntfStatus;
-   common.localL3IntfStatus = localL3IntfStatus;
-   common.routingHardwareStatus = routingHardwareStatus;
-   common.kernelProtoConfig = kernelProtoConfig;
-   common.allVrfStatusGlobal = allVrfStatusGlobal;
-   common.allVrfStatusLocal = allVrfStatusLocal;
-   common.allIntfStatusDir = allIntfStatusDir;
-   common.allIntfStatusLocalDir = allIntfStatusLocalDir;
-   common.ip6Config = ip6Config;
-   common.ip6Status = ip6Status;
-   common.systemIntfIp6Status = systemIntfIp6Status;
-   common.localIntfIp6Status = localIntfIp6Status;
-   common.ip6MulticastGroupsVeld = ip6MulticastGroupsVeld;
-   common.updateIpIntfStatusVrfReq = updateIpIntfStatusVrfReq;
-   common.updateIp6IntfStatusVrfReq = updateIp6IntfStatusVrfReq;
-   common.updateIpIntfStatusReq = updateIpIntfStatusReq;
-   common.updateIp6IntfStatusReq = updateIp6IntfStatusReq;
-   common.warpState = warpState;
-   common.entityMgr = entityMgr;
-   common.timerWheel = timerWheel;
-   common.urpfOnAllIntfStat = urpfOnAllIntfStat;
-   common.urpfOnAllIntfStat6 = urpfOnAllIntfStat6;
-   common.ip6EnableOverride = ip6EnableOverride;
-   common.intfStatusManagerRoot = intfStatusManagerRoot;
-   common.proxyArpVirtualMac = proxyArpVirtualMac;
-   auto sm = Mox::make<VrfRootSm>(routingVrfInfoConfigDir, routing6VrfInfoConfigDir,
-                                  routing6InfoConfig, vrfIpIntfConfigDir, vrfIp6IntfConfigDir,
-                                  std::move(common), standbyMode);
+Mox::Ptr<VrfRootSm> VrfRootSm::VrfRootSmIs(Inputs const& inputs, bool standbyMode) {
+   auto sm = Mox::make<VrfRootSm>(inputs, standbyMode);
    sm->hasNotificationActiveIs(true);
    return sm;
 }
 
-VrfRootSm::VrfRootSm(Mox::Ptr<Routing::VrfInfoConfigDir const> routingVrfInfoConfigDir,
-                     Mox::Ptr<Routing6::VrfInfoConfigDir const> routing6VrfInfoConfigDir,
-                     Mox::Ptr<Routing6::InfoConfig const> routing6InfoConfig,
-                     Mox::Ptr<VrfIpIntfConfigDir> vrfIpIntfConfigDir,
-                     Mox::Ptr<VrfIp6IntfConfigDir> vrfIp6IntfConfigDir, VrfRoot::Inputs common,
-                     bool standbyMode)
-    : routingVrfInfoConfigDir_(std::move(routingVrfInfoConfigDir)),
-      routing6VrfInfoConfigDir_(std::move(routing6VrfInfoConfigDir)),
-      routing6InfoConfig_(std::move(routing6InfoConfig)),
-      vrfIpIntfConfigDir_(std::move(vrfIpIntfConfigDir)),
-      vrfIp6IntfConfigDir_(std::move(vrfIp6IntfConfigDir)),
-      common_(std::move(common)),
-      standbyMode_(standbyMode) {
+namespace {
+
+// What every VRF root gets from the machine's inputs; the VRF's own inputs (its views and
+// routing configuration) are filled in for each.
+VrfRoot::Inputs commonRootInputs(VrfRootSm::Inputs const& in) {
+   return VrfRoot::Inputs{.ipConfig = in.ipConfig,
+                          .systemIntfIpStatus = in.systemIntfIpStatus,
+                          .localIntfIpStatus = in.localIntfIpStatus,
+                          .systemL3IntfStatus = in.systemL3IntfStatus,
+                          .localL3IntfStatus = in.localL3IntfStatus,
+                          .routingHardwareStatus = in.routingHardwareStatus,
+                          .kernelProtoConfig = in.kernelProtoConfig,
+                          .allVrfStatusGlobal = in.allVrfStatusGlobal,
+                          .allVrfStatusLocal = in.allVrfStatusLocal,
+                          .allIntfStatusDir = in.allIntfStatusDir,
+                          .allIntfStatusLocalDir = in.allIntfStatusLocalDir,
+                          .ip6Config = in.ip6Config,
+                          .ip6Status = in.ip6Status,
+                          .systemIntfIp6Status = in.systemIntfIp6Status,
+                          .localIntfIp6Status = in.localIntfIp6Status,
+                          .ip6MulticastGroupsVeld = in.ip6MulticastGroupsVeld,
+                          .updateIpIntfStatusVrfReq = in.updateIpIntfStatusVrfReq,
+                          .updateIp6IntfStatusVrfReq = in.updateIp6IntfStatusVrfReq,
+                          .updateIpIntfStatusReq = in.updateIpIntfStatusReq,
+                          .updateIp6IntfStatusReq = in.updateIp6IntfStatusReq,
+                          .warpState = in.warpState,
+                          .entityMgr = in.entityMgr,
+                          .timerWheel = in.timerWheel,
+                          .urpfOnAllIntfStat = in.urpfOnAllIntfStat,
+                          .urpfOnAllIntfStat6 = in.urpfOnAllIntfStat6,
+                          .ip6EnableOverride = in.ip6EnableOverride,
+                          .intfStatusManagerRoot = in.intfStatusManagerRoot,
+                          .proxyArpVirtualMac = in.proxyArpVirtualMac};
+}
+
+}  // namespace
+
+VrfRootSm::VrfRootSm(Inputs inputs, bool standbyMode)
+    : in_(std::move(inputs)), common_(commonRootInputs(in_)), standbyMode_(standbyMode) {
    MOX_TRACE_FN(th, " standbyMode " << standbyMode_);
    moxRoutingVrfInfoConfigDir_ = Mox::make<MoxRoutingVrfInfoConfigDir>(this);
-   moxRoutingVrfInfoConfigDir_->notifierIs(routingVrfInfoConfigDir_);
+   moxRoutingVrfInfoConfigDir_->notifierIs(in_.routingVrfInfoConfigDir);
    moxRouting6VrfInfoConfigDir_ = Mox::make<MoxRouting6VrfInfoConfigDir>(this);
-   moxRouting6VrfInfoConfigDir_->notifierIs(routing6VrfInfoConfigDir_);
+   moxRouting6VrfInfoConfigDir_->notifierIs(in_.routing6VrfInfoConfigDir);
    moxRouting6InfoConfig_ = Mox::make<MoxRouting6InfoConfig>(this);
-   moxRouting6InfoConfig_->notifierIs(routing6InfoConfig_);
+   moxRouting6InfoConfig_->notifierIs(in_.routing6InfoConfig);
    moxAllVrfStatusLocal_ = Mox::make<MoxAllVrfStatusLocal>(this);
-   moxAllVrfStatusLocal_->notifierIs(common_.allVrfStatusLocal);
+   moxAllVrfStatusLocal_->notifierIs(in_.allVrfStatusLocal);
    handleInitialized();
 }
 
@@ -159,7 +124,7 @@ Mox::Ptr<VrfRoot> VrfRootSm::vrfRootIs(L3::VrfName const& vrfName, VrfRoot::Inpu
                                        bool standbyMode) {
    MOX_TRACE_FN(th, vrfName);
    if (auto root = vrfRoot(vrfName)) {
-      VrfRoot::checkCtorParams(root->inputs(), inputs);
+      VrfRoot::Inputs::checkCtorParams(root->inputs(), inputs);
       root->standbyModeIs(standbyMode);
       return root;
    }
@@ -225,11 +190,11 @@ void VrfRootSm::handleInitialized() {
    if (initialized()) return;
    initializedSet(true);
    handleIp6Routing();
-   for (auto const& vrfName : routingVrfInfoConfigDir_->vrfConfigIterator().keys())
+   for (auto const& vrfName : in_.routingVrfInfoConfigDir->vrfConfigIterator().keys())
       handleRoutingVrfConfig(vrfName);
-   for (auto const& vrfName : routing6VrfInfoConfigDir_->vrfConfigIterator().keys())
+   for (auto const& vrfName : in_.routing6VrfInfoConfigDir->vrfConfigIterator().keys())
       handleRouting6VrfConfig(vrfName);
-   for (auto const& vrfName : common_.allVrfStatusLocal->vrfIterator().keys())
+   for (auto const& vrfName : in_.allVrfStatusLocal->vrfIterator().keys())
       handleVrfStatusLocal(vrfName);
 }
 
@@ -257,7 +222,7 @@ void VrfRootSm::handleRouting6VrfConfig() {
 // A VRF's local status entry appeared (watch it) or went (its root and IPv4 view go).
 void VrfRootSm::handleVrfStatusLocal(L3::VrfName const& vrfName) {
    MOX_TRACE_FN(th, vrfName);
-   if (auto status = common_.allVrfStatusLocal->vrf(vrfName)) {
+   if (auto status = in_.allVrfStatusLocal->vrf(vrfName)) {
       vrfStatusLocalIs(status);
    } else if (auto reactor = vrfStatusLocal(vrfName)) {
       reactor->handleDel();
@@ -276,20 +241,20 @@ void VrfRootSm::maybeMakeOrDeleteVrfRoot(L3::VrfName const& vrfName) {
 void VrfRootSm::doCreateVrfRoot(L3::VrfName const& vrfName) {
    MOX_TRACE_FN(th, vrfName);
    if (vrfName.isDefault()) return;
-   auto status = common_.allVrfStatusLocal->vrf(vrfName);
+   auto status = in_.allVrfStatusLocal->vrf(vrfName);
    if (!status || status->state() != Ip::VrfState::active) {
       MOX_TRACE(th, 7, " not ready for vrf " << vrfName);
       return;
    }
-   auto routing = routingVrfInfoConfigDir_->vrfConfig(vrfName);
-   auto routing6 = routing6VrfInfoConfigDir_->vrfConfig(vrfName);
+   auto routing = in_.routingVrfInfoConfigDir->vrfConfig(vrfName);
+   auto routing6 = in_.routing6VrfInfoConfigDir->vrfConfig(vrfName);
    if (!routing || !routing6) {
       MOX_TRACE(th, 7, " no routing[6]InfoConfig " << vrfName);
       return;
    }
    VrfRoot::Inputs inputs = common_;
-   inputs.vrfIpIntfConfig = vrfIpIntfConfigDir_->vrfIpIntfConfigIs(vrfName);
-   inputs.vrfIp6IntfConfig = vrfIp6IntfConfigDir_->vrfIpIntfConfigIs(vrfName);
+   inputs.vrfIpIntfConfig = in_.vrfIpIntfConfigDir->vrfIpIntfConfigIs(vrfName);
+   inputs.vrfIp6IntfConfig = in_.vrfIp6IntfConfigDir->vrfIpIntfConfigIs(vrfName);
    inputs.routingInfoConfig = routing;
    inputs.routing6InfoConfig = routing6;
    vrfRootIs(vrfName, inputs, standbyMode_);
@@ -304,8 +269,8 @@ void VrfRootSm::handleStandbyMode() {
 // The default namespace's IPv6 forwarding follows the default VRF's IPv6 routing.
 void VrfRootSm::handleIp6Routing() {
    MOX_TRACE_FN0(th);
-   if (!routing6InfoConfig_) return;
-   char const* value = routing6InfoConfig_->routing() ? "1" : "0";
+   if (!in_.routing6InfoConfig) return;
+   char const* value = in_.routing6InfoConfig->routing() ? "1" : "0";
    MOX_TRACE(th, 7,
              "ns = " << Konet::NamespaceName::defaultNamespace() << ", forwarding = " << value);
    Konet::writeProcSys(kIp6Forwarding, value);
@@ -330,7 +295,7 @@ void VrfRootSm::MoxVrfStatusLocal::handleStatusLocalState() {
 
 void VrfRootSm::MoxVrfStatusLocal::handleDel() {
    MOX_TRACE_FN(th, vrfName_);
-   owner()->vrfIpIntfConfigDir()->vrfIpIntfConfigDel(vrfName_);
+   owner()->inputs().vrfIpIntfConfigDir->vrfIpIntfConfigDel(vrfName_);
    owner()->vrfRootDel(vrfName_);
 }
 

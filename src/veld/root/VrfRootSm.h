@@ -14,6 +14,7 @@
 
 #include "konet/VrfName.h"
 #include "mox/HashMap.h"
+#include "mox/Inputs.h"
 #include "mox/StateMachine.h"
 #include "platform/Ip.h"
 #include "platform/Routing.h"
@@ -27,59 +28,54 @@ class VrfRootSm : public Mox::StateMachine {
 public:
    class MoxVrfStatusLocal;
 
-   // The agent's factory: the inputs in the agent's order.
-   static Mox::Ptr<VrfRootSm> VrfRootSmIs(
-       Mox::Ptr<Routing::VrfInfoConfigDir const> const& routingVrfInfoConfigDir,
-       Mox::Ptr<Routing::Hardware::Status const> const& routingHardwareStatus,
-       Mox::Ptr<Routing::KernelProtoConfig const> const& kernelProtoConfig,
-       Mox::Ptr<Ip::AllVrfStatusGlobal> const& allVrfStatusGlobal,
-       Mox::Ptr<Ip::AllVrfStatusLocal const> const& allVrfStatusLocal,
-       Mox::Ptr<Ip::Config> const& ipConfig, Mox::Ptr<Ip::Input::Status> const& systemIntfIpStatus,
-       Mox::Ptr<Ip::Input::Status> const& localIntfIpStatus,
-       Mox::Ptr<L3::Intf::Input::StatusDir> const& systemL3IntfStatus,
-       Mox::Ptr<L3::Intf::Input::StatusDir> const& localL3IntfStatus,
-       Mox::Ptr<Interface::AllIntfStatusDir> const& allIntfStatusDir,
-       Mox::Ptr<Interface::AllIntfStatusLocalDir> const& allIntfStatusLocalDir, bool standbyMode,
-       Mox::Ptr<Ip6::Config> const& ip6Config, Mox::Ptr<Ip6::Status> const& ip6Status,
-       Mox::Ptr<Routing6::InfoConfig const> const& routing6InfoConfig,
-       Mox::Ptr<Routing6::VrfInfoConfigDir const> const& routing6VrfInfoConfigDir,
-       Mox::Ptr<Ip6::Input::Status> const& systemIntfIp6Status,
-       Mox::Ptr<Ip6::Input::Status> const& localIntfIp6Status,
-       Mox::Ptr<Ip6::MulticastGroupsForApplications> const& ip6MulticastGroupsVeld,
-       Mox::Ptr<L3::UpdateIpIntfStatusVrfRequests> const& updateIpIntfStatusVrfReq,
-       Mox::Ptr<L3::UpdateIpIntfStatusVrfRequests> const& updateIp6IntfStatusVrfReq,
-       Mox::Ptr<L3::UpdateIpIntfStatusRequests> const& updateIpIntfStatusReq,
-       Mox::Ptr<L3::UpdateIpIntfStatusRequests> const& updateIp6IntfStatusReq,
-       Mox::Ptr<WarpState> const& warpState, Mox::Ptr<Larder::EntityManager> const& entityMgr,
-       Mox::Ptr<Bolt::TimerWheel const> const& timerWheel,
-       Mox::Ptr<VrfIpIntfConfigDir> const& vrfIpIntfConfigDir,
-       Mox::Ptr<VrfIp6IntfConfigDir> const& vrfIp6IntfConfigDir,
-       Mox::Ptr<Urpf::UrpfOnAllIntfStat> const& urpfOnAllIntfStat,
-       Mox::Ptr<Urpf::UrpfOnAllIntfStat> const& urpfOnAllIntfStat6,
-       Mox::Ptr<Ip6::Ip6Enable const> const& ip6EnableOverride,
-       Mox::Ptr<Interface::NetNsIntfStatusManagerRoot> const& intfStatusManagerRoot,
-       Mox::Ptr<ProxyArp::VirtualMacStatus const> const& proxyArpVirtualMac);
+   // The constructor's inputs, in the agent's order. The standby flag, which that order puts
+   // after allIntfStatusLocalDir, is given apart: it changes.
+#define VELD_VRF_ROOT_SM_INPUTS(X)                                           \
+   X(Mox::Ptr<Routing::VrfInfoConfigDir const>, routingVrfInfoConfigDir)     \
+   X(Mox::Ptr<Routing::Hardware::Status const>, routingHardwareStatus)       \
+   X(Mox::Ptr<Routing::KernelProtoConfig const>, kernelProtoConfig)          \
+   X(Mox::Ptr<Ip::AllVrfStatusGlobal>, allVrfStatusGlobal)                   \
+   X(Mox::Ptr<Ip::AllVrfStatusLocal const>, allVrfStatusLocal)               \
+   X(Mox::Ptr<Ip::Config>, ipConfig)                                         \
+   X(Mox::Ptr<Ip::Input::Status>, systemIntfIpStatus)                        \
+   X(Mox::Ptr<Ip::Input::Status>, localIntfIpStatus)                         \
+   X(Mox::Ptr<L3::Intf::Input::StatusDir>, systemL3IntfStatus)               \
+   X(Mox::Ptr<L3::Intf::Input::StatusDir>, localL3IntfStatus)                \
+   X(Mox::Ptr<Interface::AllIntfStatusDir>, allIntfStatusDir)                \
+   X(Mox::Ptr<Interface::AllIntfStatusLocalDir>, allIntfStatusLocalDir)      \
+   X(Mox::Ptr<Ip6::Config>, ip6Config)                                       \
+   X(Mox::Ptr<Ip6::Status>, ip6Status)                                       \
+   X(Mox::Ptr<Routing6::InfoConfig const>, routing6InfoConfig)               \
+   X(Mox::Ptr<Routing6::VrfInfoConfigDir const>, routing6VrfInfoConfigDir)   \
+   X(Mox::Ptr<Ip6::Input::Status>, systemIntfIp6Status)                      \
+   X(Mox::Ptr<Ip6::Input::Status>, localIntfIp6Status)                       \
+   X(Mox::Ptr<Ip6::MulticastGroupsForApplications>, ip6MulticastGroupsVeld)  \
+   X(Mox::Ptr<L3::UpdateIpIntfStatusVrfRequests>, updateIpIntfStatusVrfReq)  \
+   X(Mox::Ptr<L3::UpdateIpIntfStatusVrfRequests>, updateIp6IntfStatusVrfReq) \
+   X(Mox::Ptr<L3::UpdateIpIntfStatusRequests>, updateIpIntfStatusReq)        \
+   X(Mox::Ptr<L3::UpdateIpIntfStatusRequests>, updateIp6IntfStatusReq)       \
+   X(Mox::Ptr<WarpState>, warpState)                                         \
+   X(Mox::Ptr<Larder::EntityManager>, entityMgr)                             \
+   X(Mox::Ptr<Bolt::TimerWheel const>, timerWheel)                           \
+   X(Mox::Ptr<VrfIpIntfConfigDir>, vrfIpIntfConfigDir)                       \
+   X(Mox::Ptr<VrfIp6IntfConfigDir>, vrfIp6IntfConfigDir)                     \
+   X(Mox::Ptr<Urpf::UrpfOnAllIntfStat>, urpfOnAllIntfStat)                   \
+   X(Mox::Ptr<Urpf::UrpfOnAllIntfStat>, urpfOnAllIntfStat6)                  \
+   X(Mox::Ptr<Ip6::Ip6Enable const>, ip6EnableOverride)                      \
+   X(Mox::Ptr<Interface::NetNsIntfStatusManagerRoot>, intfStatusManagerRoot) \
+   X(Mox::Ptr<ProxyArp::VirtualMacStatus const>, proxyArpVirtualMac)
+   struct Inputs {
+      MOX_INPUTS(VELD_VRF_ROOT_SM_INPUTS)
+   };
 
-   // `common` holds the inputs every VRF root gets; its per-VRF members are filled for each.
-   VrfRootSm(Mox::Ptr<Routing::VrfInfoConfigDir const> routingVrfInfoConfigDir,
-             Mox::Ptr<Routing6::VrfInfoConfigDir const> routing6VrfInfoConfigDir,
-             Mox::Ptr<Routing6::InfoConfig const> routing6InfoConfig,
-             Mox::Ptr<VrfIpIntfConfigDir> vrfIpIntfConfigDir,
-             Mox::Ptr<VrfIp6IntfConfigDir> vrfIp6IntfConfigDir, VrfRoot::Inputs common,
-             bool standbyMode);
+   // The agent's factory: a machine delivering from the start.
+   static Mox::Ptr<VrfRootSm> VrfRootSmIs(Inputs const& inputs, bool standbyMode);
+
+   VrfRootSm(Inputs inputs, bool standbyMode);
    ~VrfRootSm() override;
 
-   Mox::Ptr<Routing::VrfInfoConfigDir const> const& routingVrfInfoConfigDir() const {
-      return routingVrfInfoConfigDir_;
-   }
-   Mox::Ptr<Routing6::VrfInfoConfigDir const> const& routing6VrfInfoConfigDir() const {
-      return routing6VrfInfoConfigDir_;
-   }
-   Mox::Ptr<Routing6::InfoConfig const> const& routing6InfoConfig() const {
-      return routing6InfoConfig_;
-   }
-   Mox::Ptr<VrfIpIntfConfigDir> const& vrfIpIntfConfigDir() const { return vrfIpIntfConfigDir_; }
-   Mox::Ptr<VrfIp6IntfConfigDir> const& vrfIp6IntfConfigDir() const { return vrfIp6IntfConfigDir_; }
+   Inputs const& inputs() const { return in_; }
+   // The inputs every VRF root gets; the VRF's own are filled in for each.
    VrfRoot::Inputs const& common() const { return common_; }
 
    bool standbyMode() const { return standbyMode_; }
@@ -115,11 +111,7 @@ private:
    class MoxRouting6InfoConfig;
    class MoxAllVrfStatusLocal;
 
-   Mox::Ptr<Routing::VrfInfoConfigDir const> const routingVrfInfoConfigDir_;
-   Mox::Ptr<Routing6::VrfInfoConfigDir const> const routing6VrfInfoConfigDir_;
-   Mox::Ptr<Routing6::InfoConfig const> const routing6InfoConfig_;
-   Mox::Ptr<VrfIpIntfConfigDir> const vrfIpIntfConfigDir_;
-   Mox::Ptr<VrfIp6IntfConfigDir> const vrfIp6IntfConfigDir_;
+   Inputs const in_;
    VrfRoot::Inputs const common_;
    bool standbyMode_;
    Mox::HashMap<L3::VrfName, Mox::Ptr<VrfRoot>> vrfRoot_;

@@ -5,6 +5,7 @@
 
 #include "mox/Bolt.h"
 #include "mox/Dir.h"
+#include "mox/Inputs.h"
 #include "mox/StateMachine.h"
 #include "platform/Agent.h"
 #include "platform/Interface.h"
@@ -16,42 +17,43 @@ namespace Veld {
 
 class AllVrfSm : public Mox::StateMachine {
 public:
+   // The constructor's inputs, in its order (the standby flag, after
+   // multiAgentVrfProtoConfig, is given apart). The VRF machines' mount points are in the
+   // agent's order; what each holds is settled with the VRF machines.
+#define VELD_ALL_VRF_SM_INPUTS(X)                                                  \
+   X(Mox::Ptr<Ip::AllVrfConfig const>, allVrfConfig)                               \
+   X(Mox::Ptr<Ip::AllVrfStatusGlobal>, allVrfStatusGlobal)                         \
+   X(Mox::Ptr<Ip::AllVrfStatusLocal>, allVrfStatusLocal)                           \
+   X(Mox::Ptr<Interface::AllIntfStatusLocalDir>, allIntfStatusLocalDir)            \
+   X(Mox::Ptr<Konet::NamespaceStatusLocalDir>, namespaceStatusLocalDir)            \
+   X(Mox::Ptr<L3::Intf::ConfigDir const>, l3IntfConfigDir)                         \
+   X(Mox::Ptr<Ip::VrfCapability const>, vrfCapability)                             \
+   X(Mox::Ptr<VrfTypes::MultiAgentVrfProtoConfig const>, multiAgentVrfProtoConfig) \
+   X(Mox::Ptr<SsoConfig const>, ssoConfig)                                         \
+   X(Mox::Ptr<StagesHelper>, stagesHelper)                                         \
+   X(Mox::Ptr<Agent::StartupModeStatus const>, startupModeStatus)                  \
+   X(Mox::Ptr<Mox::Dir>, mountDir1)                                                \
+   X(Mox::Ptr<Mox::Dir>, mountDir2)                                                \
+   X(Mox::Ptr<Mox::Dir const>, mountDir3)                                          \
+   X(Mox::Ptr<Mox::Dir>, mountDir4)                                                \
+   X(Mox::Ptr<Mox::Dir>, mountDir5)                                                \
+   X(Mox::Ptr<Mox::Dir>, mountDir6)                                                \
+   X(Mox::Ptr<Mox::Dir>, mountDir7)                                                \
+   X(Mox::Ptr<Mox::Dir const>, mountDir8)                                          \
+   X(Mox::Ptr<Mox::Dir const>, mountDir9)                                          \
+   X(Mox::Ptr<Mox::Dir const>, mountDir10)                                         \
+   X(Mox::Ptr<Mox::Dir const>, mountDir11)                                         \
+   X(Mox::Ptr<Vrf::VrfIdMap::Status>, vrfIdMapStatus)                              \
+   X(Mox::Ptr<Vrf::VrfIdMap::NameToIdMapWrapper>, vrfNameToIdMap)                  \
+   X(Mox::Ptr<L3::Config const>, l3Config)                                         \
+   X(Mox::Ptr<Bolt::TaskScheduler>, scheduler)
    struct Inputs {
-      Mox::Ptr<Ip::AllVrfConfig const> allVrfConfig;
-      Mox::Ptr<Ip::AllVrfStatusGlobal> allVrfStatusGlobal;
-      Mox::Ptr<Ip::AllVrfStatusLocal> allVrfStatusLocal;
-      Mox::Ptr<Interface::AllIntfStatusLocalDir> allIntfStatusLocalDir;
-      Mox::Ptr<Konet::NamespaceStatusLocalDir> namespaceStatusLocalDir;
-      Mox::Ptr<L3::Intf::ConfigDir const> l3IntfConfigDir;
-      Mox::Ptr<Ip::VrfCapability const> vrfCapability;
-      Mox::Ptr<VrfTypes::MultiAgentVrfProtoConfig const> multiAgentVrfProtoConfig;
-      Mox::Ptr<SsoConfig const> ssoConfig;
-      Mox::Ptr<StagesHelper> stagesHelper;
-      Mox::Ptr<Agent::StartupModeStatus const> startupModeStatus;
-      // The VRF machines' mount points, in the agent's order; what each holds is settled
-      // with the VRF machines.
-      Mox::Ptr<Mox::Dir> mountDir1;
-      Mox::Ptr<Mox::Dir> mountDir2;
-      Mox::Ptr<Mox::Dir const> mountDir3;
-      Mox::Ptr<Mox::Dir> mountDir4;
-      Mox::Ptr<Mox::Dir> mountDir5;
-      Mox::Ptr<Mox::Dir> mountDir6;
-      Mox::Ptr<Mox::Dir> mountDir7;
-      Mox::Ptr<Mox::Dir const> mountDir8;
-      Mox::Ptr<Mox::Dir const> mountDir9;
-      Mox::Ptr<Mox::Dir const> mountDir10;
-      Mox::Ptr<Mox::Dir const> mountDir11;
-      Mox::Ptr<Vrf::VrfIdMap::Status> vrfIdMapStatus;
-      Mox::Ptr<Vrf::VrfIdMap::NameToIdMapWrapper> vrfNameToIdMap;
-      Mox::Ptr<L3::Config const> l3Config;
-      Mox::Ptr<Bolt::TaskScheduler> scheduler;
+      MOX_INPUTS(VELD_ALL_VRF_SM_INPUTS)
    };
 
    AllVrfSm(Inputs inputs, bool standbyMode);
 
    Inputs const& inputs() const { return inputs_; }
-   // The create-or-update rule: an existing machine is kept only for the same inputs.
-   static void checkCtorParams(Inputs const& current, Inputs const& passed);
 
    bool standbyMode() const { return standbyMode_; }
    void standbyModeIs(bool standbyMode);

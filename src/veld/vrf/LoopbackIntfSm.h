@@ -4,6 +4,7 @@
 #pragma once
 
 #include "mox/Clock.h"
+#include "mox/Inputs.h"
 #include "mox/StateMachine.h"
 #include "platform/Interface.h"
 
@@ -11,41 +12,29 @@ namespace Veld {
 
 class LoopbackIntfSm : public Mox::StateMachine {
 public:
-   LoopbackIntfSm(Mox::Ptr<Interface::LoopbackIntfConfigDir const> loopbackIntfConfigDir,
-                  Mox::Ptr<Interface::AllIntfNamespaceConfigDir const> allIntfNamespaceConfigDir,
-                  Mox::Ptr<Interface::LoopbackIntfStatusDir> loopbackIntfStatusDir,
-                  Mox::Ptr<Interface::LoopbackIntfStatusLocalDir> loopbackIntfStatusLocalDir,
-                  bool standbyMode, Mox::Ptr<Mox::Clock const> clock,
-                  Mox::Ptr<Interface::IntfStatusPtrDir> intfStatusPtrDir);
+   // The constructor's inputs, in its order (the standby flag, after
+   // loopbackIntfStatusLocalDir, is given apart).
+#define VELD_LOOPBACK_INTF_SM_INPUTS(X)                                               \
+   X(Mox::Ptr<Interface::LoopbackIntfConfigDir const>, loopbackIntfConfigDir)         \
+   X(Mox::Ptr<Interface::AllIntfNamespaceConfigDir const>, allIntfNamespaceConfigDir) \
+   X(Mox::Ptr<Interface::LoopbackIntfStatusDir>, loopbackIntfStatusDir)               \
+   X(Mox::Ptr<Interface::LoopbackIntfStatusLocalDir>, loopbackIntfStatusLocalDir)     \
+   X(Mox::Ptr<Mox::Clock const>, clock)                                               \
+   X(Mox::Ptr<Interface::IntfStatusPtrDir>, intfStatusPtrDir)
+   struct Inputs {
+      MOX_INPUTS(VELD_LOOPBACK_INTF_SM_INPUTS)
+   };
 
-   Mox::Ptr<Interface::LoopbackIntfConfigDir const> const& loopbackIntfConfigDir() const {
-      return loopbackIntfConfigDir_;
-   }
-   Mox::Ptr<Interface::AllIntfNamespaceConfigDir const> const& allIntfNamespaceConfigDir() const {
-      return allIntfNamespaceConfigDir_;
-   }
-   Mox::Ptr<Interface::LoopbackIntfStatusDir> const& loopbackIntfStatusDir() const {
-      return loopbackIntfStatusDir_;
-   }
-   Mox::Ptr<Interface::LoopbackIntfStatusLocalDir> const& loopbackIntfStatusLocalDir() const {
-      return loopbackIntfStatusLocalDir_;
-   }
-   Mox::Ptr<Mox::Clock const> const& clock() const { return clock_; }
-   Mox::Ptr<Interface::IntfStatusPtrDir> const& intfStatusPtrDir() const {
-      return intfStatusPtrDir_;
-   }
+   LoopbackIntfSm(Inputs inputs, bool standbyMode);
+
+   Inputs const& inputs() const { return inputs_; }
    bool standbyMode() const { return standbyMode_; }
    void standbyModeIs(bool standbyMode);
 
    void handleInitialized();
 
 private:
-   Mox::Ptr<Interface::LoopbackIntfConfigDir const> const loopbackIntfConfigDir_;
-   Mox::Ptr<Interface::AllIntfNamespaceConfigDir const> const allIntfNamespaceConfigDir_;
-   Mox::Ptr<Interface::LoopbackIntfStatusDir> const loopbackIntfStatusDir_;
-   Mox::Ptr<Interface::LoopbackIntfStatusLocalDir> const loopbackIntfStatusLocalDir_;
-   Mox::Ptr<Mox::Clock const> const clock_;
-   Mox::Ptr<Interface::IntfStatusPtrDir> const intfStatusPtrDir_;
+   Inputs const inputs_;
    bool standbyMode_;
 };
 

@@ -19,11 +19,22 @@ Konet::IpAddrWithMask v4(char const* s) { return *Konet::IpAddrWithMask::parse(s
 class IpIntfConfigFilterTest : public ::testing::Test {
 protected:
    void makeSm(bool standby = false) {
-      sm = make<Veld::IpIntfSm>(ipConfig, view, make<Veld::AddrMap>(kni), deviceDir, nullptr,
-                                routing, systemStatus, localStatus, systemL3, localL3, nullptr,
-                                nullptr, -1, nullptr, manager, L3::VrfName("default"), nullptr,
-                                standby, make<Veld::WarpState>("w"), wheel, nullptr, nullptr,
-                                make<Urpf::UrpfOnAllIntfStat>(), nullptr);
+      sm = make<Veld::IpIntfSm>(
+          Veld::IpIntfSm::Inputs{.ipConfig = ipConfig,
+                                 .vrfIpIntfConfig = view,
+                                 .addrMap = make<Veld::AddrMap>(kni),
+                                 .kernelIntfDir = deviceDir,
+                                 .routingInfoConfig = routing,
+                                 .systemIntfIpStatus = systemStatus,
+                                 .localIntfIpStatus = localStatus,
+                                 .systemL3IntfStatus = systemL3,
+                                 .localL3IntfStatus = localL3,
+                                 .kniIntfStatusManager = manager,
+                                 .vrfName = L3::VrfName("default"),
+                                 .warpState = make<Veld::WarpState>("w"),
+                                 .timerWheel = wheel,
+                                 .urpfOnAllIntfStat = make<Urpf::UrpfOnAllIntfStat>()},
+          standby);
    }
    // An interface configured in this VRF, its status in the namespace with `model`.
    Mox::Ptr<Ip::IpIntfConfig> intf(char const* id, Model model) {

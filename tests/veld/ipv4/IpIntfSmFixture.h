@@ -105,11 +105,29 @@ protected:
                                   Mox::Ptr<Veld::AddrMap> const& map,
                                   Mox::Ptr<Interface::KniIntfStatusManager> const& mgr, int netlink,
                                   bool standby = false) {
-      return make<Veld::IpIntfSm>(ipConfig, vrfView, map, mgr->deviceIntfStatusDir(), kernelProto,
-                                  routingInfo, systemStatus, localStatus, systemL3, localL3,
-                                  nullptr, nullptr, netlink, allIntfStatus, mgr, vrfView->vrfName(),
-                                  hardware, standby, warp, wheel, updateVrfReq, updateReq, urpfStat,
-                                  virtualMac);
+      return make<Veld::IpIntfSm>(
+          Veld::IpIntfSm::Inputs{.ipConfig = ipConfig,
+                                 .vrfIpIntfConfig = vrfView,
+                                 .addrMap = map,
+                                 .kernelIntfDir = mgr->deviceIntfStatusDir(),
+                                 .kernelProtoConfig = kernelProto,
+                                 .routingInfoConfig = routingInfo,
+                                 .systemIntfIpStatus = systemStatus,
+                                 .localIntfIpStatus = localStatus,
+                                 .systemL3IntfStatus = systemL3,
+                                 .localL3IntfStatus = localL3,
+                                 .netlinkSocket = netlink,
+                                 .allIntfStatusDir = allIntfStatus,
+                                 .kniIntfStatusManager = mgr,
+                                 .vrfName = vrfView->vrfName(),
+                                 .routingHardwareStatus = hardware,
+                                 .warpState = warp,
+                                 .timerWheel = wheel,
+                                 .updateIpIntfStatusVrfReq = updateVrfReq,
+                                 .updateIpIntfStatusReq = updateReq,
+                                 .urpfOnAllIntfStat = urpfStat,
+                                 .proxyArpVirtualMac = virtualMac},
+          standby);
    }
 
    // An interface on a fresh veth whose peer is up, configured for IPv4 in this VRF.

@@ -102,11 +102,10 @@ TEST_F(RootTest, ExistingChildTakesTheStandbyFlagAndRefusesOtherParameters) {
    auto root = rootFactory();
    auto configDir = make<Interface::LoopbackIntfConfigDir>();
    auto clock = make<Mox::Clock>();
-   auto loopback =
-       root->loopbackIntfSmIs(configDir, nullptr, nullptr, nullptr, true, clock, nullptr);
+   LoopbackIntfSm::Inputs inputs{.loopbackIntfConfigDir = configDir, .clock = clock};
+   auto loopback = root->loopbackIntfSmIs(inputs, true);
    EXPECT_TRUE(loopback->standbyMode());
-   EXPECT_EQ(root->loopbackIntfSmIs(configDir, nullptr, nullptr, nullptr, false, clock, nullptr),
-             loopback);
+   EXPECT_EQ(root->loopbackIntfSmIs(inputs, false), loopback);
    EXPECT_FALSE(loopback->standbyMode());
 
    auto views = root->vrfIpIntfConfigDirIs();
@@ -184,10 +183,20 @@ TEST_F(RootTest, PlaceholdersHoldTheirInputsInTheAgentsOrder) {
    auto local = make<Ip::AllVrfStatusLocal>();
    auto scheduler = make<Bolt::TaskScheduler>();
    auto allVrf = [&](bool standby, Mox::Ptr<Mox::Dir const> const& third) {
-      return root->allVrfSmIs(nullptr, nullptr, local, nullptr, nullptr, nullptr, nullptr, nullptr,
-                              standby, nullptr, nullptr, nullptr, d[0], d[1], third, d[3], d[4],
-                              d[5], d[6], d[7], d[8], d[9], d[10], nullptr, nullptr, nullptr,
-                              scheduler);
+      return root->allVrfSmIs({.allVrfStatusLocal = local,
+                               .mountDir1 = d[0],
+                               .mountDir2 = d[1],
+                               .mountDir3 = third,
+                               .mountDir4 = d[3],
+                               .mountDir5 = d[4],
+                               .mountDir6 = d[5],
+                               .mountDir7 = d[6],
+                               .mountDir8 = d[7],
+                               .mountDir9 = d[8],
+                               .mountDir10 = d[9],
+                               .mountDir11 = d[10],
+                               .scheduler = scheduler},
+                              standby);
    };
    auto sm = allVrf(true, d[2]);
    auto const& in = sm->inputs();

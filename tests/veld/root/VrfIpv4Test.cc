@@ -45,14 +45,28 @@ protected:
       KernelFixture::SetUp();
       if (IsSkipped() || HasFatalFailure()) return;
       placer = VrfIpIntfConfigSmIs(ipConfig, views);
-      sm = VrfRootSm::VrfRootSmIs(
-          routing, make<Routing::Hardware::Status>(), make<Routing::KernelProtoConfig>(), global,
-          local, ipConfig, ipStatus, make<Ip::Input::Status>("local"), l3Status,
-          make<L3::Intf::Input::StatusDir>("local"), intfStatus, nullptr, false, nullptr, nullptr,
-          make<Routing6::InfoConfig>(), routing6, nullptr, nullptr, nullptr, nullptr, nullptr,
-          nullptr, nullptr, make<WarpState>("w"), mgr, wheel, views, views6,
-          make<Urpf::UrpfOnAllIntfStat>(), make<Urpf::UrpfOnAllIntfStat>(), nullptr, managers,
-          nullptr);
+      sm = VrfRootSm::VrfRootSmIs({.routingVrfInfoConfigDir = routing,
+                                   .routingHardwareStatus = make<Routing::Hardware::Status>(),
+                                   .kernelProtoConfig = make<Routing::KernelProtoConfig>(),
+                                   .allVrfStatusGlobal = global,
+                                   .allVrfStatusLocal = local,
+                                   .ipConfig = ipConfig,
+                                   .systemIntfIpStatus = ipStatus,
+                                   .localIntfIpStatus = make<Ip::Input::Status>("local"),
+                                   .systemL3IntfStatus = l3Status,
+                                   .localL3IntfStatus = make<L3::Intf::Input::StatusDir>("local"),
+                                   .allIntfStatusDir = intfStatus,
+                                   .routing6InfoConfig = make<Routing6::InfoConfig>(),
+                                   .routing6VrfInfoConfigDir = routing6,
+                                   .warpState = make<WarpState>("w"),
+                                   .entityMgr = mgr,
+                                   .timerWheel = wheel,
+                                   .vrfIpIntfConfigDir = views,
+                                   .vrfIp6IntfConfigDir = views6,
+                                   .urpfOnAllIntfStat = make<Urpf::UrpfOnAllIntfStat>(),
+                                   .urpfOnAllIntfStat6 = make<Urpf::UrpfOnAllIntfStat>(),
+                                   .intfStatusManagerRoot = managers},
+                                  false);
    }
    void TearDown() override {
       sm = nullptr;

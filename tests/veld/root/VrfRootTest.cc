@@ -44,15 +44,24 @@ protected:
    void SetUp() override {
       KernelFixture::SetUp();
       if (IsSkipped() || HasFatalFailure()) return;
-      sm = VrfRootSm::VrfRootSmIs(routing, nullptr, nullptr, global, local, ipConfig, nullptr,
-                                  nullptr, nullptr, nullptr, intfStatus, nullptr, false, nullptr,
-                                  nullptr, defaultRouting6, routing6, nullptr, nullptr, nullptr,
-                                  nullptr, nullptr, nullptr, nullptr, nullptr, mgr, nullptr, views,
-                                  views6, nullptr, nullptr, nullptr, managers, nullptr);
+      sm = VrfRootSm::VrfRootSmIs(inputs(defaultRouting6), false);
    }
    void TearDown() override {
       sm = nullptr;
       KernelFixture::TearDown();
+   }
+   VrfRootSm::Inputs inputs(Mox::Ptr<Routing6::InfoConfig const> const& defaultRouting6) {
+      return {.routingVrfInfoConfigDir = routing,
+              .allVrfStatusGlobal = global,
+              .allVrfStatusLocal = local,
+              .ipConfig = ipConfig,
+              .allIntfStatusDir = intfStatus,
+              .routing6InfoConfig = defaultRouting6,
+              .routing6VrfInfoConfigDir = routing6,
+              .entityMgr = mgr,
+              .vrfIpIntfConfigDir = views,
+              .vrfIp6IntfConfigDir = views6,
+              .intfStatusManagerRoot = managers};
    }
 
    // A VRF whose namespace exists and whose kernel mirror is published, in `state`.
@@ -228,11 +237,7 @@ TEST_F(VrfRootTest, StartsFromWhatExistsAndServesNonDefaultVrfsWithANamespaceOnl
    sm = nullptr;
    EXPECT_FALSE(managers->intfStatusManager(blueNs));  // the old roots went with their machine
 
-   sm = VrfRootSm::VrfRootSmIs(routing, nullptr, nullptr, global, local, ipConfig, nullptr, nullptr,
-                               nullptr, nullptr, intfStatus, nullptr, false, nullptr, nullptr,
-                               nullptr, routing6, nullptr, nullptr, nullptr, nullptr, nullptr,
-                               nullptr, nullptr, nullptr, mgr, nullptr, views, views6, nullptr,
-                               nullptr, nullptr, managers, nullptr);
+   sm = VrfRootSm::VrfRootSmIs(inputs(nullptr), false);
    EXPECT_TRUE(sm->vrfRoot("blue")->initialized());
    EXPECT_TRUE(managers->intfStatusManager(blueNs));
    EXPECT_FALSE(sm->vrfRoot("default"));
