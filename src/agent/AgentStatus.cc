@@ -187,8 +187,8 @@ Json Agent::showBacklog() const {
       list.push_back(j);
    }
    Json missing = Json::array();
-   for (auto const& id : intfs_->missingDevices())
-      missing.push_back(id.name());
+   for (auto const& dev : intfs_->missingDevices())
+      missing.push_back(dev);
    Json mirrors = Json::array();
    for (auto const& ns : mirrors_.namespaces()) {
       auto* m = mirrors_.mirror(ns);
