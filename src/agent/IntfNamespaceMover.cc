@@ -48,8 +48,10 @@ private:
 class IntfNamespaceMover::MoxIntfStatus : public Interface::IntfStatus::NotifieeConst {
 public:
    MoxIntfStatus(IntfNamespaceMover* o, Konet::IntfId id) : owner_(o), id_(std::move(id)) {}
+   void onForwardingModel() override { owner_->schedule(id_); }
    void onDeviceName() override { owner_->schedule(id_); }
    void onNetNsName() override { owner_->schedule(id_); }
+   void onOperUp() override { owner_->schedule(id_); }
 
 private:
    IntfNamespaceMover* owner_;
@@ -119,17 +121,24 @@ bool IntfNamespaceMover::settled() const {
    return pending_.empty() && Mox::System::currentTime() - lastMove_ >= kSettleTime;
 }
 
+// A pass over the pending interfaces, in runs of the task's quantum: each move or bring-up
+// is a few netlink requests, and a start may have a thousand of them.
 void IntfNamespaceMover::doMoves() {
    MOX_TRACE_FN(th, " pending " << pending_.size());
-   std::set<Konet::IntfId> retry;
-   auto pending = std::move(pending_);
-   pending_.clear();
-   for (auto const& id : pending) {
+   while (!pending_.empty()) {
+      if (work_->taskShouldYield()) {
+         work_->scheduleTask();
+         return;
+      }
+      auto id = *pending_.begin();
+      pending_.erase(pending_.begin());
       int rc = doMove(id);
-      if (rc && rc != EAGAIN) retry.insert(id);
+      work_->taskWorkCountInc();
+      if (rc && rc != EAGAIN) failed_.insert(id);
    }
-   if (!retry.empty()) {
-      pending_.insert(retry.begin(), retry.end());
+   if (!failed_.empty()) {
+      pending_.merge(failed_);
+      failed_.clear();
       work_->scheduleTaskDelay(kRetryDelay);
    }
 }
@@ -141,7 +150,7 @@ int IntfNamespaceMover::doMove(Konet::IntfId const& id) {
    auto from = status->netNsName().isDefault() ? Konet::NamespaceName::defaultNamespace()
                                                : status->netNsName();
    auto to = desiredNs(id);
-   if (from == to) return EAGAIN;
+   if (from == to) return doBringUp(id, *status, to);
    int fromSock = mirrors_.requestSocket(from);
    int toSock = mirrors_.requestSocket(to);
    if (fromSock < 0 || toSock < 0) return EAGAIN;  // a namespace not served (yet)
@@ -166,6 +175,38 @@ int IntfNamespaceMover::doMove(Konet::IntfId const& id) {
    Mox::logMessage(
        Mox::LogSeverity::info, "VELD-INTF-MOVE",
        "interface " + id.name() + ": device " + dev + " moved to namespace " + to.name());
+   return 0;
+}
+
+// A routed interface's device is up in its namespace, as a moved device is: the addresses
+// go on a device once it is up. Unrouted devices (bridge ports) keep the state they have.
+int IntfNamespaceMover::doBringUp(Konet::IntfId const& id, Interface::IntfStatus const& status,
+                                  Konet::NamespaceName const& ns) {
+   if (status.forwardingModel() != Interface::IntfForwardingModel::intfForwardingModelRouted) {
+      return EAGAIN;
+   }
+   auto const* mirror = mirrors_.mirror(ns);
+   int sock = mirrors_.requestSocket(ns);
+   if (!mirror || sock < 0) return EAGAIN;
+   auto const& dev = status.deviceName();
+   auto rec = mirror->status()->interfaceByName(dev);
+   if (rec == KernelNetInfo::Interface() || (rec.flags & KernelNetInfo::kIffUp)) return EAGAIN;
+   MOX_TRACE_FN(th, id << " device " << dev << " in " << ns);
+   int ifindex = 0;
+   int rc = Konet::linkIndex(sock, dev, &ifindex);
+   if (rc == ENODEV) return EAGAIN;  // gone meanwhile; the mirrors will tell
+   if (rc == 0) rc = Konet::setLinkUp(sock, ifindex, true);
+   if (rc) {
+      Mox::logMessage(Mox::LogSeverity::error, "VELD-INTF-UP",
+                      "cannot bring up device " + dev + " of interface " + id.name() +
+                          " in namespace " + ns.name() + ": " + std::strerror(rc));
+      return rc;
+   }
+   ++bringUps_;
+   lastMove_ = Mox::System::currentTime();
+   Mox::logMessage(
+       Mox::LogSeverity::info, "VELD-INTF-UP",
+       "interface " + id.name() + ": device " + dev + " brought up in namespace " + ns.name());
    return 0;
 }
 

@@ -335,6 +335,30 @@ TEST_F(AgentEndToEnd, AMissingDeviceIsWaitedForAndARemovedInterfaceLeavesNoAddre
    EXPECT_EQ(kernel(et2).size(), 2u);
 }
 
+// A routed interface's device is up, in the default VRF as in any other: the agent brings it
+// up where it finds it down, at the start and when it is taken down later. A bridge port's
+// device keeps the state it has.
+TEST_F(AgentEndToEnd, ARoutedInterfacesDeviceIsBroughtUpAndABridgePortsIsLeftAlone) {
+   ASSERT_EQ(Konet::setLinkUp(sock(), et1.ifindex, false), 0);
+   ASSERT_EQ(Konet::setLinkUp(sock(), et2.ifindex, false), 0);
+   startConverged(R"({"interfaces": {
+      "Ethernet1": {"device": ")" +
+                  et1.name +
+                  R"(", "ipv4": {"address": "10.1.0.1/24", "secondaries": ["10.1.1.1/24"]}},
+      "Ethernet2": {"device": ")" +
+                  et2.name + R"(", "routed": false}}})");
+   EXPECT_TRUE(link(et1.ifindex).flags & IFF_UP);
+   EXPECT_EQ(kernel(et1), (Set{"10.1.0.1/24", "10.1.1.1/24"}));
+   EXPECT_FALSE(link(et2.ifindex).flags & IFF_UP);
+   EXPECT_EQ(veld.show("backlog").at("devicesBroughtUp"), 1);
+
+   ASSERT_EQ(Konet::setLinkUp(sock(), et1.ifindex, false), 0);
+   ASSERT_TRUE(KonetTest::waitFor([&] { return link(et1.ifindex).flags & IFF_UP; }));
+   ASSERT_TRUE(veld.waitConverged());
+   EXPECT_EQ(kernel(et1), (Set{"10.1.0.1/24", "10.1.1.1/24"}));
+   EXPECT_FALSE(link(et2.ifindex).flags & IFF_UP);
+}
+
 TEST_F(AgentEndToEnd, CheckNamesEachPlace) {
    veld.writeConfig(config("10.1.1.1/33", "1.2.3"));
    std::string out;
