@@ -1,5 +1,6 @@
 #include "agent/IntfNamespaceMover.h"
 
+#include <algorithm>
 #include <cstring>
 
 #include "linux/NetNs.h"
@@ -49,9 +50,9 @@ class IntfNamespaceMover::MoxIntfStatus : public Interface::IntfStatus::Notifiee
 public:
    MoxIntfStatus(IntfNamespaceMover* o, Konet::IntfId id) : owner_(o), id_(std::move(id)) {}
    void onForwardingModel() override { owner_->schedule(id_); }
-   void onDeviceName() override { owner_->schedule(id_); }
-   void onNetNsName() override { owner_->schedule(id_); }
-   void onOperUp() override { owner_->schedule(id_); }
+   void onDeviceName() override { owner_->handleDeviceState(id_); }
+   void onNetNsName() override { owner_->handleDeviceState(id_); }
+   void onOperUp() override { owner_->handleDeviceState(id_); }
 
 private:
    IntfNamespaceMover* owner_;
@@ -61,6 +62,8 @@ private:
 IntfNamespaceMover::IntfNamespaceMover(Entities& entities, KernelMirrors& mirrors)
     : e_(entities), mirrors_(mirrors), home_(Konet::getns()) {
    work_ = Mox::make<DeferredWork>(e_.scheduler, "IntfNamespaceMover", [this] { doMoves(); });
+   settleBound_ =
+       Mox::make<DeferredWork>(e_.scheduler, "IntfSettleBound", [this] { doSettleBound(); });
    nsConfigDir_ = Mox::make<MoxNamespaceConfigDir>(this);
    nsConfigDir_->notifierIs(e_.intfNamespaceConfig);
    statusDir_ = Mox::make<MoxIntfStatusDir>(this);
@@ -102,8 +105,14 @@ void IntfNamespaceMover::handleIntfStatus(Konet::IntfId const& id) {
       }
    } else {
       status_.erase(id);
+      settling_.erase(id);
    }
    schedule(id);
+}
+
+void IntfNamespaceMover::handleDeviceState(Konet::IntfId const& id) {
+   settleOnCarrier(id);
+   schedule(id);  // moved, appeared, or found down
 }
 
 void IntfNamespaceMover::schedule(Konet::IntfId const& id) {
@@ -115,10 +124,6 @@ Konet::NamespaceName IntfNamespaceMover::desiredNs(Konet::IntfId const& id) cons
    auto c = e_.intfNamespaceConfig->intfNamespaceConfig(id);
    return c && !c->netNsName().isDefault() ? c->netNsName()
                                            : Konet::NamespaceName::defaultNamespace();
-}
-
-bool IntfNamespaceMover::settled() const {
-   return pending_.empty() && Mox::System::currentTime() - lastMove_ >= kSettleTime;
 }
 
 // A pass over the pending interfaces, in runs of the task's quantum: each move or bring-up
@@ -171,7 +176,7 @@ int IntfNamespaceMover::doMove(Konet::IntfId const& id) {
       return rc;
    }
    ++moves_;
-   lastMove_ = Mox::System::currentTime();
+   settlingIs(id, dev, to);
    Mox::logMessage(
        Mox::LogSeverity::info, "VELD-INTF-MOVE",
        "interface " + id.name() + ": device " + dev + " moved to namespace " + to.name());
@@ -203,11 +208,57 @@ int IntfNamespaceMover::doBringUp(Konet::IntfId const& id, Interface::IntfStatus
       return rc;
    }
    ++bringUps_;
-   lastMove_ = Mox::System::currentTime();
+   settlingIs(id, dev, ns);
    Mox::logMessage(
        Mox::LogSeverity::info, "VELD-INTF-UP",
        "interface " + id.name() + ": device " + dev + " brought up in namespace " + ns.name());
    return 0;
+}
+
+void IntfNamespaceMover::settlingIs(Konet::IntfId const& id, std::string const& dev,
+                                    Konet::NamespaceName const& ns) {
+   // Every device settles within the same bound: the timer armed for the oldest one stays
+   // armed, and doSettleBound() arms it for the next.
+   if (settling_.empty()) settleBound_->scheduleTaskDelay(kSettleTime);
+   settling_[id] = Settling{dev, ns, Mox::System::currentTime()};
+   settleOnCarrier(id);
+}
+
+void IntfNamespaceMover::settleOnCarrier(Konet::IntfId const& id) {
+   auto it = settling_.find(id);
+   if (it == settling_.end()) return;
+   auto status = e_.allIntfStatus->intfStatus(id);
+   auto const& s = it->second;
+   if (!status || !status->operUp() || status->deviceName() != s.device ||
+       !(status->netNsName() == s.ns)) {
+      return;
+   }
+   auto ms = static_cast<long>((Mox::System::currentTime() - s.since) * 1000.0);
+   Mox::logMessage(Mox::LogSeverity::info, "VELD-INTF-UP",
+                   "interface " + id.name() + ": device " + s.device +
+                       " has its carrier in namespace " + s.ns.name() + ", " + std::to_string(ms) +
+                       " ms after it was brought up");
+   settling_.erase(it);
+}
+
+void IntfNamespaceMover::doSettleBound() {
+   double now = Mox::System::currentTime();
+   double next = Mox::kInfinity;
+   for (auto it = settling_.begin(); it != settling_.end();) {
+      auto const& [id, s] = *it;
+      if (now < s.since + kSettleTime) {
+         next = std::min(next, s.since + kSettleTime);
+         ++it;
+         continue;
+      }
+      Mox::logMessage(Mox::LogSeverity::info, "VELD-INTF-UP",
+                      "interface " + id.name() + ": device " + s.device + " has no carrier " +
+                          std::to_string(static_cast<int>(kSettleTime)) +
+                          " s after it was brought up in namespace " + s.ns.name() +
+                          "; it takes its addresses when the carrier comes");
+      it = settling_.erase(it);
+   }
+   if (next != Mox::kInfinity) settleBound_->scheduleTaskDelay(next - now);
 }
 
 }  // namespace VeldAgent

@@ -10,10 +10,15 @@
 // there. A routed interface's device that is where it belongs but down (never brought up,
 // or taken down since) is brought up there. Work that fails is logged and retried each
 // second.
+//
+// A device brought up (moved or in place) is settling until its interface status shows it
+// running in that namespace, which is the kernel's carrier report seen by the mirror, or
+// until kSettleTime passes without one.
 #pragma once
 
 #include <map>
 #include <set>
+#include <string>
 
 #include "agent/DeferredWork.h"
 #include "agent/Entities.h"
@@ -29,16 +34,19 @@ public:
 
    // Where the interface's device is to be.
    Konet::NamespaceName desiredNs(Konet::IntfId const& id) const;
-   // Nothing to move or bring up, and no device moved or brought up within kSettleTime: the
-   // kernel may report such a device's carrier once more up to a second later (its link
-   // watch), which the machines answer by taking the device's addresses away and back.
-   bool settled() const;
+   // Nothing to move or bring up, and no device settling. The kernel may report a device's
+   // carrier up to a second after the device comes up (its link watch), which the machines
+   // answer by taking the device's addresses away and back: until the report, or that
+   // second without one, the device's addresses are not final.
+   bool settled() const { return pending_.empty() && settling_.empty(); }
    static constexpr double kSettleTime = 1.0;
    uint64_t moves() const { return moves_; }
    uint64_t bringUps() const { return bringUps_; }
 
    void handleNamespaceConfig(Konet::IntfId const& id);
    void handleIntfStatus(Konet::IntfId const& id);
+   // The status's device, its namespace or its running state changed.
+   void handleDeviceState(Konet::IntfId const& id);
 
 private:
    class MoxNamespaceConfigDir;
@@ -51,6 +59,15 @@ private:
    int doMove(Konet::IntfId const& id);
    int doBringUp(Konet::IntfId const& id, Interface::IntfStatus const& status,
                  Konet::NamespaceName const& ns);
+   struct Settling {
+      std::string device;
+      Konet::NamespaceName ns;
+      double since = 0.0;  // brought up
+   };
+   void settlingIs(Konet::IntfId const& id, std::string const& dev, Konet::NamespaceName const& ns);
+   // Ends the settling of `id` if its status shows the device running where it was brought up.
+   void settleOnCarrier(Konet::IntfId const& id);
+   void doSettleBound();
 
    Entities& e_;
    KernelMirrors& mirrors_;
@@ -62,9 +79,10 @@ private:
    std::set<Konet::IntfId> pending_;
    std::set<Konet::IntfId> failed_;  // in this pass, retried after kRetryDelay
    Mox::Ptr<DeferredWork> work_;
+   std::map<Konet::IntfId, Settling> settling_;
+   Mox::Ptr<DeferredWork> settleBound_;  // armed while a device settles
    uint64_t moves_ = 0;
    uint64_t bringUps_ = 0;
-   double lastMove_ = -Mox::kInfinity;
 };
 
 }  // namespace VeldAgent

@@ -422,6 +422,36 @@ TEST_F(AgentVrfEndToEnd, DeviceFollowsItsVrfAndTheNamespaceGoesWithIt) {
    EXPECT_EQ(veld.show("vrfs").at("vrfs").size(), 1u);
 }
 
+// A device moved into a VRF's namespace counts as settled when the kernel reports its carrier
+// there, not after a fixed wait; one without carrier counts as settled after a second, and
+// takes its address when the carrier comes.
+TEST_F(AgentVrfEndToEnd, AMovedDeviceSettlesOnItsCarrierEvent) {
+   auto et3 = createVeth();  // neither end up: no carrier until the test brings its peer up
+   startConverged(R"({"vrfs": {"red": {"namespace": ")" + ns.name() + R"("}}, "interfaces": {
+      "Ethernet1": {"device": ")" +
+                  et1.name +
+                  R"(", "vrf": "red", "ipv4": {"address": "10.1.0.1/24"}},
+      "Ethernet3": {"device": ")" +
+                  et3.name + R"(", "vrf": "red", "ipv4": {"address": "10.3.0.1/24"}}}})");
+   auto log = veld.log();
+   EXPECT_NE(log.find("interface Ethernet1: device " + et1.name + " has its carrier in namespace " +
+                      ns.name()),
+             std::string::npos)
+       << log;
+   EXPECT_NE(log.find("interface Ethernet3: device " + et3.name +
+                      " has no carrier 1 s after it was brought up in namespace " + ns.name()),
+             std::string::npos)
+       << log;
+   EXPECT_EQ(log.find("interface Ethernet1: device " + et1.name + " has no carrier"),
+             std::string::npos);
+   EXPECT_EQ(kernelIn(ns, et1.name), Set{"10.1.0.1/24"});
+   EXPECT_EQ(kernelIn(ns, et3.name), Set{});
+
+   ASSERT_EQ(Konet::setLinkUp(sock(), et3.peerIfindex, true), 0);
+   ASSERT_TRUE(KonetTest::waitFor([&] { return kernelIn(ns, et3.name) == Set{"10.3.0.1/24"}; }));
+   ASSERT_TRUE(veld.waitConverged());
+}
+
 // The device is already in the VRF's namespace, as a previous run left it: a move makes
 // the kernel report the device's carrier again up to a second later, which the machines
 // answer by taking the addresses away and back.
