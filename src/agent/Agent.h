@@ -70,7 +70,7 @@ public:
    VrfNamespaces& vrfNamespaces() { return *vrfs_; }
 
    // Every configured address is in the kernel and published, every device in its VRF's
-   // namespace, every backlog empty.
+   // namespace (up there when its interface is routed), every backlog empty.
    bool converged() const;
 
    nlohmann::json showInterfaces() const;

@@ -73,6 +73,9 @@ bool Agent::converged() const {
       if (!status || status->deviceName().empty()) return false;
       auto ns = vrfs_->ns(s.vrf);
       if (!(status->netNsName() == ns) || !(mover_->desiredNs(id) == ns)) return false;
+      auto const* mirror = mirrors_.mirror(ns);
+      auto rec = mirror ? mirror->status()->interfaceByName(s.device) : KernelNetInfo::Interface();
+      if (s.routed && !(rec.flags & KernelNetInfo::kIffUp)) return false;
       auto want = configuredV4(s);
       auto const& held = kernel[ns][s.device];
       auto ip = e_.ipStatus->intf(id);
@@ -187,8 +190,8 @@ Json Agent::showBacklog() const {
       list.push_back(j);
    }
    Json missing = Json::array();
-   for (auto const& id : intfs_->missingDevices())
-      missing.push_back(id.name());
+   for (auto const& dev : intfs_->missingDevices())
+      missing.push_back(dev);
    Json mirrors = Json::array();
    for (auto const& ns : mirrors_.namespaces()) {
       auto* m = mirrors_.mirror(ns);
@@ -201,6 +204,7 @@ Json Agent::showBacklog() const {
                {"kernelMirrors", mirrors},
                {"missingDevices", missing},
                {"deviceMoves", mover_ ? mover_->moves() : 0},
+               {"devicesBroughtUp", mover_ ? mover_->bringUps() : 0},
                {"converged", converged()}};
 }
 

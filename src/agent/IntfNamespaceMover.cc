@@ -1,5 +1,6 @@
 #include "agent/IntfNamespaceMover.h"
 
+#include <algorithm>
 #include <cstring>
 
 #include "linux/NetNs.h"
@@ -48,8 +49,10 @@ private:
 class IntfNamespaceMover::MoxIntfStatus : public Interface::IntfStatus::NotifieeConst {
 public:
    MoxIntfStatus(IntfNamespaceMover* o, Konet::IntfId id) : owner_(o), id_(std::move(id)) {}
-   void onDeviceName() override { owner_->schedule(id_); }
-   void onNetNsName() override { owner_->schedule(id_); }
+   void onForwardingModel() override { owner_->schedule(id_); }
+   void onDeviceName() override { owner_->handleDeviceState(id_); }
+   void onNetNsName() override { owner_->handleDeviceState(id_); }
+   void onOperUp() override { owner_->handleDeviceState(id_); }
 
 private:
    IntfNamespaceMover* owner_;
@@ -59,6 +62,8 @@ private:
 IntfNamespaceMover::IntfNamespaceMover(Entities& entities, KernelMirrors& mirrors)
     : e_(entities), mirrors_(mirrors), home_(Konet::getns()) {
    work_ = Mox::make<DeferredWork>(e_.scheduler, "IntfNamespaceMover", [this] { doMoves(); });
+   settleBound_ =
+       Mox::make<DeferredWork>(e_.scheduler, "IntfSettleBound", [this] { doSettleBound(); });
    nsConfigDir_ = Mox::make<MoxNamespaceConfigDir>(this);
    nsConfigDir_->notifierIs(e_.intfNamespaceConfig);
    statusDir_ = Mox::make<MoxIntfStatusDir>(this);
@@ -100,8 +105,14 @@ void IntfNamespaceMover::handleIntfStatus(Konet::IntfId const& id) {
       }
    } else {
       status_.erase(id);
+      settling_.erase(id);
    }
    schedule(id);
+}
+
+void IntfNamespaceMover::handleDeviceState(Konet::IntfId const& id) {
+   settleOnCarrier(id);
+   schedule(id);  // moved, appeared, or found down
 }
 
 void IntfNamespaceMover::schedule(Konet::IntfId const& id) {
@@ -115,21 +126,24 @@ Konet::NamespaceName IntfNamespaceMover::desiredNs(Konet::IntfId const& id) cons
                                            : Konet::NamespaceName::defaultNamespace();
 }
 
-bool IntfNamespaceMover::settled() const {
-   return pending_.empty() && Mox::System::currentTime() - lastMove_ >= kSettleTime;
-}
-
+// A pass over the pending interfaces, in runs of the task's quantum: each move or bring-up
+// is a few netlink requests, and a start may have a thousand of them.
 void IntfNamespaceMover::doMoves() {
    MOX_TRACE_FN(th, " pending " << pending_.size());
-   std::set<Konet::IntfId> retry;
-   auto pending = std::move(pending_);
-   pending_.clear();
-   for (auto const& id : pending) {
+   while (!pending_.empty()) {
+      if (work_->taskShouldYield()) {
+         work_->scheduleTask();
+         return;
+      }
+      auto id = *pending_.begin();
+      pending_.erase(pending_.begin());
       int rc = doMove(id);
-      if (rc && rc != EAGAIN) retry.insert(id);
+      work_->taskWorkCountInc();
+      if (rc && rc != EAGAIN) failed_.insert(id);
    }
-   if (!retry.empty()) {
-      pending_.insert(retry.begin(), retry.end());
+   if (!failed_.empty()) {
+      pending_.merge(failed_);
+      failed_.clear();
       work_->scheduleTaskDelay(kRetryDelay);
    }
 }
@@ -141,7 +155,7 @@ int IntfNamespaceMover::doMove(Konet::IntfId const& id) {
    auto from = status->netNsName().isDefault() ? Konet::NamespaceName::defaultNamespace()
                                                : status->netNsName();
    auto to = desiredNs(id);
-   if (from == to) return EAGAIN;
+   if (from == to) return doBringUp(id, *status, to);
    int fromSock = mirrors_.requestSocket(from);
    int toSock = mirrors_.requestSocket(to);
    if (fromSock < 0 || toSock < 0) return EAGAIN;  // a namespace not served (yet)
@@ -162,11 +176,89 @@ int IntfNamespaceMover::doMove(Konet::IntfId const& id) {
       return rc;
    }
    ++moves_;
-   lastMove_ = Mox::System::currentTime();
+   settlingIs(id, dev, to);
    Mox::logMessage(
        Mox::LogSeverity::info, "VELD-INTF-MOVE",
        "interface " + id.name() + ": device " + dev + " moved to namespace " + to.name());
    return 0;
+}
+
+// A routed interface's device is up in its namespace, as a moved device is: the addresses
+// go on a device once it is up. Unrouted devices (bridge ports) keep the state they have.
+int IntfNamespaceMover::doBringUp(Konet::IntfId const& id, Interface::IntfStatus const& status,
+                                  Konet::NamespaceName const& ns) {
+   if (status.forwardingModel() != Interface::IntfForwardingModel::intfForwardingModelRouted) {
+      return EAGAIN;
+   }
+   auto const* mirror = mirrors_.mirror(ns);
+   int sock = mirrors_.requestSocket(ns);
+   if (!mirror || sock < 0) return EAGAIN;
+   auto const& dev = status.deviceName();
+   auto rec = mirror->status()->interfaceByName(dev);
+   if (rec == KernelNetInfo::Interface() || (rec.flags & KernelNetInfo::kIffUp)) return EAGAIN;
+   MOX_TRACE_FN(th, id << " device " << dev << " in " << ns);
+   int ifindex = 0;
+   int rc = Konet::linkIndex(sock, dev, &ifindex);
+   if (rc == ENODEV) return EAGAIN;  // gone meanwhile; the mirrors will tell
+   if (rc == 0) rc = Konet::setLinkUp(sock, ifindex, true);
+   if (rc) {
+      Mox::logMessage(Mox::LogSeverity::error, "VELD-INTF-UP",
+                      "cannot bring up device " + dev + " of interface " + id.name() +
+                          " in namespace " + ns.name() + ": " + std::strerror(rc));
+      return rc;
+   }
+   ++bringUps_;
+   settlingIs(id, dev, ns);
+   Mox::logMessage(
+       Mox::LogSeverity::info, "VELD-INTF-UP",
+       "interface " + id.name() + ": device " + dev + " brought up in namespace " + ns.name());
+   return 0;
+}
+
+void IntfNamespaceMover::settlingIs(Konet::IntfId const& id, std::string const& dev,
+                                    Konet::NamespaceName const& ns) {
+   // Every device settles within the same bound: the timer armed for the oldest one stays
+   // armed, and doSettleBound() arms it for the next.
+   if (settling_.empty()) settleBound_->scheduleTaskDelay(kSettleTime);
+   settling_[id] = Settling{dev, ns, Mox::System::currentTime()};
+   settleOnCarrier(id);
+}
+
+void IntfNamespaceMover::settleOnCarrier(Konet::IntfId const& id) {
+   auto it = settling_.find(id);
+   if (it == settling_.end()) return;
+   auto status = e_.allIntfStatus->intfStatus(id);
+   auto const& s = it->second;
+   if (!status || !status->operUp() || status->deviceName() != s.device ||
+       !(status->netNsName() == s.ns)) {
+      return;
+   }
+   auto ms = static_cast<long>((Mox::System::currentTime() - s.since) * 1000.0);
+   Mox::logMessage(Mox::LogSeverity::info, "VELD-INTF-UP",
+                   "interface " + id.name() + ": device " + s.device +
+                       " has its carrier in namespace " + s.ns.name() + ", " + std::to_string(ms) +
+                       " ms after it was brought up");
+   settling_.erase(it);
+}
+
+void IntfNamespaceMover::doSettleBound() {
+   double now = Mox::System::currentTime();
+   double next = Mox::kInfinity;
+   for (auto it = settling_.begin(); it != settling_.end();) {
+      auto const& [id, s] = *it;
+      if (now < s.since + kSettleTime) {
+         next = std::min(next, s.since + kSettleTime);
+         ++it;
+         continue;
+      }
+      Mox::logMessage(Mox::LogSeverity::info, "VELD-INTF-UP",
+                      "interface " + id.name() + ": device " + s.device + " has no carrier " +
+                          std::to_string(static_cast<int>(kSettleTime)) +
+                          " s after it was brought up in namespace " + s.ns.name() +
+                          "; it takes its addresses when the carrier comes");
+      it = settling_.erase(it);
+   }
+   if (next != Mox::kInfinity) settleBound_->scheduleTaskDelay(next - now);
 }
 
 }  // namespace VeldAgent

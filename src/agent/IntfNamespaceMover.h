@@ -2,15 +2,23 @@
 // (Interface::AllIntfNamespaceConfigDir, written by the library's IpIntfVrfReactor), and back
 // to the agent's own namespace when the entry goes or names the default one.
 //
-// Watches the namespace configuration entries and the interface statuses (device and the
-// namespace the device is in now). Handlers only note the interface; the move runs from
-// the task scheduler: the device is moved from the namespace its status names, brought up
-// in the new one (a move takes a device down), and the interface status follows when the
-// mirrors see it there. A move that fails is logged and retried each second.
+// Watches the namespace configuration entries and the interface statuses (device, the
+// namespace the device is in now, forwarding model and running state). Handlers only note
+// the interface; the work runs from the task scheduler, in runs that yield to the event
+// loop: the device is moved from the namespace its status names, brought up in the new one
+// (a move takes a device down), and the interface status follows when the mirrors see it
+// there. A routed interface's device that is where it belongs but down (never brought up,
+// or taken down since) is brought up there. Work that fails is logged and retried each
+// second.
+//
+// A device brought up (moved or in place) is settling until its interface status shows it
+// running in that namespace, which is the kernel's carrier report seen by the mirror, or
+// until kSettleTime passes without one.
 #pragma once
 
 #include <map>
 #include <set>
+#include <string>
 
 #include "agent/DeferredWork.h"
 #include "agent/Entities.h"
@@ -26,15 +34,19 @@ public:
 
    // Where the interface's device is to be.
    Konet::NamespaceName desiredNs(Konet::IntfId const& id) const;
-   // Nothing to move, and no device moved within kSettleTime: the kernel may report a moved
-   // device's carrier once more up to a second later (its link watch), which the machines
-   // answer by taking the device's addresses away and back.
-   bool settled() const;
+   // Nothing to move or bring up, and no device settling. The kernel may report a device's
+   // carrier up to a second after the device comes up (its link watch), which the machines
+   // answer by taking the device's addresses away and back: until the report, or that
+   // second without one, the device's addresses are not final.
+   bool settled() const { return pending_.empty() && settling_.empty(); }
    static constexpr double kSettleTime = 1.0;
    uint64_t moves() const { return moves_; }
+   uint64_t bringUps() const { return bringUps_; }
 
    void handleNamespaceConfig(Konet::IntfId const& id);
    void handleIntfStatus(Konet::IntfId const& id);
+   // The status's device, its namespace or its running state changed.
+   void handleDeviceState(Konet::IntfId const& id);
 
 private:
    class MoxNamespaceConfigDir;
@@ -43,8 +55,19 @@ private:
    class MoxIntfStatus;
    void schedule(Konet::IntfId const& id);
    void doMoves();
-   // 0 or an errno; EAGAIN: nothing to do yet.
+   // 0 or an errno; EAGAIN: nothing to do (yet).
    int doMove(Konet::IntfId const& id);
+   int doBringUp(Konet::IntfId const& id, Interface::IntfStatus const& status,
+                 Konet::NamespaceName const& ns);
+   struct Settling {
+      std::string device;
+      Konet::NamespaceName ns;
+      double since = 0.0;  // brought up
+   };
+   void settlingIs(Konet::IntfId const& id, std::string const& dev, Konet::NamespaceName const& ns);
+   // Ends the settling of `id` if its status shows the device running where it was brought up.
+   void settleOnCarrier(Konet::IntfId const& id);
+   void doSettleBound();
 
    Entities& e_;
    KernelMirrors& mirrors_;
@@ -54,9 +77,12 @@ private:
    std::map<Konet::IntfId, Mox::Ptr<MoxNamespaceConfig>> nsConfig_;
    std::map<Konet::IntfId, Mox::Ptr<MoxIntfStatus>> status_;
    std::set<Konet::IntfId> pending_;
+   std::set<Konet::IntfId> failed_;  // in this pass, retried after kRetryDelay
    Mox::Ptr<DeferredWork> work_;
+   std::map<Konet::IntfId, Settling> settling_;
+   Mox::Ptr<DeferredWork> settleBound_;  // armed while a device settles
    uint64_t moves_ = 0;
-   double lastMove_ = -Mox::kInfinity;
+   uint64_t bringUps_ = 0;
 };
 
 }  // namespace VeldAgent

@@ -202,11 +202,11 @@ void IntfStatusPublisher::doRetire() {
    if (!retiring_.empty()) retire_->scheduleTaskDelay(kRetirePoll);
 }
 
-std::vector<Konet::IntfId> IntfStatusPublisher::missingDevices() const {
-   std::vector<Konet::IntfId> out;
+std::set<std::string> IntfStatusPublisher::missingDevices() const {
+   std::set<std::string> out;
    for (auto const& [id, intf] : intfs_) {
       auto status = e_.allIntfStatus->intfStatus(id);
-      if (!status || status->deviceName().empty()) out.push_back(id);
+      if (!status || status->deviceName().empty()) out.insert(intf.settings.device);
    }
    return out;
 }

@@ -28,8 +28,8 @@ public:
 
    void intfIs(Konet::IntfId const& id, InterfaceSettings const& settings);
    void intfDel(Konet::IntfId const& id, InterfaceSettings const& old);
-   // Configured interfaces whose device no mirror holds.
-   std::vector<Konet::IntfId> missingDevices() const;
+   // The devices, by their kernel names, of configured interfaces that no mirror holds.
+   std::set<std::string> missingDevices() const;
    bool settled() const { return retiring_.empty(); }
 
    static Interface::Eui64 eui64FromMac(std::array<uint8_t, 6> const& mac);

@@ -122,7 +122,7 @@ std::string renderBacklog(Json const& answer) {
    out += "\nConverged: " + std::string(answer.at("converged").get<bool>() ? "yes" : "no");
    out += "   Device moves: " + std::to_string(answer.at("deviceMoves").get<int>());
    if (!answer.at("missingDevices").empty()) {
-      out += "   Waiting for devices of: " + join(answer.at("missingDevices"), ", ");
+      out += "   Missing devices: " + join(answer.at("missingDevices"), ", ");
    }
    return out + "\n";
 }

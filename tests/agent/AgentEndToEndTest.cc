@@ -306,10 +306,14 @@ TEST_F(AgentEndToEnd, AMissingDeviceIsWaitedForAndARemovedInterfaceLeavesNoAddre
                                      R"(", "ipv4": {"address": "10.7.0.1/24"}})");
    veld.writeConfig(text);
    veld.start();
+   // Reported by the device's name, which is what the kernel lacks.
    ASSERT_TRUE(KonetTest::waitFor([&] {
       auto b = veld.show("backlog");
-      return b.is_object() && b.at("missingDevices") == nlohmann::json{"Ethernet7"};
-   }));
+      return b.is_object() && b.at("missingDevices") == nlohmann::json{late};
+   })) << veld.show("backlog").dump();
+   std::string table;
+   EXPECT_EQ(VeldProcess::command({"show", "backlog", "--run-dir", veld.runDir()}, &table), 0);
+   EXPECT_NE(table.find("Missing devices: " + late + "\n"), std::string::npos) << table;
    ASSERT_TRUE(KonetTest::waitFor([&] { return kernel(et2).size() == 2; }));
    // The device appears: the interface takes its address.
    ASSERT_EQ(Konet::createVethPair(sock(), late, late + "p"), 0);
@@ -329,6 +333,30 @@ TEST_F(AgentEndToEnd, AMissingDeviceIsWaitedForAndARemovedInterfaceLeavesNoAddre
    ASSERT_TRUE(veld.waitConverged());
    EXPECT_EQ(veld.show("interfaces").at("interfaces").size(), 1u);
    EXPECT_EQ(kernel(et2).size(), 2u);
+}
+
+// A routed interface's device is up, in the default VRF as in any other: the agent brings it
+// up where it finds it down, at the start and when it is taken down later. A bridge port's
+// device keeps the state it has.
+TEST_F(AgentEndToEnd, ARoutedInterfacesDeviceIsBroughtUpAndABridgePortsIsLeftAlone) {
+   ASSERT_EQ(Konet::setLinkUp(sock(), et1.ifindex, false), 0);
+   ASSERT_EQ(Konet::setLinkUp(sock(), et2.ifindex, false), 0);
+   startConverged(R"({"interfaces": {
+      "Ethernet1": {"device": ")" +
+                  et1.name +
+                  R"(", "ipv4": {"address": "10.1.0.1/24", "secondaries": ["10.1.1.1/24"]}},
+      "Ethernet2": {"device": ")" +
+                  et2.name + R"(", "routed": false}}})");
+   EXPECT_TRUE(link(et1.ifindex).flags & IFF_UP);
+   EXPECT_EQ(kernel(et1), (Set{"10.1.0.1/24", "10.1.1.1/24"}));
+   EXPECT_FALSE(link(et2.ifindex).flags & IFF_UP);
+   EXPECT_EQ(veld.show("backlog").at("devicesBroughtUp"), 1);
+
+   ASSERT_EQ(Konet::setLinkUp(sock(), et1.ifindex, false), 0);
+   ASSERT_TRUE(KonetTest::waitFor([&] { return link(et1.ifindex).flags & IFF_UP; }));
+   ASSERT_TRUE(veld.waitConverged());
+   EXPECT_EQ(kernel(et1), (Set{"10.1.0.1/24", "10.1.1.1/24"}));
+   EXPECT_FALSE(link(et2.ifindex).flags & IFF_UP);
 }
 
 TEST_F(AgentEndToEnd, CheckNamesEachPlace) {
@@ -392,6 +420,36 @@ TEST_F(AgentVrfEndToEnd, DeviceFollowsItsVrfAndTheNamespaceGoesWithIt) {
    ASSERT_TRUE(veld.waitConverged());
    EXPECT_EQ(kernel(et1), (Set{"10.1.0.1/24", "10.1.1.1/24"}));
    EXPECT_EQ(veld.show("vrfs").at("vrfs").size(), 1u);
+}
+
+// A device moved into a VRF's namespace counts as settled when the kernel reports its carrier
+// there, not after a fixed wait; one without carrier counts as settled after a second, and
+// takes its address when the carrier comes.
+TEST_F(AgentVrfEndToEnd, AMovedDeviceSettlesOnItsCarrierEvent) {
+   auto et3 = createVeth();  // neither end up: no carrier until the test brings its peer up
+   startConverged(R"({"vrfs": {"red": {"namespace": ")" + ns.name() + R"("}}, "interfaces": {
+      "Ethernet1": {"device": ")" +
+                  et1.name +
+                  R"(", "vrf": "red", "ipv4": {"address": "10.1.0.1/24"}},
+      "Ethernet3": {"device": ")" +
+                  et3.name + R"(", "vrf": "red", "ipv4": {"address": "10.3.0.1/24"}}}})");
+   auto log = veld.log();
+   EXPECT_NE(log.find("interface Ethernet1: device " + et1.name + " has its carrier in namespace " +
+                      ns.name()),
+             std::string::npos)
+       << log;
+   EXPECT_NE(log.find("interface Ethernet3: device " + et3.name +
+                      " has no carrier 1 s after it was brought up in namespace " + ns.name()),
+             std::string::npos)
+       << log;
+   EXPECT_EQ(log.find("interface Ethernet1: device " + et1.name + " has no carrier"),
+             std::string::npos);
+   EXPECT_EQ(kernelIn(ns, et1.name), Set{"10.1.0.1/24"});
+   EXPECT_EQ(kernelIn(ns, et3.name), Set{});
+
+   ASSERT_EQ(Konet::setLinkUp(sock(), et3.peerIfindex, true), 0);
+   ASSERT_TRUE(KonetTest::waitFor([&] { return kernelIn(ns, et3.name) == Set{"10.3.0.1/24"}; }));
+   ASSERT_TRUE(veld.waitConverged());
 }
 
 // The device is already in the VRF's namespace, as a previous run left it: a move makes

@@ -55,10 +55,11 @@ TEST(ShowTables, BacklogSaysWhatTheAgentWaitsFor) {
                                      {"empty", false}}}},
                                   {"converged", false},
                                   {"deviceMoves", 2},
-                                  {"missingDevices", {"Ethernet9"}}});
+                                  {"missingDevices", {"et9", "et10"}}});
    EXPECT_NE(text.find("red"), std::string::npos);
    EXPECT_NE(text.find("Converged: no"), std::string::npos);
-   EXPECT_NE(text.find("Waiting for devices of: Ethernet9"), std::string::npos) << text;
+   // The kernel's names of what is missing, as the operator looks for them.
+   EXPECT_NE(text.find("Missing devices: et9, et10"), std::string::npos) << text;
 }
 
 }  // namespace
