@@ -75,20 +75,17 @@ void Agent::recordApplied() const {
    if (options_.runDir.empty()) return;
    std::string path = appliedPath();
    std::string tmp = path + ".new";
-   std::string failure;
+   auto failed = [](std::string const& what) {
+      Mox::logFailure("VELD-CONFIG", what + " (the next start reads the kernel as it finds it)",
+                      errno);
+   };
    {
       std::ofstream out(tmp, std::ios::trunc);
       out << configurationToJson(config());
       out.flush();
-      if (!out) failure = "cannot write " + tmp + ": " + std::strerror(errno);
+      if (!out) return failed("cannot write " + tmp);
    }
-   if (failure.empty() && std::rename(tmp.c_str(), path.c_str()) != 0) {
-      failure = "cannot rename " + tmp + " to " + path + ": " + std::strerror(errno);
-   }
-   if (!failure.empty()) {
-      Mox::logMessage(Mox::LogSeverity::error, "VELD-CONFIG",
-                      failure + "; the next start reads the kernel as it finds it");
-   }
+   if (std::rename(tmp.c_str(), path.c_str()) != 0) failed("cannot rename " + tmp + " to " + path);
 }
 
 void Agent::buildLibrary() {

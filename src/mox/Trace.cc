@@ -167,6 +167,10 @@ LogSink logSinkIs(LogSink sink) {
    return previous;
 }
 
+void logFailure(char const* id, std::string const& what, int err, LogSeverity severity) {
+   logMessage(severity, id, what + ": " + std::strerror(err));
+}
+
 void logMessage(LogSeverity severity, char const* id, std::string const& text) {
    static char const* const names[] = {"ERROR", "WARNING", "NOTICE", "INFO"};
    if (currentLogSink) {

@@ -117,6 +117,11 @@ private:
 };
 
 void logMessage(LogSeverity severity, char const* id, std::string const& text);
+// One line for an operation that failed with errno `err`: "<what>: <errno text>". Every
+// kernel or file operation that can fail reports through this, so that none fails silently
+// and each report names its place and cause.
+void logFailure(char const* id, std::string const& what, int err,
+                LogSeverity severity = LogSeverity::error);
 
 }  // namespace Mox
 

@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <cerrno>
+
 #include "mox/Dir.h"
 #include "mox/Enum.h"
 
@@ -89,6 +91,18 @@ TEST(Log, RateLimitedPerHandle) {
    ASSERT_EQ(got.size(), 1u);
    EXPECT_EQ(got[0].text, "first");
    EXPECT_EQ(got[0].id, "VELD-TEST");
+}
+
+TEST(Log, AFailureIsOneLineWithItsPlaceAndCause) {
+   std::vector<Mox::LogRecord> got;
+   auto previous = Mox::logSinkIs([&](Mox::LogRecord const& r) { got.push_back(r); });
+   Mox::logFailure("VELD-TEST", "Failed to write /proc/sys/net/ipv4/conf/et1/forwarding", EACCES);
+   Mox::logSinkIs(previous);
+   ASSERT_EQ(got.size(), 1u);
+   EXPECT_EQ(got[0].severity, Mox::LogSeverity::error);
+   EXPECT_EQ(got[0].text,
+             "Failed to write /proc/sys/net/ipv4/conf/et1/forwarding: Permission denied");
+   EXPECT_EQ(got[0].text.find('\n'), std::string::npos);
 }
 
 namespace MoxTestEnum {

@@ -128,11 +128,7 @@ Mox::Ptr<Ip::IpIntfStatus> IpIntfSm::MoxIpIntfConfig::writableStatus(char const*
 
 void IpIntfSm::MoxIpIntfConfig::handleAddrWithMask() {
    MOX_TRACE_FN(th, " for " << intfId_);
-   if (!owner()->standbyMode() && !owner()->ipIntfStatusOf(intfId_)) {
-      MOX_TRACE(th, 5, " Creating ipIntfStatus");
-      owner()->addL3IntfStatus(intfId_, configVrf(config()));
-      owner()->addIpIntfStatus(intfId_, config());
-   }
+   owner()->intfStatusEnsure(intfId_, config());
    owner()->doScheduleKernelAddrUpdate(intfId_);
 }
 
@@ -295,9 +291,7 @@ void IpIntfSm::MoxIpIntfConfig::handleUrpf() {
    MOX_TRACE_FN(th, "uRPF for " << intfId_ << " is " << urpf.mode);
    owner()->updateUrpfStatus(intfId_, urpf);
    owner()->updateUrpfAndRouting(intfId_, urpf);  // schedules the settings (rp_filter)
-   if (!owner()->standbyMode()) {
-      owner()->ipStatusFor(intfId_)->urpfConfiguredOnAnyIntfIs(owner()->isUrpfOnAnyIntf());
-   }
+   owner()->urpfOnAnyIntfPublish(intfId_);
 }
 
 void IpIntfSm::MoxIpIntfConfig::handleVrf() {

@@ -229,9 +229,7 @@ void IpIntfSm::routedIpIntfConfigDel(Konet::IntfId const& intf) {
    // No longer routed here: its status goes, and its addresses leave the kernel.
    handleIntfStatusForDeletedIntfConfig(intf);
    if (in_.urpfOnAllIntfStat) in_.urpfOnAllIntfStat->intfUrpfDel(intf);
-   if (!standbyMode_ && ipStatusFor(intf)) {
-      ipStatusFor(intf)->urpfConfiguredOnAnyIntfIs(isUrpfOnAnyIntf());
-   }
+   urpfOnAnyIntfPublish(intf);
    doScheduleKernelAddrUpdate(intf);
 }
 
@@ -260,6 +258,19 @@ bool IpIntfSm::checkIpIntfCfgStatus(Mox::Ptr<Ip::IpIntfStatus const> const& stat
 }
 
 // ---- Status
+
+void IpIntfSm::intfStatusEnsure(Konet::IntfId const& intf,
+                                Mox::Ptr<Ip::IpIntfConfig const> const& config) {
+   if (standbyMode_ || ipIntfStatusOf(intf)) return;
+   MOX_TRACE(th, 5, " Creating ipIntfStatus for " << intf);
+   addL3IntfStatus(intf, configVrf(config));
+   addIpIntfStatus(intf, config);
+}
+
+void IpIntfSm::urpfOnAnyIntfPublish(Konet::IntfId const& intf) {
+   if (standbyMode_ || !ipStatusFor(intf)) return;
+   ipStatusFor(intf)->urpfConfiguredOnAnyIntfIs(isUrpfOnAnyIntf());
+}
 
 Mox::Ptr<L3::Intf::Status> IpIntfSm::addL3IntfStatus(Konet::IntfId const& intf,
                                                      L3::VrfName const& vrf) {

@@ -179,6 +179,14 @@ public:
    void doUpdateGlobalKnobs();
 
    // ---- Status
+   // The interface's IPv4 and L3 input statuses (ipStatusFor, l3StatusFor) are written only
+   // here: created by intfStatusEnsure, removed by handleIntfStatusForDeletedIntfConfig, their
+   // addresses set by doUpdateIpStatusAddr and doClearStatusAddrs, the uRPF summary flag by
+   // urpfOnAnyIntfPublish, and the configured fields by the config reactor through
+   // MoxIpIntfConfig::writableStatus. Each writes nothing in standby and only what this VRF
+   // owns; the config reactors and the backlog ask them.
+   void intfStatusEnsure(Konet::IntfId const& intf, Mox::Ptr<Ip::IpIntfConfig const> const& config);
+   void urpfOnAnyIntfPublish(Konet::IntfId const& intf);
    void doUpdateIpStatusAddr(Konet::IntfId const& intf);
    void doClearStatusAddrs(Mox::Ptr<Ip::IpIntfStatus> const& status);
    Mox::Ptr<Ip::IpIntfStatus> addIpIntfStatus(Konet::IntfId const& intf,

@@ -31,8 +31,6 @@ bool kernelHolds(KernelNetInfo::Interface const& kniIntf, char const* file,
           std::to_string(current) == value;
 }
 
-std::string errorText(int err) { return std::strerror(err); }
-
 }  // namespace
 
 // ---- Addresses
@@ -55,9 +53,7 @@ int IpIntfSm::addIpToIntf(int sock, Konet::IpAddrWithMask const& addr, AddrMap& 
           Mox::LogSeverity::error, "VELD-ADDR",
           "Failed to assign address " + addr.toString() + " to interface " + deviceName);
    } else {
-      Mox::logMessage(
-          Mox::LogSeverity::error, "VELD-ADDR",
-          "Failed to update interface address of " + deviceName + ": " + errorText(err));
+      Mox::logFailure("VELD-ADDR", "Failed to update interface address of " + deviceName, err);
    }
    return err;
 }
@@ -95,10 +91,7 @@ bool IpIntfSm::doUpdateKernelAddrIntf(Konet::IntfId const& intf) {
    MOX_TRACE(th, 6, "interface " << dev << ": running=" << running);
    MOX_TRACE(th, 6, "interface VRF: " << intfVrf << ", my VRF: " << in_.vrfName);
 
-   if (config && sameVrf && !standbyMode_ && !ipIntfStatusOf(intf)) {
-      addL3IntfStatus(intf, intfVrf);
-      addIpIntfStatus(intf, config);
-   }
+   if (config && sameVrf) intfStatusEnsure(intf, config);
 
    int sock = in_.netlinkSocket;
    if (config) {
@@ -108,9 +101,10 @@ bool IpIntfSm::doUpdateKernelAddrIntf(Konet::IntfId const& intf) {
                                             noArp ? KernelNetInfo::kIffNoArp : 0,
                                             KernelNetInfo::kIffNoArp);
          if (err) {
-            Mox::logMessage(Mox::LogSeverity::error, "VELD-NOARP",
-                            "Failed to change IFF_NOARP of " + dev + " to " +
-                                (noArp ? "enabled" : "disabled") + ": " + errorText(err));
+            Mox::logFailure(
+                "VELD-NOARP",
+                "Failed to change IFF_NOARP of " + dev + " to " + (noArp ? "enabled" : "disabled"),
+                err);
          }
       }
    }
@@ -143,8 +137,7 @@ bool IpIntfSm::doUpdateKernelAddrIntf(Konet::IntfId const& intf) {
       if (err == 0) {
          in_.addrMap->delAddr(kniIntf.key, a);
       } else {
-         Mox::logMessage(Mox::LogSeverity::error, "VELD-ADDR",
-                         "Error deleting " + a.toString() + " from " + dev + ":" + errorText(err));
+         Mox::logFailure("VELD-ADDR", "Error deleting " + a.toString() + " from " + dev, err);
       }
    }
 
@@ -182,12 +175,11 @@ bool IpIntfSm::doUpdateKernelAddrIntf(Konet::IntfId const& intf) {
       int err =
           kernelIo().ipAddrFlush(sock, static_cast<int>(kniIntf.key.ifIndex), dev, nsName().name());
       if (err) {
-         Mox::logMessage(Mox::LogSeverity::error, "VELD-ADDR",
-                         "Failed to flush interface addresses of " + dev + ": " + errorText(err));
+         Mox::logFailure("VELD-ADDR", "Failed to flush interface addresses of " + dev, err);
       }
       in_.addrMap->flushAddr(kniIntf.key);
    }
-   if (!standbyMode_) doClearStatusAddrs(ipIntfStatusOf(intf));
+   doClearStatusAddrs(ipIntfStatusOf(intf));
    return false;
 }
 

@@ -21,17 +21,14 @@ int setupProcSysNet(Konet::NamespaceName const& ns) {
    MOX_TRACE_FN(th, " ns: " << ns);
    Konet::ScopedNetNs inNs(ns, __func__);  // logs ": Failed to setns to NS: " itself
    if (!inNs.ok()) return inNs.error();
-   auto write = [](char const* path, char const* value) {
+   for (auto [path, value] : {std::pair{"/proc/sys/net/ipv4/icmp_ratelimit", "0"},
+                              std::pair{"/proc/sys/net/ipv6/icmp/ratelimit", "0"},
+                              std::pair{"/proc/sys/net/ipv4/igmp_max_memberships", "65535"}}) {
       int rc = Konet::writeProcSys(path, value);
-      return rc == ENOENT ? 0 : rc;
-   };
-   if (int rc = write("/proc/sys/net/ipv4/icmp_ratelimit", "0")) return rc;
-   if (int rc = write("/proc/sys/net/ipv6/icmp/ratelimit", "0")) return rc;
-   if (int rc = write("/proc/sys/net/ipv4/igmp_max_memberships", "65535")) {
-      Mox::logMessage(
-          Mox::LogSeverity::error, "VELD_PROC_SYS_NET",
-          std::string(__func__) +
-              ": Failed to set /proc/sys/net/ipv4/igmp_max_memberships in NS: " + ns.name());
+      if (rc == 0 || rc == ENOENT) continue;
+      Mox::logFailure("VELD_PROC_SYS_NET",
+                      std::string(__func__) + ": Failed to set " + path + " in NS: " + ns.name(),
+                      rc);
       return rc;
    }
    return 0;
@@ -57,9 +54,8 @@ void Root::handleInitialized() {
       if (ownSocket_) {
          netlinkSocketIs(static_cast<uint32_t>(ownSocket_.get()));
       } else {
-         Mox::logMessage(
-             Mox::LogSeverity::error, "VELD_NETLINK_SOCKET",
-             "Failed to open a netlink socket in NS: " + ns.name() + ": " + std::strerror(error));
+         Mox::logFailure("VELD_NETLINK_SOCKET",
+                         "Failed to open a netlink socket in NS: " + ns.name(), error);
       }
    }
    setupProcSysNet(ns);

@@ -141,9 +141,8 @@ void VrfRoot::handleInitialized() {
    int error = 0;
    ownSocket_ = Konet::createNetlinkSocket(ns_, 0, 2, true, 0, &error);
    if (!ownSocket_) {
-      Mox::logMessage(
-          Mox::LogSeverity::error, "VELD_NETLINK_SOCKET",
-          "Failed to open a netlink socket in NS: " + ns_.name() + ": " + std::strerror(error));
+      Mox::logFailure("VELD_NETLINK_SOCKET", "Failed to open a netlink socket in NS: " + ns_.name(),
+                      error);
    }
    netlinkSocketIs(ownSocket_.get());
    setupProcSysNet(ns_);
