@@ -36,8 +36,7 @@ Agent::~Agent() {
 int Agent::start(Configuration const& config) {
    MOX_TRACE_FN0(th);
    if (int err = mirrors_.mirrorIs(Konet::NamespaceName::defaultNamespace())) {
-      Mox::logMessage(Mox::LogSeverity::error, "VELD-START",
-                      std::string("cannot mirror the kernel: ") + std::strerror(err));
+      Mox::logFailure("VELD-START", "cannot mirror the kernel", err);
       return err;
    }
    vrfs_ = std::make_unique<VrfNamespaces>(e_, mirrors_, options_.nsPrefix);

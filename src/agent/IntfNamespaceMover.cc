@@ -170,9 +170,10 @@ int IntfNamespaceMover::doMove(Konet::IntfId const& id) {
    if (rc == 0) rc = Konet::linkIndex(toSock, dev, &ifindex);
    if (rc == 0) rc = Konet::setLinkUp(toSock, ifindex, true);
    if (rc) {
-      Mox::logMessage(Mox::LogSeverity::error, "VELD-INTF-MOVE",
+      Mox::logFailure("VELD-INTF-MOVE",
                       "cannot move device " + dev + " of interface " + id.name() + " from " +
-                          from.name() + " to namespace " + to.name() + ": " + std::strerror(rc));
+                          from.name() + " to namespace " + to.name(),
+                      rc);
       return rc;
    }
    ++moves_;
@@ -202,9 +203,10 @@ int IntfNamespaceMover::doBringUp(Konet::IntfId const& id, Interface::IntfStatus
    if (rc == ENODEV) return EAGAIN;  // gone meanwhile; the mirrors will tell
    if (rc == 0) rc = Konet::setLinkUp(sock, ifindex, true);
    if (rc) {
-      Mox::logMessage(Mox::LogSeverity::error, "VELD-INTF-UP",
+      Mox::logFailure("VELD-INTF-UP",
                       "cannot bring up device " + dev + " of interface " + id.name() +
-                          " in namespace " + ns.name() + ": " + std::strerror(rc));
+                          " in namespace " + ns.name(),
+                      rc);
       return rc;
    }
    ++bringUps_;

@@ -44,8 +44,8 @@ int KernelMirrors::mirrorIs(Konet::NamespaceName const& nsIn) {
    auto* mirror = e.mirror.get();
    err = loop_.add(mirror->fd(), EPOLLIN, [mirror, ns](uint32_t) {
       if (int rc = mirror->processEvents()) {
-         Mox::logMessage(Mox::LogSeverity::warning, "VELD-KNI",
-                         "kernel mirror of namespace " + ns.name() + ": " + std::strerror(rc));
+         Mox::logFailure("VELD-KNI", "kernel mirror of namespace " + ns.name(), rc,
+                         Mox::LogSeverity::warning);
       }
    });
    if (err) return err;

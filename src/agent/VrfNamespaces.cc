@@ -144,14 +144,12 @@ bool VrfNamespaces::doCreate(L3::VrfName const& name, Vrf& vrf) {
    MOX_TRACE_FN(th, name << " ns " << vrf.ns);
    int rc = Konet::createNamedNamespace(vrf.ns);
    if (rc != 0 && rc != EEXIST) {
-      Mox::logMessage(Mox::LogSeverity::error, "VELD-VRF",
-                      "cannot create namespace " + vrf.ns.name() + " for VRF " + name.name() +
-                          ": " + std::strerror(rc));
+      Mox::logFailure("VELD-VRF",
+                      "cannot create namespace " + vrf.ns.name() + " for VRF " + name.name(), rc);
       return false;
    }
    if (int err = mirrors_.mirrorIs(vrf.ns)) {
-      Mox::logMessage(Mox::LogSeverity::error, "VELD-VRF",
-                      "cannot mirror namespace " + vrf.ns.name() + ": " + std::strerror(err));
+      Mox::logFailure("VELD-VRF", "cannot mirror namespace " + vrf.ns.name(), err);
       return false;
    }
    int sock = mirrors_.requestSocket(vrf.ns);
@@ -179,9 +177,9 @@ bool VrfNamespaces::doDelete(L3::VrfName const& name, Vrf& vrf) {
       for (auto const& l : links) {
          if (l.name == "lo") continue;
          if (int rc = Konet::moveLinkToNetNs(sock, l.ifindex, home_.get())) {
-            Mox::logMessage(Mox::LogSeverity::warning, "VELD-VRF",
-                            "cannot move device " + l.name + " out of namespace " + vrf.ns.name() +
-                                ": " + std::strerror(rc));
+            Mox::logFailure("VELD-VRF",
+                            "cannot move device " + l.name + " out of namespace " + vrf.ns.name(),
+                            rc, Mox::LogSeverity::warning);
          }
       }
    }
@@ -189,8 +187,8 @@ bool VrfNamespaces::doDelete(L3::VrfName const& name, Vrf& vrf) {
    e_.vrfStatusGlobal->vrfDel(name);
    mirrors_.mirrorDel(vrf.ns);
    if (int rc = Konet::deleteNamedNamespace(vrf.ns)) {
-      Mox::logMessage(Mox::LogSeverity::warning, "VELD-VRF",
-                      "cannot delete namespace " + vrf.ns.name() + ": " + std::strerror(rc));
+      Mox::logFailure("VELD-VRF", "cannot delete namespace " + vrf.ns.name(), rc,
+                      Mox::LogSeverity::warning);
    }
    Mox::logMessage(Mox::LogSeverity::notice, "VELD-VRF",
                    "VRF " + name.name() + " and its namespace " + vrf.ns.name() + " are gone");
