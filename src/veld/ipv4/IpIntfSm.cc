@@ -463,6 +463,16 @@ void IpIntfSm::handleIpIntfStatusUpdateReq(Konet::IntfId const& intf) {
    if (routedIpIntfConfig(intf)) doScheduleKernelAddrUpdate(intf);
 }
 
+void IpIntfSm::routingInfoConfigIs(Mox::Ptr<Routing::InfoConfig const> const& config) {
+   MOX_TRACE_FN(th, " vrf " << in_.vrfName);
+   if (config == in_.routingInfoConfig) return;
+   in_.routingInfoConfig = config;
+   auto& held = reactors_->routingInfoConfig;
+   if (held) held->moxDoZombieReactors(true);
+   held = Reactors::on<Reactors::MoxRoutingInfoConfig>(this, config);
+   handleRouting();
+}
+
 void IpIntfSm::handleRouting() {
    MOX_TRACE_FN(th, " vrf " << in_.vrfName);
    for (auto const& intf : routedIpIntfConfig_.keys())

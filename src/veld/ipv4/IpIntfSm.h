@@ -109,6 +109,8 @@ public:
    ~IpIntfSm() override;
 
    Inputs const& inputs() const { return in_; }
+   // The VRF's routing entry, followed when the agent re-creates it.
+   void routingInfoConfigIs(Mox::Ptr<Routing::InfoConfig const> const& config);
 
    // ---- Inputs and outputs
    Mox::Ptr<Ip::Config const> const& ipConfig() const { return in_.ipConfig; }
@@ -252,7 +254,7 @@ private:
    // hold or already hold it: that one is not ours to write.
    Mox::Ptr<Ip::IpIntfStatus> ipIntfStatusOf(Konet::IntfId const& intf) const;
 
-   Inputs const in_;
+   Inputs in_;  // fixed, but for routingInfoConfig
    bool standbyMode_;
    Mox::Ptr<KernelNetInfo::Root const> kniRoot_;
 
