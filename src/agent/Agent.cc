@@ -129,7 +129,7 @@ void Agent::buildLibrary() {
                       .localL3IntfStatus = e_.localL3Status,
                       .ip6Status = e_.ip6Status,
                       .allVrfStatusLocal = e_.vrfStatusLocal,
-                      .netlinkSocket = static_cast<int>(root_->netlinkSocket()),
+                      .netlinkSocket = root_->netlinkSocket(),
                       .allIntfStatusDir = e_.allIntfStatus,
                       .kniIntfStatusManager = kniMgr,
                       .vrfName = defaultVrf,

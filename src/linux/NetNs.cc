@@ -99,8 +99,9 @@ ScopedNetNs::ScopedNetNs(NamespaceName const& ns, char const* caller) {
    error_ = saved_ ? setnsByName(ns) : errno;
    if (error_ != 0) {
       saved_.reset();
-      Mox::logMessage(Mox::LogSeverity::error, "KONET_SETNS",
-                      std::string(caller) + ": Failed to setns to NS: " + ns.name());
+      if (caller)
+         Mox::logMessage(Mox::LogSeverity::error, "KONET_SETNS",
+                         std::string(caller) + ": Failed to setns to NS: " + ns.name());
    }
 }
 

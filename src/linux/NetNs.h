@@ -42,7 +42,8 @@ int deleteNamedNamespace(NamespaceName const& name);
 //    ScopedNetNs inNs(ns, __func__);
 //    if (!inNs.ok()) return inNs.error();
 //
-// A failure to enter logs "<caller>: Failed to setns to NS: <name>" and leaves the thread
+// A failure to enter logs "<caller>: Failed to setns to NS: <name>" (nothing for a null
+// caller, whose failure is already known) and leaves the thread
 // where it was. Failing to return is fatal: the thread would go on in the wrong namespace.
 class ScopedNetNs {
 public:

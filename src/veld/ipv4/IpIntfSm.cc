@@ -129,6 +129,8 @@ IpIntfSm::IpIntfSm(Inputs inputs, bool standbyMode)
 
 IpIntfSm::~IpIntfSm() {
    moxDoZombieReactors(true);
+   // A machine that goes has no backlog left to wait for.
+   if (in_.warpState) in_.warpState->backlogEmptyDel(warpKey());
    routedIpIntfConfig_.clear();
    ipIntfConfigFilter_.clear();
    kniIntfState_.clear();
@@ -170,16 +172,11 @@ void IpIntfSm::handleInitialized() {
       for (auto key : keys)
          handleUpdate(key);
    }
-   // Statuses of this VRF left behind by configuration that went while nobody watched.
-   for (auto const* dir : {&in_.systemIntfIpStatus, &in_.localIntfIpStatus}) {
-      if (!*dir) continue;
-      for (auto const& intf : (*dir)->ipIntfStatusIterator().keys()) {
-         checkIpIntfCfgStatus((*dir)->ipIntfStatus(intf), intf, true);
-      }
-   }
+   removeStaleStatuses();
    icmpSrcIntf_ = in_.ipConfig ? in_.ipConfig->icmpSrcIntf() : Konet::IntfId();
    scheduleGlobalKnobs();
    initializedSet(true);
+   if (routedIpIntfConfig_.empty()) verifyBacklogQueue();
 }
 
 // ---- Configuration
@@ -252,9 +249,32 @@ void IpIntfSm::handleIntfStatusForDeletedIntfConfig(Konet::IntfId const& intf) {
 bool IpIntfSm::checkIpIntfCfgStatus(Mox::Ptr<Ip::IpIntfStatus const> const& status,
                                     Konet::IntfId const& intf, bool deleteStale) {
    if (!status || status->vrf() != in_.vrfName) return true;  // not ours to judge
-   bool configured = in_.vrfIpIntfConfig && in_.vrfIpIntfConfig->ipIntfConfig(intf);
-   if (!configured && deleteStale) handleIntfStatusForDeletedIntfConfig(intf);
-   return configured;
+   // A configured interface that is not routed here has no status here either.
+   bool routed = routedIpIntfConfig(intf) != nullptr;
+   if (!routed && deleteStale) handleIntfStatusForDeletedIntfConfig(intf);
+   return routed;
+}
+
+// Statuses of this VRF with no routed configuration behind them: left by configuration that
+// went while nobody watched (before the machine was made) or while status writes were
+// skipped (standby).
+void IpIntfSm::removeStaleStatuses() {
+   MOX_TRACE_FN(th, " vrf " << in_.vrfName);
+   for (auto const* dir : {&in_.systemIntfIpStatus, &in_.localIntfIpStatus}) {
+      if (!*dir) continue;
+      for (auto const& intf : (*dir)->ipIntfStatusIterator().keys()) {
+         checkIpIntfCfgStatus((*dir)->ipIntfStatus(intf), intf, true);
+      }
+   }
+   for (auto const* dir : {&in_.systemL3IntfStatus, &in_.localL3IntfStatus}) {
+      if (!*dir) continue;
+      for (auto const& intf : (*dir)->intfStatusIterator().keys()) {
+         auto s = (*dir)->intfStatus(intf);
+         if (s && s->vrf() == in_.vrfName && !routedIpIntfConfig(intf)) {
+            handleIntfStatusForDeletedIntfConfig(intf);
+         }
+      }
+   }
 }
 
 // ---- Status
@@ -418,6 +438,8 @@ void IpIntfSm::standbyModeIs(bool standbyMode) {
 
 void IpIntfSm::handleStandbyMode() {
    MOX_TRACE_FN(th, "standby is " << standbyMode_);
+   // Deletions skipped in standby are done now.
+   if (!standbyMode_) removeStaleStatuses();
    for (auto const& intf : routedIpIntfConfig_.keys()) {
       if (auto* r = routedIpIntfConfig_.find(intf)) (*r)->refresh();
    }
@@ -439,6 +461,12 @@ void IpIntfSm::handleUpdate(KernelNetInfo::InterfaceKey key) {
    MOX_TRACE_FN(th, " for intfId " << key);
    auto rec = kniRoot_ ? kniRoot_->interface(key) : KernelNetInfo::Interface();
    if (rec == KernelNetInfo::Interface()) {
+      // The device went, and its addresses with it: the status holds none of them now.
+      auto* gone = kniIntfState_.find(key);
+      if (gone && in_.kniIntfStatusManager) {
+         auto intf = in_.kniIntfStatusManager->deviceIntf((*gone)->kniIntf().deviceName);
+         if (!intf.empty()) doClearStatusAddrs(ipIntfStatusOf(intf));
+      }
       kniIntfState_.erase(key);
       if (in_.addrMap) in_.addrMap->genAddrDel(key);
       return;
@@ -461,6 +489,16 @@ void IpIntfSm::handleUpdate(KernelNetInfo::InterfaceKey key) {
 void IpIntfSm::handleIpIntfStatusUpdateReq(Konet::IntfId const& intf) {
    MOX_TRACE_FN(th, " for " << intf);
    if (routedIpIntfConfig(intf)) doScheduleKernelAddrUpdate(intf);
+}
+
+void IpIntfSm::routingInfoConfigIs(Mox::Ptr<Routing::InfoConfig const> const& config) {
+   MOX_TRACE_FN(th, " vrf " << in_.vrfName);
+   if (config == in_.routingInfoConfig) return;
+   in_.routingInfoConfig = config;
+   auto& held = reactors_->routingInfoConfig;
+   if (held) held->moxDoZombieReactors(true);
+   held = Reactors::on<Reactors::MoxRoutingInfoConfig>(this, config);
+   handleRouting();
 }
 
 void IpIntfSm::handleRouting() {

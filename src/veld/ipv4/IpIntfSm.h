@@ -14,7 +14,8 @@
 // at a bookmark. An entry lives from its first scheduling until a run finds all its flags
 // clear:
 //
-//    scheduled --run--> proc written? --no--> retried every run; given up after 33 failures
+//    scheduled --run--> namespace entered? --no--> retried every run; given up after 33
+//                       proc written? --no--> retried every run; given up after 33 failures
 //                       addresses done? --no (deferred)--> visited again on the next run
 //                       all clear --> removed; an empty backlog is reported to WarpState
 #pragma once
@@ -109,6 +110,8 @@ public:
    ~IpIntfSm() override;
 
    Inputs const& inputs() const { return in_; }
+   // The VRF's routing entry, followed when the agent re-creates it.
+   void routingInfoConfigIs(Mox::Ptr<Routing::InfoConfig const> const& config);
 
    // ---- Inputs and outputs
    Mox::Ptr<Ip::Config const> const& ipConfig() const { return in_.ipConfig; }
@@ -176,7 +179,8 @@ public:
                              IntfIpKernelState& kernelState, std::string const& deviceName);
    int addIpToIntf(int sock, Konet::IpAddrWithMask const& addr, AddrMap& addrMap,
                    KernelNetInfo::InterfaceKey ifKey, std::string const& deviceName);
-   void doUpdateGlobalKnobs();
+   // True when every namespace-wide setting is written; failed ones are retried by the backlog.
+   bool doUpdateGlobalKnobs();
 
    // ---- Status
    // The interface's IPv4 and L3 input statuses (ipStatusFor, l3StatusFor) are written only
@@ -197,6 +201,7 @@ public:
    // is removed when `deleteStale`.
    bool checkIpIntfCfgStatus(Mox::Ptr<Ip::IpIntfStatus const> const& status,
                              Konet::IntfId const& intf, bool deleteStale);
+   void removeStaleStatuses();
 
    // ---- Configuration
    Mox::Ptr<Ip::IpIntfConfig const> routedIpIntfConfig(Konet::IntfId const& intf) const;
@@ -244,6 +249,9 @@ private:
    void armBacklogTimer();
    void scheduleGlobalKnobs();
    void runEntry(KernelUpdateCodefEntry& entry);
+   // Counts a failed attempt of the entry's kernel work; true when it is given up, logged once.
+   bool entryFailed(KernelUpdateCodefEntry& entry, int err, double now, char const* what);
+   void runGlobalKnobs();
    bool writeOnChange(std::string const& path, std::string const& value);
    // The IPv4 address of the ICMP source interface, as the namespace's kernel lists it.
    Konet::IpAddr icmpSrcIntfAddr();
@@ -252,7 +260,7 @@ private:
    // hold or already hold it: that one is not ours to write.
    Mox::Ptr<Ip::IpIntfStatus> ipIntfStatusOf(Konet::IntfId const& intf) const;
 
-   Inputs const in_;
+   Inputs in_;  // fixed, but for routingInfoConfig
    bool standbyMode_;
    Mox::Ptr<KernelNetInfo::Root const> kniRoot_;
 
@@ -269,6 +277,7 @@ private:
    Mox::HashMap<Konet::IntfId, IntfIpKernelState> intfIpKernelState_;
    std::optional<Konet::IntfId> bookmark_;
    bool globalKnobsPending_ = false;
+   KernelUpdateCodefEntry globalKnobs_;                    // the namespace-wide settings' tries
    Mox::HashMap<std::string, std::string> globalWritten_;  // namespace-wide file -> value
    Konet::IntfId icmpSrcIntf_;  // the ICMP source interface the machine holds now
    uint64_t runs_ = 0;

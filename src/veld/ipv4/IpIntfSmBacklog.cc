@@ -44,10 +44,27 @@ void IpIntfSm::doScheduleKernelProcUpdate(Konet::IntfId const& intf) {
 
 void IpIntfSm::scheduleGlobalKnobs() {
    globalKnobsPending_ = true;
+   globalKnobs_.tries = 0;  // a change is tried afresh
    armBacklogTimer();
 }
 
 void IpIntfSm::handleBacklogTimer() { processIpIntfKernelUpdateCodefList(); }
+
+bool IpIntfSm::entryFailed(KernelUpdateCodefEntry& entry, int err, double now, char const* what) {
+   if (entry.tries == 0) entry.firstFailureTime = now;
+   entry.lastError = err;
+   ++errors_;
+   if (++entry.tries < maxKernelUpdateTries_) return false;
+   MOX_TRACE(th, 0,
+             "Abandoned " << what << ", error = " << entry.lastError << " for " << entry.intf
+                          << " after " << now - entry.firstFailureTime << " seconds");
+   Mox::logMessage(Mox::LogSeverity::warning, "VELD-PROC-ABANDONED",
+                   "Abandoned " + std::string(what) + ", error = " +
+                       std::to_string(entry.lastError) + " for " + entry.intf.name() + " after " +
+                       std::to_string(now - entry.firstFailureTime) + " seconds");
+   entry.tries = 0;
+   return true;
+}
 
 void IpIntfSm::runEntry(KernelUpdateCodefEntry& entry) {
    double now = Mox::System::currentTime();
@@ -56,22 +73,8 @@ void IpIntfSm::runEntry(KernelUpdateCodefEntry& entry) {
       if (err == 0) {
          entry.procUpdatePending = false;
          entry.tries = 0;
-      } else {
-         if (entry.tries == 0) entry.firstFailureTime = now;
-         entry.lastError = err;
-         ++errors_;
-         if (++entry.tries >= maxKernelUpdateTries_) {
-            MOX_TRACE(th, 0,
-                      "Abandoned write, error = " << entry.lastError << " for " << entry.intf
-                                                  << " after " << now - entry.firstFailureTime
-                                                  << " seconds");
-            Mox::logMessage(Mox::LogSeverity::warning, "VELD-PROC-ABANDONED",
-                            "Abandoned write, error = " + std::to_string(entry.lastError) +
-                                " for " + entry.intf.name() + " after " +
-                                std::to_string(now - entry.firstFailureTime) + " seconds");
-            entry.procUpdatePending = false;
-            entry.tries = 0;
-         }
+      } else if (entryFailed(entry, err, now, "write")) {
+         entry.procUpdatePending = false;
       }
    }
    if (entry.addrUpdatePending) {
@@ -84,11 +87,7 @@ void IpIntfSm::processIpIntfKernelUpdateCodefList() {
    MOX_TRACE_FN(th, " vrf " << in_.vrfName << " entries " << ipIntfKernelUpdateCodefList_.size());
    ++runs_;
    double const start = Mox::System::currentTime();
-   if (globalKnobsPending_) {
-      globalKnobsPending_ = false;
-      auto inNs = kernelIo().enterNamespace(nsName(), "processIpIntfKernelUpdateCodefList");
-      if (inNs->ok()) doUpdateGlobalKnobs();
-   }
+   if (globalKnobsPending_) runGlobalKnobs();
    // Each entry at most once per run, from the bookmark to the end and round to it.
    auto& list = ipIntfKernelUpdateCodefList_;
    std::vector<Konet::IntfId> order;
@@ -108,9 +107,15 @@ void IpIntfSm::processIpIntfKernelUpdateCodefList() {
       if (!entry) continue;
       ++itemsProcessed_;
       {
-         auto inNs = kernelIo().enterNamespace(nsName(), "processIpIntfKernelUpdateCodefList");
-         if (!inNs->ok()) continue;  // logged; the entry waits for the next run
-         runEntry(*entry);
+         // A namespace that cannot be entered is logged once per entry, retried like a
+         // failed write and given up with it.
+         auto inNs = kernelIo().enterNamespace(
+             nsName(), entry->tries ? nullptr : "processIpIntfKernelUpdateCodefList");
+         if (inNs->ok()) {
+            runEntry(*entry);
+         } else if (entryFailed(*entry, inNs->error(), Mox::System::currentTime(), "setns")) {
+            *entry = KernelUpdateCodefEntry{.intf = entry->intf};
+         }
       }
       entry = list.find(order[i]);  // the work may have added entries
       if (entry && entry->idle()) list.erase(order[i]);
@@ -122,6 +127,22 @@ void IpIntfSm::processIpIntfKernelUpdateCodefList() {
    MOX_TRACE(th, 5, "Backlog queue empty for vrf " << in_.vrfName);
    if (in_.warpState) in_.warpState->backlogEmptyIs(warpKey(), true);
    backlogTimer_->timeMinIs(Mox::kInfinity);
+}
+
+// The namespace-wide settings: what failed is written again by the next run, up to the
+// tries of a per-interface write.
+void IpIntfSm::runGlobalKnobs() {
+   globalKnobsPending_ = false;
+   auto& knobs = globalKnobs_;
+   knobs.intf = Konet::IntfId("all");
+   auto inNs = kernelIo().enterNamespace(
+       nsName(), knobs.tries ? nullptr : "processIpIntfKernelUpdateCodefList");
+   if (inNs->ok() && doUpdateGlobalKnobs()) {
+      knobs.tries = 0;
+      return;
+   }
+   int err = inNs->ok() ? EIO : inNs->error();
+   if (!entryFailed(knobs, err, Mox::System::currentTime(), "write")) globalKnobsPending_ = true;
 }
 
 void IpIntfSm::verifyBacklogQueue() {

@@ -94,8 +94,10 @@ bool IpIntfSm::doUpdateKernelAddrIntf(Konet::IntfId const& intf) {
    if (config && sameVrf) intfStatusEnsure(intf, config);
 
    int sock = in_.netlinkSocket;
-   if (config) {
-      bool noArp = config->noArp() == Ip::TristateBool::isTrue;
+   {
+      // Only a device routed here with no-ARP configured goes without ARP; one that leaves
+      // the routed set gets it back.
+      bool noArp = config && sameVrf && config->noArp() == Ip::TristateBool::isTrue;
       if (noArp != bool(kniIntf.flags & KernelNetInfo::kIffNoArp)) {
          int err = kernelIo().setKintfFlags(sock, static_cast<int>(kniIntf.key.ifIndex),
                                             noArp ? KernelNetInfo::kIffNoArp : 0,
@@ -321,8 +323,12 @@ Konet::IpAddr IpIntfSm::icmpSrcIntfAddr() {
    return Konet::IpAddr();
 }
 
-void IpIntfSm::doUpdateGlobalKnobs() {
+bool IpIntfSm::doUpdateGlobalKnobs() {
    MOX_TRACE_FN(th, " vrf " << in_.vrfName);
+   bool ok = true;
+   auto writeOnChange = [&](std::string const& path, std::string const& value) {
+      ok = this->writeOnChange(path, value) && ok;
+   };
    if (in_.kernelProtoConfig) {
       writeOnChange("/proc/sys/net/ipv4/tcp_nosock_send_rst",
                     bit(in_.kernelProtoConfig->tcpSendReset()));
@@ -343,6 +349,7 @@ void IpIntfSm::doUpdateGlobalKnobs() {
          writeOnChange(std::string(kProcConfDir) + d + "/use_icmp_src_ipaddr", bit(!src.isZero()));
       }
    }
+   return ok;
 }
 
 }  // namespace Veld

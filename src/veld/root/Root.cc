@@ -39,6 +39,25 @@ Root::Root(Mox::Name name) : name_(std::move(name)) {
    handleInitialized();
 }
 
+Root::~Root() {
+   MOX_TRACE_FN0(th);
+   warpSmDel();
+   allVrfSmDel();
+   cleanupLoopbackIntfSmDel();
+   loopbackIntfSmDel();
+   l3IntfStatusSmDel();
+   ipIntfStatusSmDel();
+   ipIntfSmDel();
+   addrMapSmDel();
+   kernelNetNsInfoManagerDel();
+   vrfIp6IntfConfigSmDel();
+   vrfIpIntfConfigSmDel();
+   netNsIntfStatusManagerRootDel();
+   intfStatusManagerRootDel();
+   ownSocket_.reset();
+   netlinkSocket_ = -1;
+}
+
 Mox::Ptr<Root> rootFactory(Mox::Name name) { return Mox::make<Root>(std::move(name)); }
 
 // Opens the agent's netlink socket in the default namespace, once for the root's life
@@ -51,12 +70,11 @@ void Root::handleInitialized() {
    if (!ownSocket_) {
       int error = 0;
       ownSocket_ = Konet::createNetlinkSocket(ns, 0, 2, true, 0, &error);
-      if (ownSocket_) {
-         netlinkSocketIs(static_cast<uint32_t>(ownSocket_.get()));
-      } else {
+      if (!ownSocket_) {
          Mox::logFailure("VELD_NETLINK_SOCKET",
                          "Failed to open a netlink socket in NS: " + ns.name(), error);
       }
+      netlinkSocketIs(ownSocket_.get());
    }
    setupProcSysNet(ns);
    initializedSet(true);
@@ -67,7 +85,7 @@ void Root::kniStatusIs(Mox::Ptr<KernelNetInfo::Status const> const& kniStatus) {
    kniStatus_ = kniStatus;
 }
 
-void Root::netlinkSocketIs(uint32_t netlinkSocket) {
+void Root::netlinkSocketIs(int netlinkSocket) {
    MOX_TRACE_FN(th, netlinkSocket);
    netlinkSocket_ = netlinkSocket;
 }

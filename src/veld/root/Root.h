@@ -58,6 +58,8 @@ public:
    static constexpr Mox::AttrId kWarpState = 16;
 
    explicit Root(Mox::Name name);
+   // Releases and silences the machines before the socket they were given is closed.
+   ~Root() override;
 
    Mox::Name const& name() const { return name_; }
    void handleInitialized();
@@ -65,9 +67,9 @@ public:
    // ---- inputs and values
    Mox::Ptr<KernelNetInfo::Status const> const& kniStatus() const { return kniStatus_; }
    void kniStatusIs(Mox::Ptr<KernelNetInfo::Status const> const& kniStatus);
-   // The agent's netlink socket in the default namespace; 0 while there is none.
-   uint32_t netlinkSocket() const { return netlinkSocket_; }
-   void netlinkSocketIs(uint32_t netlinkSocket);
+   // The agent's netlink socket in the default namespace; -1 while there is none.
+   int netlinkSocket() const { return netlinkSocket_; }
+   void netlinkSocketIs(int netlinkSocket);
    Mox::Ptr<Bolt::TaskScheduler> const& scheduler() const { return scheduler_; }
    void schedulerIs(Mox::Ptr<Bolt::TaskScheduler> const& scheduler);
 
@@ -204,7 +206,7 @@ private:
    Mox::Ptr<KernelNetNsInfo::Manager> kernelNetNsInfoManager_;
    Mox::Ptr<AllVrfSm> allVrfSm_;
    Mox::Ptr<WarpSm> warpSm_;
-   uint32_t netlinkSocket_ = 0;
+   int netlinkSocket_ = -1;
    Konet::Fd ownSocket_;  // the socket this root opened, closed with it
    Mox::Ptr<WarpState> warpState_;
    Mox::Ptr<VrfIpIntfConfigDir> vrfIpIntfConfigDir_;

@@ -22,12 +22,84 @@ public:
    void onRouting() override { owner()->handleIp6Routing(); }
 };
 
+class VrfRoot::MoxAllVrfStatusGlobal
+    : public Mox::Reactor<VrfRoot, Ip::AllVrfStatusGlobal::NotifieeConst> {
+public:
+   using Reactor::Reactor;
+   void onVrf(L3::VrfName const& vrfName) override {
+      if (vrfName == owner()->vrfName()) owner()->handleInitialized();
+   }
+};
+
+class VrfRoot::MoxAllVrfStatusLocal
+    : public Mox::Reactor<VrfRoot, Ip::AllVrfStatusLocal::NotifieeConst> {
+public:
+   using Reactor::Reactor;
+   void onVrf(L3::VrfName const& vrfName) override {
+      if (vrfName == owner()->vrfName()) owner()->handleInitialized();
+   }
+};
+
+class VrfRoot::MoxVrfStatusLocal : public Mox::Reactor<VrfRoot, Ip::VrfStatusLocal::NotifieeConst> {
+public:
+   using Reactor::Reactor;
+   void onNetNsName() override { owner()->handleInitialized(); }
+};
+
+// The directory the namespace's kernel mirror is published in ("kni/ns/<ns>").
+class VrfRoot::MoxKniDir : public Mox::Reactor<VrfRoot, Mox::Dir::NotifieeConst> {
+public:
+   using Reactor::Reactor;
+   void onEntry(Mox::Name const& name) override {
+      if (name == Mox::Name("status")) owner()->handleInitialized();
+   }
+};
+
 VrfRoot::VrfRoot(L3::VrfName vrfName, Inputs inputs, bool standbyMode)
     : vrfName_(std::move(vrfName)), inputs_(std::move(inputs)), standbyMode_(standbyMode) {
    MOX_TRACE_FN(th, " Vrf: " << vrfName_ << " standbyMode " << standbyMode_);
    moxRouting6InfoConfig_ = Mox::make<MoxRouting6InfoConfig>(this);
    moxRouting6InfoConfig_->notifierIs(inputs_.routing6InfoConfig);
+   moxAllVrfStatusGlobal_ = Mox::make<MoxAllVrfStatusGlobal>(this);
+   moxAllVrfStatusGlobal_->notifierIs(inputs_.allVrfStatusGlobal);
+   moxAllVrfStatusLocal_ = Mox::make<MoxAllVrfStatusLocal>(this);
+   moxAllVrfStatusLocal_->notifierIs(inputs_.allVrfStatusLocal);
+   moxVrfStatusLocal_ = Mox::make<MoxVrfStatusLocal>(this);
+   moxKniDir_ = Mox::make<MoxKniDir>(this);
    handleInitialized();
+}
+
+void VrfRoot::routingInfoConfigIs(Mox::Ptr<Routing::InfoConfig const> const& config) {
+   MOX_TRACE_FN(th, " Vrf: " << vrfName_);
+   if (config == inputs_.routingInfoConfig) return;
+   inputs_.routingInfoConfig = config;
+   if (ipIntfSm_) ipIntfSm_->routingInfoConfigIs(config);
+}
+
+void VrfRoot::routing6InfoConfigIs(Mox::Ptr<Routing6::InfoConfig const> const& config) {
+   MOX_TRACE_FN(th, " Vrf: " << vrfName_);
+   if (config == inputs_.routing6InfoConfig) return;
+   inputs_.routing6InfoConfig = config;
+   moxRouting6InfoConfig_->notifierIs(config);
+   handleIp6Routing();
+}
+
+// The local entry is watched for its namespace, and the mirror's directory once the
+// namespace is known; an initialised root needs neither.
+void VrfRoot::watchMissing() {
+   if (initialized()) {
+      moxVrfStatusLocal_->notifierIs(nullptr);
+      moxKniDir_->notifierIs(nullptr);
+      return;
+   }
+   auto const& in = inputs_;
+   auto local = in.allVrfStatusLocal ? in.allVrfStatusLocal->vrf(vrfName_) : nullptr;
+   moxVrfStatusLocal_->notifierIs(local);
+   Mox::Ptr<Mox::Dir> kniDir;
+   if (local && !local->netNsName().isDefault() && in.entityMgr) {
+      kniDir = in.entityMgr->dirIs(Larder::formatPath("kni/ns/%s", local->netNsName().name()));
+   }
+   moxKniDir_->notifierIs(kniDir);
 }
 
 VrfRoot::~VrfRoot() { moxDoZombieReactors(true); }
@@ -115,6 +187,7 @@ void VrfRoot::cleanupLoopbackIntfSmDel() {
 void VrfRoot::handleInitialized() {
    MOX_TRACE_FN(th, " Vrf: " << vrfName_ << " Ns: " << ns_);
    if (initialized()) return;
+   watchMissing();
    auto const& in = inputs_;
    if (!in.allVrfStatusGlobal || !in.allVrfStatusGlobal->vrf(vrfName_)) return;
    auto local = in.allVrfStatusLocal ? in.allVrfStatusLocal->vrf(vrfName_) : nullptr;
@@ -187,6 +260,7 @@ void VrfRoot::handleInitialized() {
 
    handleIp6Routing();
    initializedIs(true);
+   watchMissing();
 }
 
 // The VRF goes: its namespace leaves the interface-status manager root and the VRF's

@@ -10,8 +10,15 @@
 // loopback clean-up machine.
 //
 // States: uninitialised (the VRF has no global or local status yet, no namespace, or its
-// kernel mirror is not published) -> initialised. handleDelete, run when VrfRootSm lets the
-// root go, unregisters the namespace and releases the VRF's machines.
+// kernel mirror is not published) -> initialised. While uninitialised it watches what is
+// missing (the VRF's entries in AllVrfStatusGlobal and AllVrfStatusLocal, the local entry's
+// namespace, the directory the mirror is published in) and finishes when it arrives.
+// handleDelete, run when VrfRootSm lets the root go, unregisters the namespace and releases
+// the VRF's machines.
+//
+// The VRF's routing entries (routingInfoConfig, routing6InfoConfig) are followed rather than
+// fixed: when the agent re-creates them while the root lives, VrfRootSm points the root at
+// the new ones (routingInfoConfigIs, routing6InfoConfigIs).
 #pragma once
 
 #include "konet/NamespaceName.h"
@@ -87,6 +94,9 @@ public:
 
    L3::VrfName const& vrfName() const { return vrfName_; }
    Inputs const& inputs() const { return inputs_; }
+   // The VRF's routing entries as they are now; the IPv4 machine follows the IPv4 one.
+   void routingInfoConfigIs(Mox::Ptr<Routing::InfoConfig const> const& config);
+   void routing6InfoConfigIs(Mox::Ptr<Routing6::InfoConfig const> const& config);
 
    bool standbyMode() const { return standbyMode_; }
    void standbyModeIs(bool standbyMode);
@@ -137,9 +147,15 @@ public:
 
 private:
    class MoxRouting6InfoConfig;
+   class MoxAllVrfStatusGlobal;
+   class MoxAllVrfStatusLocal;
+   class MoxVrfStatusLocal;
+   class MoxKniDir;
+   // Watches, while uninitialised, whatever initialisation still waits for.
+   void watchMissing();
 
    L3::VrfName const vrfName_;
-   Inputs const inputs_;
+   Inputs inputs_;
    bool standbyMode_;
    Konet::NamespaceName ns_;
    Mox::Ptr<KernelNetInfo::Status const> kniStatus_;
@@ -153,6 +169,10 @@ private:
    Mox::Ptr<IpIntfSm> ipIntfSm_;
    Mox::Ptr<CleanupLoopbackIntfSm> cleanupLoopbackIntfSm_;
    Mox::Ptr<MoxRouting6InfoConfig> moxRouting6InfoConfig_;
+   Mox::Ptr<MoxAllVrfStatusGlobal> moxAllVrfStatusGlobal_;
+   Mox::Ptr<MoxAllVrfStatusLocal> moxAllVrfStatusLocal_;
+   Mox::Ptr<MoxVrfStatusLocal> moxVrfStatusLocal_;
+   Mox::Ptr<MoxKniDir> moxKniDir_;
 };
 
 }  // namespace Veld

@@ -124,7 +124,13 @@ Mox::Ptr<VrfRoot> VrfRootSm::vrfRootIs(L3::VrfName const& vrfName, VrfRoot::Inpu
                                        bool standbyMode) {
    MOX_TRACE_FN(th, vrfName);
    if (auto root = vrfRoot(vrfName)) {
-      VrfRoot::Inputs::checkCtorParams(root->inputs(), inputs);
+      // The routing entries are the VRF's as they are now: re-created ones are followed.
+      auto fixed = inputs;
+      fixed.routingInfoConfig = root->inputs().routingInfoConfig;
+      fixed.routing6InfoConfig = root->inputs().routing6InfoConfig;
+      VrfRoot::Inputs::checkCtorParams(root->inputs(), fixed);
+      if (inputs.routingInfoConfig) root->routingInfoConfigIs(inputs.routingInfoConfig);
+      if (inputs.routing6InfoConfig) root->routing6InfoConfigIs(inputs.routing6InfoConfig);
       root->standbyModeIs(standbyMode);
       return root;
    }
@@ -230,11 +236,23 @@ void VrfRootSm::handleVrfStatusLocal(L3::VrfName const& vrfName) {
    }
 }
 
-// Only makes: a root goes with its VRF's local status, never with its configuration.
+// Only makes: a root goes with its VRF's local status, never with its configuration. A
+// routing entry deleted and made again while the root lives is a new entity: the root is
+// pointed at it (while it is absent the root keeps the last one).
 void VrfRootSm::maybeMakeOrDeleteVrfRoot(L3::VrfName const& vrfName) {
    MOX_TRACE_FN(th, vrfName);
    MOX_ASSERT(initialized());
-   if (!vrfRoot(vrfName)) doCreateVrfRoot(vrfName);
+   auto root = vrfRoot(vrfName);
+   if (!root) {
+      doCreateVrfRoot(vrfName);
+      return;
+   }
+   if (auto routing = in_.routingVrfInfoConfigDir->vrfConfig(vrfName)) {
+      root->routingInfoConfigIs(routing);
+   }
+   if (auto routing6 = in_.routing6VrfInfoConfigDir->vrfConfig(vrfName)) {
+      root->routing6InfoConfigIs(routing6);
+   }
 }
 
 // The default VRF is served by the agent root, never by a VRF root.

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include "IpIntfSmFixture.h"
+#include "tests/veld/TraceCapture.h"
 
 namespace VeldTest {
 namespace {
@@ -105,6 +106,71 @@ TEST_F(IpIntfSmBacklogTest, AWriteThatKeepsFailingIsAbandonedAfter33Tries) {
    e1.config->gratuitousArpAcceptedIs(true);
    settle();
    EXPECT_EQ(proc(e1.veth.name, "arp_accept"), "1");
+}
+
+TEST_F(IpIntfSmBacklogTest, ANamespaceThatCannotBeEnteredIsGivenUpAfter33Tries) {
+   std::vector<std::string> logs;
+   auto previous = Mox::logSinkIs([&](Mox::LogRecord const& r) { logs.push_back(r.text); });
+   auto missing = managerRoot->intfStatusManagerIs("veldtest-missing-ns");
+   sm = newSm(view, addrMap, missing, -1);
+   sm->doScheduleKernelProcUpdate(IntfId("Ethernet1"));
+   EXPECT_FALSE(warp->backlogEmpty(sm->warpKey()));
+   for (int i = 0; i < 40; ++i)
+      Mox::activityManager().advanceBy(0.011);
+   Mox::logSinkIs(previous);
+   EXPECT_EQ(sm->ipIntfKernelUpdateCodefListSize(), 0u);
+   EXPECT_EQ(sm->backlogTimerTime(), Mox::kInfinity);
+   EXPECT_TRUE(warp->backlogEmpty(sm->warpKey()));
+   size_t setns = 0, abandoned = 0;
+   for (auto const& l : logs) {
+      setns += l.find("Failed to setns to NS: veldtest-missing-ns") != std::string::npos;
+      abandoned += l.starts_with("Abandoned setns, error = ") && l.find("Ethernet1") != l.npos;
+   }
+   EXPECT_EQ(setns, 2u);  // the namespace-wide settings and the interface, once each
+   EXPECT_EQ(abandoned, 1u);
+}
+
+TEST_F(IpIntfSmBacklogTest, FailedNamespaceSettingsAreRetriedByTheBacklog) {
+   io.failPath = "conf/all/send_redirects";
+   ipConfig->sendRedirectsIs(false);
+   std::vector<std::string> logs;
+   auto previous = Mox::logSinkIs([&](Mox::LogRecord const& r) { logs.push_back(r.text); });
+   makeSm();
+   for (int i = 0; i < 40; ++i)
+      Mox::activityManager().advanceBy(0.011);
+   Mox::logSinkIs(previous);
+   EXPECT_EQ(io.writesTo("all/send_redirects").size(), 33u);
+   EXPECT_EQ(sm->backlogTimerTime(), Mox::kInfinity);
+   bool abandoned = false;
+   for (auto const& l : logs)
+      abandoned |= l.starts_with("Abandoned write, error = 5 for all after ");
+   EXPECT_TRUE(abandoned);
+
+   // The next change tries again, and a write that now works is kept.
+   io.failPath.clear();
+   ipConfig->sendRedirectsIs(true);
+   ipConfig->sendRedirectsIs(false);
+   settle();
+   EXPECT_EQ(io.writesTo("all/send_redirects").back(), std::make_pair(std::string("0"), 0));
+   EXPECT_EQ(proc("all", "send_redirects"), "0");
+}
+
+TEST_F(IpIntfSmBacklogTest, WarpStateSeesAnIdleMachineAndForgetsOneThatGoes) {
+   // Without L3 interfaces there is nothing to wait for.
+   {
+      VeldTest::TraceCapture traces{"Veld"};
+      makeSm();
+      EXPECT_TRUE(
+          traces.contains("No L3 interfaces in vrf default, Vrf default. Skipping WARP check."));
+      EXPECT_TRUE(warp->backlogEmpty(sm->warpKey()));
+   }
+   // A machine that goes with work pending leaves no key behind.
+   auto key = sm->warpKey();
+   auto e1 = addIntf("Ethernet1");
+   place(e1);
+   EXPECT_FALSE(warp->backlogEmpty(key));
+   sm = nullptr;
+   EXPECT_EQ(warp->backlogEmptyIterator().find(key), nullptr);
 }
 
 }  // namespace

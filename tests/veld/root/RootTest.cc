@@ -1,7 +1,9 @@
 // The agent root: its socket and namespace knobs against the real kernel, and the
 // create-or-update rule of its children.
 #include <dirent.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
+#include <unistd.h>
 
 #include <gtest/gtest.h>
 
@@ -62,7 +64,7 @@ TEST_F(RootTest, OpensOneNetlinkSocketAndSetsTheDefaultNamespaceKnobs) {
    EXPECT_TRUE(root->initialized());
    EXPECT_EQ(knobs(def), kAgentKnobs);
 
-   int const sock = static_cast<int>(root->netlinkSocket());
+   int const sock = root->netlinkSocket();
    int protocol = -1;
    socklen_t len = sizeof protocol;
    ASSERT_EQ(::getsockopt(sock, SOL_SOCKET, SO_PROTOCOL, &protocol, &len), 0);
@@ -72,11 +74,50 @@ TEST_F(RootTest, OpensOneNetlinkSocketAndSetsTheDefaultNamespaceKnobs) {
    root->handleInitialized();
    root->initializedIs(false);
    root->handleInitialized();
-   EXPECT_EQ(root->netlinkSocket(), static_cast<uint32_t>(sock));
+   EXPECT_EQ(root->netlinkSocket(), sock);
    EXPECT_EQ(openFds(), before + 1);
 
    root = nullptr;
    EXPECT_EQ(openFds(), before);
+}
+
+TEST_F(RootTest, NoSocketIsMinusOneAndReportedAndMachinesGoBeforeTheSocket) {
+   {
+      // No descriptor is left for the socket: the root says so and holds none, not fd 0.
+      KonetTest::LogCapture log;
+      rlimit saved{};
+      ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &saved), 0);
+      int const lowest = ::dup(0);
+      ASSERT_GE(lowest, 0);
+      ::close(lowest);
+      rlimit full = saved;
+      full.rlim_cur = static_cast<rlim_t>(lowest);
+      ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &full), 0);
+      auto root = rootFactory();
+      ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &saved), 0);
+      EXPECT_EQ(root->netlinkSocket(), -1);
+      EXPECT_TRUE(log.contains("Failed to open a netlink socket in NS: "));
+      root->initializedIs(false);
+      root->handleInitialized();  // a later initialisation opens it
+      EXPECT_GE(root->netlinkSocket(), 0);
+   }
+
+   // The root goes while someone still holds its IPv4 machine: the machine is silenced
+   // first, so it never works with the socket the root closes.
+   Mox::ScopedVirtualTime time;
+   auto wheel = make<Bolt::TimerWheel>();
+   auto proto = make<Routing::KernelProtoConfig>();
+   auto root = rootFactory();
+   Mox::Ptr<IpIntfSm> held = root->ipIntfSmIs({.kernelProtoConfig = proto,
+                                               .netlinkSocket = root->netlinkSocket(),
+                                               .vrfName = L3::VrfName::defaultVrf(),
+                                               .timerWheel = wheel},
+                                              false);
+   Mox::activityManager().advanceBy(0.02);
+   ASSERT_EQ(held->backlogTimerTime(), Mox::kInfinity);
+   root = nullptr;
+   proto->tcpSendResetIs(false);
+   EXPECT_EQ(held->backlogTimerTime(), Mox::kInfinity);
 }
 
 TEST_F(RootTest, SetsTheKnobsInsideANamedNamespaceOnly) {

@@ -9,6 +9,7 @@
 #include "linux/NetNs.h"
 #include "linux/NetlinkAddr.h"
 #include "linux/NetlinkLink.h"
+#include "linux/ProcSys.h"
 #include "tests/linux/KernelFixture.h"
 #include "veld/root/Root.h"
 #include "veld/root/VrfRootSm.h"
@@ -130,6 +131,30 @@ TEST_F(VrfIpv4Test, AnInterfaceOfAVrfIsProgrammedInsideTheVrfsNamespace) {
    EXPECT_EQ(published->vrf(), L3::VrfName("blue"));
    EXPECT_EQ(published->addrWithMask().toString(), "10.5.0.1/24");
    EXPECT_EQ(l3Status->intfStatus(IntfId("Ethernet1"))->vrf(), L3::VrfName("blue"));
+
+   // The VRF's routing entries are made again, routing off, while its root lives: the
+   // interface's forwarding follows the new entry, and not the old one.
+   std::string const forwarding = "/proc/sys/net/ipv4/conf/" + veth.name + "/forwarding";
+   auto readForwarding = [&] {
+      Konet::ScopedNetNs inNs(ns);
+      std::string value;
+      EXPECT_EQ(Konet::readProcSys(forwarding, &value), 0);
+      return value;
+   };
+   EXPECT_EQ(readForwarding(), "1");
+   auto oldRouting = routing->vrfConfig("blue");
+   routing->vrfConfigDel("blue");
+   routing6->vrfConfigDel("blue");
+   routing->vrfConfigIs("blue");
+   routing6->vrfConfigIs("blue");
+   settle();
+   EXPECT_EQ(readForwarding(), "0");
+   routing->vrfConfig("blue")->routingIs(true);
+   settle();
+   EXPECT_EQ(readForwarding(), "1");
+   oldRouting->routingIs(false);
+   settle();
+   EXPECT_EQ(readForwarding(), "1");
 
    // The VRF goes: its machine and the interface's status go with it.
    local->vrfDel("blue");

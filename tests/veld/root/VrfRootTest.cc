@@ -169,6 +169,28 @@ TEST_F(VrfRootTest, Ipv6RoutingDrivesForwardingInEachNamespace) {
    EXPECT_EQ(readIn(def, kForwarding6), "0");
    config->routingIs(false);
    EXPECT_EQ(readIn(ns, kForwarding6), "0");
+
+   // The agent deletes and makes again the VRF's routing entries while its root lives: the
+   // root follows the new ones.
+   auto blue = sm->vrfRoot("blue");
+   routing6->vrfConfigDel("blue");
+   routing->vrfConfigDel("blue");
+   routingIs("blue");
+   EXPECT_EQ(sm->vrfRoot("blue"), blue);
+   EXPECT_EQ(blue->inputs().routingInfoConfig, routing->vrfConfig("blue"));
+   EXPECT_EQ(blue->inputs().routing6InfoConfig, routing6->vrfConfig("blue"));
+   routing6->vrfConfig("blue")->routingIs(true);
+   EXPECT_EQ(readIn(ns, kForwarding6), "1");
+   config->routingIs(false);  // the old entry no longer counts
+   EXPECT_EQ(readIn(ns, kForwarding6), "1");
+
+   // Asking for the root with other routing entries is no changed parameter either.
+   auto inputs = blue->inputs();
+   auto other = make<Routing6::InfoConfig>(VrfName("blue"));
+   inputs.routing6InfoConfig = other;
+   EXPECT_EQ(sm->vrfRootIs("blue", inputs, false), blue);
+   EXPECT_EQ(blue->inputs().routing6InfoConfig, other);
+   EXPECT_EQ(readIn(ns, kForwarding6), "0");
 }
 
 TEST_F(VrfRootTest, StandbyReachesEveryRootAndParametersAreChecked) {
@@ -207,6 +229,56 @@ TEST_F(VrfRootTest, RootWithoutAKernelMirrorStaysUninitialised) {
    EXPECT_FALSE(blue->initialized());
    EXPECT_EQ(blue->netlinkSocket(), -1);
    EXPECT_FALSE(managers->intfStatusManager(ns));
+
+   // The mirror is published: the root finishes.
+   mgr->entityIs(Larder::formatPath("kni/ns/%s/status", ns.name()),
+                 make<KernelNetInfo::Status>(ns));
+   EXPECT_TRUE(blue->initialized());
+   EXPECT_GE(blue->netlinkSocket(), 0);
+   EXPECT_TRUE(managers->intfStatusManager(ns));
+}
+
+TEST_F(VrfRootTest, RootFinishesInitialisingAsWhatItWaitsForArrives) {
+   routingIs("blue");
+   local->vrfIs("blue")->stateIs(Ip::VrfState::active);
+   auto blue = sm->vrfRoot("blue");
+   ASSERT_TRUE(blue);
+   EXPECT_FALSE(blue->initialized());  // no global status
+
+   global->vrfIs("blue");
+   EXPECT_FALSE(blue->initialized());  // no namespace
+   auto ns = createNamespace();
+   local->vrf("blue")->netNsNameIs(ns);
+   EXPECT_FALSE(blue->initialized());  // no kernel mirror
+   EXPECT_EQ(blue->netlinkSocket(), -1);
+
+   mgr->entityIs(Larder::formatPath("kni/ns/%s/status", ns.name()),
+                 make<KernelNetInfo::Status>(ns));
+   ASSERT_TRUE(blue->initialized());
+   EXPECT_EQ(blue->ns(), ns);
+   EXPECT_GE(blue->netlinkSocket(), 0);
+   EXPECT_TRUE(managers->intfStatusManager(ns));
+   EXPECT_EQ(readIn(ns, "/proc/sys/net/ipv4/igmp_max_memberships"), "65535");
+   int const sock = blue->netlinkSocket();
+   mgr->entityIs(Larder::formatPath("kni/ns/%s/status", ns.name()),
+                 make<KernelNetInfo::Status>(ns));
+   EXPECT_EQ(blue->netlinkSocket(), sock);  // initialised once
+
+   // Local status first, global status last.
+   routingIs("red");
+   auto redNs = vrfIs("red", Ip::VrfState::active);
+   global->vrfDel("red");
+   auto red = sm->vrfRoot("red");
+   ASSERT_TRUE(red);
+   EXPECT_TRUE(red->initialized());  // made while the global status was there
+   local->vrfDel("red");
+   local->vrfIs("red")->netNsNameIs(redNs);
+   local->vrf("red")->stateIs(Ip::VrfState::active);
+   red = sm->vrfRoot("red");
+   ASSERT_TRUE(red);
+   EXPECT_FALSE(red->initialized());
+   global->vrfIs("red");
+   EXPECT_TRUE(red->initialized());
 }
 
 TEST_F(VrfRootTest, RefusesWhatMustNeverHappen) {
@@ -291,4 +363,7 @@ TEST_F(VrfRootTest, RootOfAVrfWithoutGlobalStatusWaits) {
    EXPECT_FALSE(blue->initialized());
    EXPECT_TRUE(blue->ns().name().empty());
    EXPECT_FALSE(managers->intfStatusManager(ns));
+   global->vrfIs("blue");
+   EXPECT_TRUE(blue->initialized());
+   EXPECT_EQ(blue->ns(), ns);
 }
