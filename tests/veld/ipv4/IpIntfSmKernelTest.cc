@@ -1,6 +1,7 @@
 // The IPv4 machine programming the real kernel: addresses, IFF_NOARP, /proc settings,
 // flushes, and status.
 #include <gtest/gtest.h>
+#include <linux/rtnetlink.h>
 
 #include "IpIntfSmFixture.h"
 
@@ -295,11 +296,30 @@ TEST_F(IpIntfSmKernelTest, ADeviceThatGoesDownIsFlushedWithoutPromotingSecondari
    makeSm();
    settle();
    ASSERT_EQ(kernelAddrSet(e1.veth.ifindex).size(), 3u);
+   int err = 0;
+   auto monitor =
+       Konet::createNetlinkSocket("default", RTMGRP_IPV4_IFADDR, 0, false, 1 << 20, &err);
+   ASSERT_TRUE(monitor);
 
    ASSERT_EQ(Konet::setLinkUp(sock(), e1.veth.peerIfindex, false), 0);  // carrier goes
    ASSERT_TRUE(KonetTest::waitFor([&] { return !(link(e1.veth.ifindex).flags & IFF_RUNNING); }));
    settle();
    EXPECT_TRUE(kernelAddrs(e1.veth.ifindex).empty());
+   // The kernel announces a promoted secondary as a new address: none came, only the three
+   // deletions.
+   int added = 0, deleted = 0;
+   alignas(nlmsghdr) char buf[1 << 16];
+   for (ssize_t n; (n = recv(monitor.get(), buf, sizeof buf, MSG_DONTWAIT)) > 0;) {
+      int len = static_cast<int>(n);
+      for (auto* h = reinterpret_cast<nlmsghdr*>(buf); NLMSG_OK(h, len); h = NLMSG_NEXT(h, len)) {
+         Konet::AddrInfo a;
+         if (!Konet::parseAddrMsg(h, &a) || a.ifindex != e1.veth.ifindex) continue;
+         added += h->nlmsg_type == RTM_NEWADDR;
+         deleted += h->nlmsg_type == RTM_DELADDR;
+      }
+   }
+   EXPECT_EQ(added, 0);
+   EXPECT_EQ(deleted, 3);
    EXPECT_EQ(proc(e1.veth.name, "promote_secondaries"), "1");
    EXPECT_EQ(ipStatus(e1.id)->addrWithMask(), IpAddrWithMask());
    EXPECT_TRUE(ipStatus(e1.id)->activeSecondaryWithMaskIterator().empty());
