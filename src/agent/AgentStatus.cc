@@ -62,12 +62,32 @@ kernelAddrs(KernelMirrors const& mirrors) {
    return out;
 }
 
+// The IPv4 addresses each namespace's kernel holds as secondaries of their subnet, by device:
+// the source address selection never picks them where a primary is there.
+static std::map<Konet::NamespaceName, std::map<std::string, std::set<Konet::IpAddrWithMask>>>
+kernelSecondaries(KernelMirrors const& mirrors) {
+   std::map<Konet::NamespaceName, std::map<std::string, std::set<Konet::IpAddrWithMask>>> out;
+   for (auto const& ns : mirrors.namespaces()) {
+      auto const& status = mirrors.mirror(ns)->status();
+      auto table = status->ipState();
+      for (auto it = table.begin(); it != table.end(); ++it) {
+         auto const& k = it.key();
+         if (!k.addr.isV4() || !it.value().assigned) continue;
+         if (!(it.value().flags & KernelNetInfo::kIfaSecondary)) continue;
+         auto dev = status->interface(k.intfKey).deviceName;
+         out[ns][dev].emplace(k.addr.v4(), static_cast<uint8_t>(k.prefixLen));
+      }
+   }
+   return out;
+}
+
 bool Agent::converged() const {
    if (!writer_ || !vrfs_->settled() || !mover_->settled() || !intfs_->settled()) return false;
    for (auto const& [vrf, sm] : ipIntfSms()) {
       if (sm->ipIntfKernelUpdateCodefListSize()) return false;
    }
    auto kernel = kernelAddrs(mirrors_);
+   auto secondaries = kernelSecondaries(mirrors_);
    for (auto const& [id, s] : config().interfaces) {
       auto status = e_.allIntfStatus->intfStatus(id);
       if (!status || status->deviceName().empty()) return false;
@@ -92,6 +112,9 @@ bool Agent::converged() const {
       }
       if (held != want || !ip) return false;
       if (ip->addrWithMask() != s.ipv4.address.value_or(Konet::IpAddrWithMask())) return false;
+      // The configured primary is the kernel's primary of its subnet, not one of its
+      // secondaries.
+      if (s.ipv4.address && secondaries[ns][s.device].count(*s.ipv4.address)) return false;
       if (ip->activeSecondaryWithMaskIterator().size() != s.ipv4.secondaries.size()) return false;
       for (auto const& a : s.ipv4.secondaries) {
          if (!ip->activeSecondaryWithMask(a)) return false;
@@ -102,6 +125,7 @@ bool Agent::converged() const {
 
 Json Agent::showInterfaces() const {
    auto kernel = kernelAddrs(mirrors_);
+   auto secondaries = kernelSecondaries(mirrors_);
    Json list = Json::array();
    for (auto const& [id, s] : config().interfaces) {
       Json j;
@@ -140,9 +164,13 @@ Json Agent::showInterfaces() const {
       } else {
          j["status"] = nullptr;
       }
-      Json k = Json::array();
-      if (present) k = addrs(kernel[status->netNsName()][status->deviceName()]);
+      Json k = Json::array(), ks = Json::array();
+      if (present) {
+         k = addrs(kernel[status->netNsName()][status->deviceName()]);
+         ks = addrs(secondaries[status->netNsName()][status->deviceName()]);
+      }
       j["kernel"] = k;
+      j["kernelSecondaries"] = ks;
       list.push_back(j);
    }
    return Json{{"interfaces", list}};
@@ -185,6 +213,8 @@ Json Agent::showBacklog() const {
       j["runs"] = sm->ipIntfKernelUpdateCodefListProcessed();
       j["itemsProcessed"] = sm->ipIntfKernelUpdateCodefListItemsProcessed();
       j["errors"] = sm->ipIntfKernelUpdateCodefListErrs();
+      j["procWritesSkipped"] = sm->procWritesSkipped();
+      j["driftRepairs"] = sm->driftRepairs();
       j["empty"] =
           warp ? warp->backlogEmpty(sm->warpKey()) : sm->ipIntfKernelUpdateCodefListSize() == 0;
       list.push_back(j);

@@ -83,8 +83,17 @@ std::string renderInterfaces(Json const& answer) {
       }
       std::sort(held.begin(), held.end());
       std::sort(published.begin(), published.end());
+      // ... and that the published primary is the kernel's primary of its subnet, which
+      // source address selection uses, not a secondary.
+      bool primaryDemoted = false;
+      if (!st.is_null() && i.contains("kernelSecondaries")) {
+         for (auto const& a : i.at("kernelSecondaries"))
+            primaryDemoted = primaryDemoted || a == st.at("address");
+      }
       if (!i.at("deviceFound").get<bool>()) {
          kernel = "no device";
+      } else if (primaryDemoted) {
+         kernel = "primary " + st.at("address").get<std::string>() + " is a kernel secondary";
       } else if (held == published) {
          kernel = held.empty() ? "no address" : "in sync";
       } else {

@@ -80,6 +80,9 @@ void KernelMirror::applyLink(LinkInfo const& link) {
 void KernelMirror::applyLinkDel(int ifindex) {
    links_.erase(ifindex);
    KernelNetInfo::InterfaceKey key{static_cast<uint32_t>(ifindex)};
+   // The record goes first, so that a watcher of the addresses sees a device that went, not
+   // addresses deleted from a device that stays.
+   status_->interfaceDel(key);
    // The kernel sends no address deletions for a device that goes: drop them here.
    std::vector<KernelNetInfo::IpKey> gone;
    auto table = status_->ipState();
@@ -88,7 +91,6 @@ void KernelMirror::applyLinkDel(int ifindex) {
    }
    for (auto const& k : gone)
       status_->ipStateDel(k);
-   status_->interfaceDel(key);
 }
 
 void KernelMirror::applyAddr(AddrInfo const& addr) {

@@ -41,6 +41,8 @@ struct IpState {
 constexpr uint32_t kIffUp = 0x1;
 constexpr uint32_t kIffNoArp = 0x80;
 constexpr uint32_t kIffRunning = 0x40;
+// An address that is not the primary of its subnet on its device (IFA_F_SECONDARY).
+constexpr uint32_t kIfaSecondary = 0x01;
 
 struct Interface {
    InterfaceKey key;

@@ -46,6 +46,10 @@ public:
    uint32_t numUseIcmpSrcIpAddrUpdates() const { return updates_[7]; }
    uint32_t numGratArpAcceptUpdates() const { return updates_[8]; }
 
+   // The kernel device the values were written to (its ifindex): they go with it.
+   uint32_t ifIndex() const { return ifIndex_; }
+   void ifIndexIs(uint32_t ifIndex) { ifIndex_ = ifIndex; }
+
    RpFilterMode rpFilterMode() const { return rpFilterMode_; }
    void rpFilterModeIs(RpFilterMode m) { rpFilterMode_ = m; }
 
@@ -57,6 +61,7 @@ private:
    std::array<uint32_t, kOptions> updates_{};
    std::array<std::optional<std::string>, 3> extra_{};
    RpFilterMode rpFilterMode_ = RpFilterMode::off;
+   uint32_t ifIndex_ = 0;
 };
 
 constexpr auto moxEnumNames(IntfIpKernelState::RpFilterMode) {

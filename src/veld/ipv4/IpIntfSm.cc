@@ -34,6 +34,12 @@ public:
       using Reactor::Reactor;
       void onEntry(KernelNetInfo::InterfaceKey const& key) override { owner()->handleUpdate(key); }
    };
+   class MoxKniIpState
+       : public Mox::Reactor<IpIntfSm, KernelNetInfo::Status::IpStateTable::NotifieeConst> {
+   public:
+      using Reactor::Reactor;
+      void onEntry(KernelNetInfo::IpKey const& key) override { owner()->handleIpState(key); }
+   };
    class MoxKernelProtoConfig
        : public Mox::Reactor<IpIntfSm, Routing::KernelProtoConfig::NotifieeConst> {
    public:
@@ -89,6 +95,7 @@ public:
    Mox::Ptr<MoxVrfIpIntfConfig> vrfIpIntfConfig;
    Mox::Ptr<MoxKernelIntfDir> kernelIntfDir;
    Mox::Ptr<MoxKniInterface> kniInterface;
+   Mox::Ptr<MoxKniIpState> kniIpState;
    Mox::Ptr<MoxKernelProtoConfig> kernelProtoConfig;
    Mox::Ptr<MoxRoutingInfoConfig> routingInfoConfig;
    Mox::Ptr<MoxHardwareStatus> hardwareStatus;
@@ -113,6 +120,8 @@ IpIntfSm::IpIntfSm(Inputs inputs, bool standbyMode)
    if (kniRoot_) {
       r.kniInterface =
           Reactors::on<Reactors::MoxKniInterface>(this, kniRoot_->status()->interface().table());
+      r.kniIpState =
+          Reactors::on<Reactors::MoxKniIpState>(this, kniRoot_->status()->ipState().table());
    }
    r.kernelProtoConfig = Reactors::on<Reactors::MoxKernelProtoConfig>(this, in_.kernelProtoConfig);
    r.routingInfoConfig = Reactors::on<Reactors::MoxRoutingInfoConfig>(this, in_.routingInfoConfig);
@@ -469,6 +478,15 @@ void IpIntfSm::handleUpdate(KernelNetInfo::InterfaceKey key) {
       }
       kniIntfState_.erase(key);
       if (in_.addrMap) in_.addrMap->genAddrDel(key);
+      // The device went (deleted, or moved to another namespace), and with it what was
+      // written to its /proc files: a device that comes back starts from the kernel's
+      // defaults.
+      for (auto const& intf : intfIpKernelState_.keys()) {
+         if (intfIpKernelState_.find(intf)->ifIndex() == key.ifIndex) {
+            intfIpKernelState_.erase(intf);
+         }
+      }
+      procWrittenSinceLink_.erase(key.ifIndex);
       return;
    }
    if (auto* state = kniIntfState_.find(key)) {
@@ -484,6 +502,34 @@ void IpIntfSm::handleUpdate(KernelNetInfo::InterfaceKey key) {
       }
    }
    kniIntfState_.assign(key, Mox::make<KniIntfState>(this, kniRoot_, rec));
+}
+
+// An IPv4 address of the namespace came, went or changed its flags. The address map follows
+// the kernel; on a routed interface, a kernel that disagrees with the configuration is
+// repaired. The machine's own adds and deletes are in the map already when their events
+// come, and agree with the configuration: they schedule nothing.
+void IpIntfSm::handleIpState(KernelNetInfo::IpKey const& key) {
+   if (!key.addr.isV4() || !kniRoot_ || !in_.addrMap) return;
+   auto rec = kniRoot_->interface(key.intfKey);
+   if (rec == KernelNetInfo::Interface()) return;  // the device went: handleUpdate drops it all
+   Konet::IpAddrWithMask a(key.addr.v4(), static_cast<uint8_t>(key.prefixLen));
+   auto const* state = kniRoot_->status()->ipState().find(key);
+   bool held = state && state->assigned;
+   auto g = in_.addrMap->genAddr(key.intfKey);
+   if (held && !(g && g->addr(a))) in_.addrMap->addAddr(key.intfKey, a);
+   if (!held && g && g->addr(a)) in_.addrMap->delAddr(key.intfKey, a);
+
+   auto intf = in_.kniIntfStatusManager ? in_.kniIntfStatusManager->deviceIntf(rec.deviceName)
+                                        : Konet::IntfId();
+   auto config = intf.empty() ? nullptr : routedIpIntfConfig(intf);
+   if (!config) return;  // unrouted interfaces are left as they are
+   bool wanted = wantedAddrs(config, rec.running()).contains(a);
+   bool demoted = held && wanted && a == config->addrWithMask() &&
+                  (state->flags & KernelNetInfo::kIfaSecondary);
+   if (held == wanted && !demoted) return;
+   MOX_TRACE_FN(th, " for " << intf << " " << a << (held ? " added" : " deleted")
+                            << (demoted ? " as a secondary" : "") << " behind our back");
+   scheduleDriftRepair(intf);
 }
 
 void IpIntfSm::handleIpIntfStatusUpdateReq(Konet::IntfId const& intf) {

@@ -18,6 +18,12 @@
 //                       proc written? --no--> retried every run; given up after 33 failures
 //                       addresses done? --no (deferred)--> visited again on the next run
 //                       all clear --> removed; an empty backlog is reported to WarpState
+//
+// The configuration is the truth on a routed interface: when the kernel mirror reports an
+// IPv4 address change that disagrees with it (a configured address gone, a foreign one
+// added, the configured primary a secondary of its subnet), the address map follows the
+// kernel and the interface is scheduled at once. An interface whose addresses keep changing
+// is repaired with a delay that doubles up to driftRepairDelayMax, logged once.
 #pragma once
 
 #include <memory>
@@ -70,6 +76,7 @@ public:
       int32_t lastError = 0;
       uint32_t tries = 0;
       double firstFailureTime = 0.0;
+      double notBefore = 0.0;  // a repair that backs off waits until then
       bool idle() const { return !procUpdatePending && !addrUpdatePending && !statusUpdatePending; }
    };
 
@@ -166,6 +173,14 @@ public:
    IntfIpKernelState const* intfIpKernelState(Konet::IntfId const& intf) const {
       return intfIpKernelState_.find(intf);
    }
+   // /proc writes left out because the device's link record showed the value.
+   uint64_t procWritesSkipped() const { return procWritesSkipped_; }
+
+   // ---- Drift
+   static constexpr double driftRepairDelayMax = 4.0;
+   uint64_t driftRepairs() const { return driftRepairs_; }
+   // The delay of the interface's next repair (0: at once).
+   double driftRepairDelay(Konet::IntfId const& intf) const;
 
    void doScheduleKernelAddrUpdate(Konet::IntfId const& intf) override;
    void doScheduleKernelProcUpdate(Konet::IntfId const& intf);
@@ -181,6 +196,10 @@ public:
                    KernelNetInfo::InterfaceKey ifKey, std::string const& deviceName);
    // True when every namespace-wide setting is written; failed ones are retried by the backlog.
    bool doUpdateGlobalKnobs();
+   // The addresses the configuration puts on the interface's device, here and now: none
+   // when it is not routed in this VRF or its device is not running.
+   Mox::HashSet<Konet::IpAddrWithMask> wantedAddrs(Mox::Ptr<Ip::IpIntfConfig const> const& config,
+                                                   bool running) const;
 
    // ---- Status
    // The interface's IPv4 and L3 input statuses (ipStatusFor, l3StatusFor) are written only
@@ -228,6 +247,7 @@ public:
    void handleIpIntfConfig(Konet::IntfId const& intf);
    void handleKernelIntf(Konet::IntfId const& intf);
    void handleUpdate(KernelNetInfo::InterfaceKey key);
+   void handleIpState(KernelNetInfo::IpKey const& key);
    void handleIpIntfStatusUpdateReq(Konet::IntfId const& intf);
    void handleRouting();
    void handleUrpfSupported();
@@ -253,6 +273,18 @@ private:
    bool entryFailed(KernelUpdateCodefEntry& entry, int err, double now, char const* what);
    void runGlobalKnobs();
    bool writeOnChange(std::string const& path, std::string const& value);
+   void scheduleDriftRepair(Konet::IntfId const& intf);
+   // Takes the configured primary's subnet out of the kernel when another address is its
+   // primary there, so that the primary is added back first.
+   void regroupPrimarySubnet(Mox::Ptr<Ip::IpIntfConfig const> const& config,
+                             KernelNetInfo::Interface const& kniIntf);
+   // Whether the device's link record still shows the kernel's value of one of its settings
+   // (`file` under its /proc directory): the agent has not written that file since the device
+   // appeared, for a /proc write sends no link message that would refresh the record.
+   bool linkConfFresh(KernelNetInfo::InterfaceKey key, std::string const& file) const;
+   // Writes the device's /proc file and notes it written.
+   int writeDeviceProc(KernelNetInfo::Interface const& kniIntf, std::string const& file,
+                       std::string const& value);
    // The IPv4 address of the ICMP source interface, as the namespace's kernel lists it.
    Konet::IpAddr icmpSrcIntfAddr();
    // The interface's IPv4 status when this VRF owns it. The status directories are shared by
@@ -283,6 +315,16 @@ private:
    uint64_t runs_ = 0;
    uint64_t itemsProcessed_ = 0;
    uint64_t errors_ = 0;
+   uint64_t procWritesSkipped_ = 0;
+   // The /proc files the agent wrote, by device (ifindex), since the device appeared.
+   Mox::HashMap<uint32_t, Mox::HashSet<std::string>> procWrittenSinceLink_;
+   struct DriftRepair {
+      double delay = 0.0;  // of the next repair
+      double last = 0.0;   // when drift was last seen
+      bool logged = false;
+   };
+   Mox::HashMap<Konet::IntfId, DriftRepair> driftRepair_;
+   uint64_t driftRepairs_ = 0;
    KernelIo* kernelIo_ = nullptr;
 };
 

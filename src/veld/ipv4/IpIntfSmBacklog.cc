@@ -1,4 +1,6 @@
 // IpIntfSm: the kernel-work backlog, drained in time-bounded runs inside the VRF's namespace.
+#include <algorithm>
+
 #include "mox/Trace.h"
 #include "veld/ipv4/IpIntfConfigReactors.h"
 #include "veld/ipv4/IpIntfSm.h"
@@ -22,8 +24,10 @@ IpIntfSm::KernelUpdateCodefEntry& IpIntfSm::entryFor(Konet::IntfId const& intf) 
 }
 
 void IpIntfSm::armBacklogTimer() {
-   if (!backlogTimer_ || backlogTimer_->armed()) return;
-   backlogTimer_->timeMinIs(Mox::System::currentTime() + backlogRetryDelay_);
+   if (!backlogTimer_) return;
+   double due = Mox::System::currentTime() + backlogRetryDelay_;
+   if (backlogTimer_->armed() && backlogTimer_->timeMin() <= due) return;
+   backlogTimer_->timeMinIs(due);
 }
 
 double IpIntfSm::backlogTimerTime() const {
@@ -32,14 +36,54 @@ double IpIntfSm::backlogTimerTime() const {
 
 void IpIntfSm::doScheduleKernelAddrUpdate(Konet::IntfId const& intf) {
    MOX_TRACE_FN(th, " for " << intf);
-   entryFor(intf).addrUpdatePending = true;
+   auto& entry = entryFor(intf);
+   entry.addrUpdatePending = true;
+   entry.notBefore = 0.0;  // a change of ours is never held back
    armBacklogTimer();
 }
 
 void IpIntfSm::doScheduleKernelProcUpdate(Konet::IntfId const& intf) {
    MOX_TRACE_FN(th, " for " << intf);
-   entryFor(intf).procUpdatePending = true;
+   auto& entry = entryFor(intf);
+   entry.procUpdatePending = true;
+   entry.notBefore = 0.0;
    armBacklogTimer();
+}
+
+// Drift is repaired at once. When it comes back while the last repair is recent, something
+// keeps fighting the configuration: each repair then waits twice as long as the one before,
+// up to driftRepairDelayMax, and the fight is logged once. A quiet spell ends it.
+void IpIntfSm::scheduleDriftRepair(Konet::IntfId const& intf) {
+   if (auto const* entry = ipIntfKernelUpdateCodef(intf); entry && entry->addrUpdatePending) {
+      return;  // a repair is on its way already
+   }
+   constexpr double kFirstBackOff = 0.05;
+   constexpr double kQuiet = 2 * driftRepairDelayMax;
+   double now = Mox::System::currentTime();
+   auto [d, fresh] = driftRepair_.emplace(intf);
+   if (fresh || now - d->last > kQuiet) {
+      *d = DriftRepair();
+   } else {
+      d->delay = d->delay == 0.0 ? kFirstBackOff : std::min(2 * d->delay, driftRepairDelayMax);
+      if (!d->logged) {
+         d->logged = true;
+         Mox::logMessage(Mox::LogSeverity::warning, "VELD-ADDR-DRIFT",
+                         "IPv4 addresses of " + intf.name() +
+                             " keep changing behind the agent's back; repairs back off up to " +
+                             std::to_string(static_cast<int>(driftRepairDelayMax)) + " seconds");
+      }
+   }
+   d->last = now;
+   ++driftRepairs_;
+   auto& entry = entryFor(intf);
+   entry.addrUpdatePending = true;
+   entry.notBefore = now + d->delay;
+   armBacklogTimer();
+}
+
+double IpIntfSm::driftRepairDelay(Konet::IntfId const& intf) const {
+   auto const* d = driftRepair_.find(intf);
+   return d ? d->delay : 0.0;
 }
 
 void IpIntfSm::scheduleGlobalKnobs() {
@@ -104,7 +148,7 @@ void IpIntfSm::processIpIntfKernelUpdateCodefList() {
          break;
       }
       auto* entry = list.find(order[i]);
-      if (!entry) continue;
+      if (!entry || entry->notBefore > Mox::System::currentTime()) continue;
       ++itemsProcessed_;
       {
          // A namespace that cannot be entered is logged once per entry, retried like a
@@ -121,7 +165,12 @@ void IpIntfSm::processIpIntfKernelUpdateCodefList() {
       if (entry && entry->idle()) list.erase(order[i]);
    }
    if (!list.empty() || globalKnobsPending_) {
-      backlogTimer_->timeMinIs(Mox::System::currentTime() + backlogRetryDelay_);
+      // The next run: soon, unless every entry left waits for a repair that backs off.
+      double soon = Mox::System::currentTime() + backlogRetryDelay_;
+      double next = bookmark_ || globalKnobsPending_ ? soon : Mox::kInfinity;
+      for (auto const& [intf, e] : list)
+         next = std::min(next, std::max(soon, e.notBefore));
+      backlogTimer_->timeMinIs(next);
       return;
    }
    MOX_TRACE(th, 5, "Backlog queue empty for vrf " << in_.vrfName);

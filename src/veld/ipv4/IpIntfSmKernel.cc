@@ -23,7 +23,9 @@ char const* bit(bool on) { return on ? "1" : "0"; }
 
 // Whether the kernel's record of the device already shows `value` for `file`: the device's
 // settings come with its link messages, so a fresh device (or a restarted agent) writes only
-// what differs from the kernel's defaults.
+// what differs from the kernel's defaults. The record is not refreshed by /proc writes: it
+// is asked only for a file the agent has not written since the device appeared
+// (linkConfFresh).
 bool kernelHolds(KernelNetInfo::Interface const& kniIntf, char const* file,
                  std::string const& value) {
    uint32_t current = 0;
@@ -56,6 +58,60 @@ int IpIntfSm::addIpToIntf(int sock, Konet::IpAddrWithMask const& addr, AddrMap& 
       Mox::logFailure("VELD-ADDR", "Failed to update interface address of " + deviceName, err);
    }
    return err;
+}
+
+Mox::HashSet<Konet::IpAddrWithMask> IpIntfSm::wantedAddrs(
+    Mox::Ptr<Ip::IpIntfConfig const> const& config, bool running) const {
+   Mox::HashSet<Konet::IpAddrWithMask> wanted;
+   if (!config || !running || configVrf(config) != in_.vrfName) return wanted;
+   if (config->addrWithMask().len()) wanted.insert(config->addrWithMask());
+   if (config->virtualAddrWithMask().len()) wanted.insert(config->virtualAddrWithMask());
+   for (auto const& a : config->secondaryWithMaskIterator())
+      wanted.insert(a);
+   for (auto const& a : config->virtualSecondaryWithMaskIterator())
+      wanted.insert(a);
+   return wanted;
+}
+
+// The kernel makes the first address of a subnet on a device its primary and every later
+// one a secondary, and promotes a secondary when the primary goes. The configured primary
+// is the primary of its subnet only if it came first: when another address of the subnet is
+// there before it (a primary that changed, a secondary promoted meanwhile), the subnet's
+// addresses leave together, with promote_secondaries off as in a flush, and the adds that
+// follow put the primary back first. The kernel's flags come from the mirror; an address
+// the mirror does not show yet is taken as it was added.
+void IpIntfSm::regroupPrimarySubnet(Mox::Ptr<Ip::IpIntfConfig const> const& config,
+                                    KernelNetInfo::Interface const& kniIntf) {
+   auto primary = config->addrWithMask();
+   auto g = in_.addrMap->genAddr(kniIntf.key);
+   if (!primary.len() || !g) return;
+   std::vector<Konet::IpAddrWithMask> subnet;
+   for (auto const& a : g->addrIterator().keys()) {
+      if (a != primary && a.len() == primary.len() && a.subnet() == primary.subnet()) {
+         subnet.push_back(a);
+      }
+   }
+   if (subnet.empty()) return;
+   if (g->addr(primary)) {
+      KernelNetInfo::IpKey key{kniIntf.key, Konet::IpGenAddr(primary.addr()), primary.len()};
+      auto const* state = kniRoot_->status()->ipState().find(key);
+      if (!state || !(state->flags & KernelNetInfo::kIfaSecondary)) return;
+      subnet.push_back(primary);
+   }
+   auto const& dev = kniIntf.deviceName;
+   MOX_TRACE(th, 5, "Primary " << primary << " of " << dev << " is not first in its subnet");
+   writeDeviceProc(kniIntf, "promote_secondaries", "0");
+   int sock = in_.netlinkSocket;
+   for (auto const& a : subnet) {
+      MOX_TRACE(th, 5, "Deleting ip addr " << a << " from " << dev);
+      int err = kernelIo().ipAddrDel(sock, static_cast<int>(kniIntf.key.ifIndex), a);
+      if (err == 0) {
+         in_.addrMap->delAddr(kniIntf.key, a);
+      } else {
+         Mox::logFailure("VELD-ADDR", "Error deleting " + a.toString() + " from " + dev, err);
+      }
+   }
+   writeDeviceProc(kniIntf, "promote_secondaries", "1");
 }
 
 bool IpIntfSm::doUpdateKernelAddrIntf(Konet::IntfId const& intf) {
@@ -117,15 +173,11 @@ bool IpIntfSm::doUpdateKernelAddrIntf(Konet::IntfId const& intf) {
                                 << g->addrIterator().size() << " addresses");
 
    // What this VRF wants on the device; nothing when it is not routed here.
-   Mox::HashSet<Konet::IpAddrWithMask> wanted;
-   if (config && sameVrf) {
-      if (config->addrWithMask().len()) wanted.insert(config->addrWithMask());
-      if (config->virtualAddrWithMask().len()) wanted.insert(config->virtualAddrWithMask());
-      for (auto const& a : config->secondaryWithMaskIterator())
-         wanted.insert(a);
-      for (auto const& a : config->virtualSecondaryWithMaskIterator())
-         wanted.insert(a);
-   }
+   auto wanted = wantedAddrs(config, true);
+   bool mayAdd =
+       config && sameVrf && running &&
+       !(ipIntfKernelUpdateCodef(intf) && ipIntfKernelUpdateCodef(intf)->procUpdatePending);
+   if (mayAdd) regroupPrimarySubnet(config, kniIntf);
    // Addresses the kernel holds (as far as the map knows) that nobody wants go.
    for (auto const& a : g->addrIterator().keys()) {
       if (wanted.contains(a)) continue;
@@ -174,6 +226,7 @@ bool IpIntfSm::doUpdateKernelAddrIntf(Konet::IntfId const& intf) {
       MOX_TRACE(th, 5,
                 "ipAddrFlush sd " << sock << " ifindex " << kniIntf.key << " devName " << dev
                                   << " ns " << nsName());
+      procWrittenSinceLink_[kniIntf.key.ifIndex].insert("promote_secondaries");  // the flush's
       int err =
           kernelIo().ipAddrFlush(sock, static_cast<int>(kniIntf.key.ifIndex), dev, nsName().name());
       if (err) {
@@ -243,12 +296,14 @@ int IpIntfSm::doUpdateProcConfigOpt(Konet::IntfId const& intf, IpIntfConfOptType
    }
    auto i = static_cast<size_t>(opt);
    if (!state.needsWrite(i, value)) return 0;
-   if (!state.written(i) && kernelHolds(kniIntf, kOptFile[i], value)) {
+   if (!state.written(i) && linkConfFresh(kniIntf.key, kOptFile[i]) &&
+       kernelHolds(kniIntf, kOptFile[i], value)) {
       state.heldIs(i, value);
+      ++procWritesSkipped_;
       return 0;
    }
    std::string path = std::string(kProcConfDir) + dev + "/" + kOptFile[i];
-   int err = kernelIo().writeProcSys(path, value);
+   int err = writeDeviceProc(kniIntf, kOptFile[i], value);
    if (err == ENOENT) {
       // A file this kernel lacks, or a device that went (its return resets the record).
       state.heldIs(i, value);
@@ -276,8 +331,13 @@ int IpIntfSm::doUpdateProc(Konet::IntfId const& intf) {
       return 0;
    }
    if (!routedIpIntfConfig(intf)) return 0;  // only routed interfaces are ours to set
-   auto& state = intfIpKernelState_[intf];
    auto kniIntf = kniRoot_->interfaceByName(dev);
+   auto& state = intfIpKernelState_[intf];
+   if (state.ifIndex() != kniIntf.key.ifIndex) {
+      // Another device carries the interface now: nothing was written to it yet.
+      state = IntfIpKernelState();
+      state.ifIndexIs(kniIntf.key.ifIndex);
+   }
    // Device-level settings first: a deleted primary promotes a secondary instead of taking
    // it along; ARP replies carry the best local source; ARP filtering is the kernel's.
    static char const* const kExtraFile[] = {"promote_secondaries", "arp_announce", "arp_filter"};
@@ -286,12 +346,13 @@ int IpIntfSm::doUpdateProc(Konet::IntfId const& intf) {
    for (size_t i = 0; i < 3; ++i) {
       auto& written = state.extra(i);
       if (written && *written == kExtraValue[i]) continue;
-      if (!written && kernelHolds(kniIntf, kExtraFile[i], kExtraValue[i])) {
+      if (!written && linkConfFresh(kniIntf.key, kExtraFile[i]) &&
+          kernelHolds(kniIntf, kExtraFile[i], kExtraValue[i])) {
          written = kExtraValue[i];
+         ++procWritesSkipped_;
          continue;
       }
-      int err = kernelIo().writeProcSys(std::string(kProcConfDir) + dev + "/" + kExtraFile[i],
-                                        kExtraValue[i]);
+      int err = writeDeviceProc(kniIntf, kExtraFile[i], kExtraValue[i]);
       if (err == 0) written = kExtraValue[i];
       if (err && err != ENOENT && !result) result = err;
    }
@@ -300,6 +361,18 @@ int IpIntfSm::doUpdateProc(Konet::IntfId const& intf) {
       if (err && !result) result = err;
    }
    return result;
+}
+
+bool IpIntfSm::linkConfFresh(KernelNetInfo::InterfaceKey key, std::string const& file) const {
+   auto const* written = procWrittenSinceLink_.find(key.ifIndex);
+   return !written || !written->contains(file);
+}
+
+int IpIntfSm::writeDeviceProc(KernelNetInfo::Interface const& kniIntf, std::string const& file,
+                              std::string const& value) {
+   procWrittenSinceLink_[kniIntf.key.ifIndex].insert(file);
+   return kernelIo().writeProcSys(std::string(kProcConfDir) + kniIntf.deviceName + "/" + file,
+                                  value);
 }
 
 // ---- Namespace-wide settings

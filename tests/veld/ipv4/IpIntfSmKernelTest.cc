@@ -1,6 +1,7 @@
 // The IPv4 machine programming the real kernel: addresses, IFF_NOARP, /proc settings,
 // flushes, and status.
 #include <gtest/gtest.h>
+#include <linux/rtnetlink.h>
 
 #include "IpIntfSmFixture.h"
 
@@ -9,7 +10,19 @@ namespace {
 
 using Set = std::set<std::string>;
 
-class IpIntfSmKernelTest : public IpIntfSmFixture {};
+class IpIntfSmKernelTest : public IpIntfSmFixture {
+protected:
+   // The kernel's addresses of a device that it flags as secondaries of their subnet.
+   Set kernelSecondaries(int ifindex) {
+      Set out;
+      for (auto const& a : addrs(ifindex, AF_INET)) {
+         if (a.flags & KernelNetInfo::kIfaSecondary) {
+            out.insert(a.addr.toString() + "/" + std::to_string(a.prefixLen));
+         }
+      }
+      return out;
+   }
+};
 
 TEST_F(IpIntfSmKernelTest, PrimarySecondaryAndVirtualAddressesReachKernelAndStatus) {
    auto e1 = addIntf("Ethernet1");
@@ -44,16 +57,98 @@ TEST_F(IpIntfSmKernelTest, PrimarySecondaryAndVirtualAddressesReachKernelAndStat
    EXPECT_TRUE(s->activeSecondaryWithMask(v4("10.9.0.1/24")));
 }
 
-TEST_F(IpIntfSmKernelTest, AnAddressTheAgentDidNotAddStays) {
+TEST_F(IpIntfSmKernelTest, TheConfiguredPrimaryStaysTheKernelsPrimaryOfItsSubnet) {
+   auto e1 = addIntf("Ethernet1");
+   e1.config->addrWithMaskIs(v4("10.1.0.1/24"));
+   e1.config->secondaryWithMaskIs(v4("10.1.0.2/24"));
+   e1.config->secondaryWithMaskIs(v4("10.9.0.1/24"));
+   place(e1);
+   makeSm();
+   settle();
+   ASSERT_EQ(kernelSecondaries(e1.veth.ifindex), (Set{"10.1.0.2/24"}));
+
+   // A new primary in the subnet of a secondary: deleting the old one first would promote
+   // the secondary and leave the new primary a secondary.
+   e1.config->addrWithMaskIs(v4("10.1.0.3/24"));
+   settle();
+   EXPECT_EQ(kernelAddrSet(e1.veth.ifindex), (Set{"10.1.0.3/24", "10.1.0.2/24", "10.9.0.1/24"}));
+   EXPECT_EQ(kernelSecondaries(e1.veth.ifindex), (Set{"10.1.0.2/24"}));
+   EXPECT_EQ(ipStatus(e1.id)->addrWithMask(), v4("10.1.0.3/24"));
+   EXPECT_TRUE(ipStatus(e1.id)->activeSecondaryWithMask(v4("10.1.0.2/24")));
+
+   // The primary deleted behind the agent's back: the kernel promotes the secondary, the
+   // agent puts the primary back in front.
+   ASSERT_EQ(Konet::ipAddrDel(sock(), e1.veth.ifindex, v4("10.1.0.3/24")), 0);
+   settle();
+   EXPECT_EQ(kernelAddrSet(e1.veth.ifindex), (Set{"10.1.0.3/24", "10.1.0.2/24", "10.9.0.1/24"}));
+   EXPECT_EQ(kernelSecondaries(e1.veth.ifindex), (Set{"10.1.0.2/24"}));
+   EXPECT_EQ(proc(e1.veth.name, "promote_secondaries"), "1");
+}
+
+TEST_F(IpIntfSmKernelTest, DriftOnARoutedInterfaceIsRepairedPromptlyAndUnroutedOnesAreLeftAlone) {
+   auto e1 = addIntf("Ethernet1");
+   e1.config->addrWithMaskIs(v4("10.1.0.1/24"));
+   e1.config->secondaryWithMaskIs(v4("10.2.0.1/24"));
+   place(e1);
+   auto e2 = addIntf("Ethernet2", false);
+   place(e2);
+   makeSm();
+   settle();
+   ASSERT_EQ(kernelAddrSet(e1.veth.ifindex), (Set{"10.1.0.1/24", "10.2.0.1/24"}));
+   int opsBefore = io.addrOps;
+   uint64_t runsBefore = sm->ipIntfKernelUpdateCodefListProcessed();
+
+   // A configured address deleted and a foreign one added behind the agent's back: the next
+   // backlog run, 0.01 s after the kernel's events, repairs both.
+   ASSERT_EQ(Konet::ipAddrDel(sock(), e1.veth.ifindex, v4("10.2.0.1/24")), 0);
+   ASSERT_EQ(Konet::ipAddrAdd(sock(), e1.veth.ifindex, v4("192.0.2.7/24")), 0);
+   mirror->processEvents();
+   EXPECT_LE(sm->backlogTimerTime(), time.now() + sm->backlogRetryDelay());
+   settle();
+   EXPECT_EQ(kernelAddrSet(e1.veth.ifindex), (Set{"10.1.0.1/24", "10.2.0.1/24"}));
+   EXPECT_EQ(io.addrOps - opsBefore, 2);  // one add, one delete: the repair's own events
+   EXPECT_EQ(sm->driftRepairs(), 1u);     // scheduled nothing more
+   EXPECT_LE(sm->ipIntfKernelUpdateCodefListProcessed() - runsBefore, 2u);
+   EXPECT_TRUE(ipStatus(e1.id)->activeSecondaryWithMask(v4("10.2.0.1/24")));
+
+   // An unrouted interface is never touched.
+   ASSERT_EQ(Konet::ipAddrAdd(sock(), e2.veth.ifindex, v4("192.0.2.9/24")), 0);
+   settle();
+   EXPECT_EQ(kernelAddrSet(e2.veth.ifindex), (Set{"192.0.2.9/24"}));
+   EXPECT_EQ(sm->driftRepairs(), 1u);
+}
+
+TEST_F(IpIntfSmKernelTest, RepairsThatKeepBeingUndoneBackOffWithoutABusyLoop) {
    auto e1 = addIntf("Ethernet1");
    e1.config->addrWithMaskIs(v4("10.1.0.1/24"));
    place(e1);
    makeSm();
    settle();
-   ASSERT_EQ(Konet::ipAddrAdd(sock(), e1.veth.ifindex, v4("192.0.2.7/24")), 0);
-   e1.config->addrWithMaskIs(v4("10.1.0.9/24"));
+   // Something deletes the address again as soon as it is back, twelve times.
+   double last = 0.0;
+   for (int n = 0; n < 12; ++n) {
+      ASSERT_EQ(Konet::ipAddrDel(sock(), e1.veth.ifindex, v4("10.1.0.1/24")), 0);
+      mirror->processEvents();
+      double delay = sm->driftRepairDelay(e1.id);
+      EXPECT_GE(delay, last);  // never shorter while the fight goes on
+      EXPECT_LE(delay, Veld::IpIntfSm::driftRepairDelayMax);
+      last = delay;
+      uint64_t runs = sm->ipIntfKernelUpdateCodefListProcessed();
+      // The waiting repair costs one run, not one every 0.01 s.
+      Mox::activityManager().advanceBy(delay + 0.02);
+      EXPECT_LE(sm->ipIntfKernelUpdateCodefListProcessed() - runs, 2u);
+      ASSERT_EQ(kernelAddrSet(e1.veth.ifindex), (Set{"10.1.0.1/24"})) << "round " << n;
+   }
+   EXPECT_EQ(last, Veld::IpIntfSm::driftRepairDelayMax);
+   EXPECT_EQ(sm->driftRepairs(), 12u);
+
+   // A quiet spell ends the back-off: the next drift is repaired at once.
+   Mox::activityManager().advanceBy(3 * Veld::IpIntfSm::driftRepairDelayMax);
+   ASSERT_EQ(Konet::ipAddrDel(sock(), e1.veth.ifindex, v4("10.1.0.1/24")), 0);
+   mirror->processEvents();
+   EXPECT_EQ(sm->driftRepairDelay(e1.id), 0.0);
    settle();
-   EXPECT_EQ(kernelAddrSet(e1.veth.ifindex), (Set{"10.1.0.9/24", "192.0.2.7/24"}));
+   EXPECT_EQ(kernelAddrSet(e1.veth.ifindex), (Set{"10.1.0.1/24"}));
 }
 
 TEST_F(IpIntfSmKernelTest, AddressesInTheKernelAtStartAreTakenAsOursAndReconciled) {
@@ -140,6 +235,44 @@ TEST_F(IpIntfSmKernelTest, ProcFilesHoldTheTabledValuesAndAreWrittenOnlyOnChange
    EXPECT_FALSE(ipStatus(e1.id)->dpRoutingEnabled());
 }
 
+TEST_F(IpIntfSmKernelTest, ADeviceMadeAgainUnderItsNameGetsEverySettingAgain) {
+   auto e1 = addIntf("Ethernet1");
+   place(e1);
+   makeSm();
+   settle();
+   auto const& dev = e1.veth.name;
+   auto settingsWritten = [&] {
+      EXPECT_EQ(proc(dev, "promote_secondaries"), "1");
+      EXPECT_EQ(proc(dev, "arp_ignore"), "1");
+      EXPECT_EQ(proc(dev, "arp_announce"), "2");
+      EXPECT_EQ(proc(dev, "forwarding"), "1");
+   };
+   settingsWritten();
+   EXPECT_GT(sm->procWritesSkipped(), 0u);  // what the new device held needed no write
+
+   // Unconfigured, the device deleted and made again, then configured again: the new
+   // device has the kernel's defaults, whatever was written to the old one.
+   view->ipIntfConfigDel(e1.id);
+   allIntfStatus->intfStatusDel(e1.id);
+   settle();
+   ASSERT_EQ(Konet::deleteLink(sock(), e1.veth.ifindex), 0);
+   settle();
+   ASSERT_EQ(Konet::createVethPair(sock(), e1.veth.name, e1.veth.peer), 0);
+   ASSERT_EQ(Konet::linkIndex(sock(), e1.veth.name, &e1.veth.ifindex), 0);
+   ASSERT_EQ(Konet::linkIndex(sock(), e1.veth.peer, &e1.veth.peerIfindex), 0);
+   ASSERT_EQ(Konet::setLinkUp(sock(), e1.veth.peerIfindex, true), 0);
+   ASSERT_EQ(Konet::setLinkUp(sock(), e1.veth.ifindex, true), 0);
+   settle();
+   ASSERT_EQ(proc(dev, "arp_ignore"), "0");
+   e1.status = allIntfStatus->intfStatusIs(e1.id);
+   e1.status->deviceNameIs(dev);
+   e1.status->forwardingModelIs(Interface::IntfForwardingModel::intfForwardingModelRouted);
+   settle();
+   place(e1);
+   settle();
+   settingsWritten();
+}
+
 TEST_F(IpIntfSmKernelTest, ManagementInterfacesGetUseIcmpSrcIpAddrZeroAndEnoentIsSuccess) {
    auto m1 = addIntf("Management1");
    ipConfig->icmpSrcIpAddrIs(*Konet::IpAddr::parse("192.0.2.1"));
@@ -163,11 +296,30 @@ TEST_F(IpIntfSmKernelTest, ADeviceThatGoesDownIsFlushedWithoutPromotingSecondari
    makeSm();
    settle();
    ASSERT_EQ(kernelAddrSet(e1.veth.ifindex).size(), 3u);
+   int err = 0;
+   auto monitor =
+       Konet::createNetlinkSocket("default", RTMGRP_IPV4_IFADDR, 0, false, 1 << 20, &err);
+   ASSERT_TRUE(monitor);
 
    ASSERT_EQ(Konet::setLinkUp(sock(), e1.veth.peerIfindex, false), 0);  // carrier goes
    ASSERT_TRUE(KonetTest::waitFor([&] { return !(link(e1.veth.ifindex).flags & IFF_RUNNING); }));
    settle();
    EXPECT_TRUE(kernelAddrs(e1.veth.ifindex).empty());
+   // The kernel announces a promoted secondary as a new address: none came, only the three
+   // deletions.
+   int added = 0, deleted = 0;
+   alignas(nlmsghdr) char buf[1 << 16];
+   for (ssize_t n; (n = recv(monitor.get(), buf, sizeof buf, MSG_DONTWAIT)) > 0;) {
+      int len = static_cast<int>(n);
+      for (auto* h = reinterpret_cast<nlmsghdr*>(buf); NLMSG_OK(h, len); h = NLMSG_NEXT(h, len)) {
+         Konet::AddrInfo a;
+         if (!Konet::parseAddrMsg(h, &a) || a.ifindex != e1.veth.ifindex) continue;
+         added += h->nlmsg_type == RTM_NEWADDR;
+         deleted += h->nlmsg_type == RTM_DELADDR;
+      }
+   }
+   EXPECT_EQ(added, 0);
+   EXPECT_EQ(deleted, 3);
    EXPECT_EQ(proc(e1.veth.name, "promote_secondaries"), "1");
    EXPECT_EQ(ipStatus(e1.id)->addrWithMask(), IpAddrWithMask());
    EXPECT_TRUE(ipStatus(e1.id)->activeSecondaryWithMaskIterator().empty());
