@@ -89,6 +89,46 @@ TEST(Clock, MovingATimerToAnotherSourceCarriesItsDeadline) {
    EXPECT_EQ(log.size(), 1u);
 }
 
+// A deadline that passes while the reactor takes no deliveries is kept for it: the timer
+// fires once delivery is switched on again, unless it was moved or disarmed meanwhile.
+TEST(Clock, TimerDueWhileNotificationIsOffFiresWhenItIsOnAgain) {
+   Mox::ScopedVirtualTime vt(0.0);
+   auto clock = make<Mox::Clock>();
+   auto wheel = make<Bolt::TimerWheel>();
+   std::vector<std::string> log;
+   auto held = make<Timer>("held", &log), early = make<Timer>("early", &log),
+        moved = make<Timer>("moved", &log), disarmed = make<Timer>("disarmed", &log);
+   for (auto* t : {held.ptr(), early.ptr(), moved.ptr(), disarmed.ptr()}) {
+      t->notifierIs(clock);
+      t->timeMinIs(1.0);
+      t->hasNotificationActiveIs(false);
+   }
+   auto onWheel = make<WheelTimer>();
+   onWheel->notifierIs(wheel);
+   onWheel->timeMinIs(1.0);
+   onWheel->hasNotificationActiveIs(false);
+
+   Mox::activityManager().advanceTo(0.5);
+   early->hasNotificationActiveIs(true);  // back before its deadline: fires on time
+   Mox::activityManager().advanceTo(2.0);
+   EXPECT_EQ(log, (std::vector<std::string>{"early@1.000000"}));
+   EXPECT_TRUE(held->armed());
+   EXPECT_EQ(held->timeMin(), 1.0);
+
+   moved->timeMinIs(3.0);
+   disarmed->timeMinIs(Mox::kInfinity);
+   for (auto* t : {held.ptr(), moved.ptr(), disarmed.ptr()})
+      t->hasNotificationActiveIs(true);
+   onWheel->hasNotificationActiveIs(true);
+   Mox::activityManager().runDue();
+   EXPECT_EQ(log, (std::vector<std::string>{"early@1.000000", "held@2.000000"}));
+   EXPECT_EQ(onWheel->fired, 1);
+   Mox::activityManager().runUntilIdle();
+   EXPECT_EQ(log, (std::vector<std::string>{"early@1.000000", "held@2.000000", "moved@3.000000"}));
+   EXPECT_EQ(onWheel->fired, 1);  // once, not again
+   EXPECT_FALSE(held->armed());
+}
+
 TEST(TimerWheel, ManyTimersFireOnceEachAtTheirDeadline) {
    Mox::ScopedVirtualTime vt(0.0);
    auto wheel = make<Bolt::TimerWheel>();
