@@ -241,6 +241,76 @@ TEST(Bolt, TaskYieldsWhenItsTimeQuantumIsUsed) {
    EXPECT_EQ(t->steps, 3);  // 0.012 s >= the default 0.01 s quantum
 }
 
+namespace {
+
+// A task that logs its runs and its end; `work` runs inside it.
+class Probe : public Bolt::Task {
+public:
+   Probe(Ptr<Bolt::TaskScheduler> const& s, Ptr<Bolt::TaskGroup> g, std::string name,
+         std::vector<std::string>* log)
+       : Task(s, name, std::move(g)), name_(std::move(name)), log_(log) {}
+   ~Probe() override { log_->push_back(name_ + " gone"); }
+   std::function<void()> work;
+   bool runsAgain = false;  // once
+
+protected:
+   void run() override {
+      log_->push_back(name_ + " runs");
+      if (work) work();
+      if (std::exchange(runsAgain, false)) scheduleTask();
+   }
+
+private:
+   std::string name_;
+   std::vector<std::string>* log_;
+};
+
+}  // namespace
+
+// A task nobody holds any more never runs again, though a delivery may keep its memory until
+// it ends: not when the slice that lost it has already picked its group, not in a later
+// slice, and not when it asks to run again after letting go of itself.
+TEST(Bolt, TaskWhoseLastReferenceGoesDoesNotRun) {
+   Mox::ScopedVirtualTime vt(0.0);
+   auto sched = make<Bolt::TaskScheduler>();
+   auto high = make<Bolt::TaskGroup>("high", 10);
+   auto low = make<Bolt::TaskGroup>("low", 1);
+   std::vector<std::string> log;
+
+   auto victim = make<Probe>(sched, low, "victim", &log);
+   auto shared = make<Probe>(sched, low, "shared", &log);
+   auto killer = make<Probe>(sched, high, "killer", &log);
+   Ptr<Probe> otherHolder = shared;
+   killer->work = [&] {
+      victim = nullptr;
+      shared = nullptr;  // not the last reference: it still runs
+   };
+   victim->scheduleTask();
+   shared->scheduleTask();
+   killer->scheduleTask();
+   sched->runSlice();  // picks both groups; the low one runs its next task still held
+   EXPECT_EQ(log, (std::vector<std::string>{"killer runs", "shared runs", "victim gone"}));
+   EXPECT_FALSE(sched->hasReadyTasks());
+
+   // Inside a longer delivery (a handler that drains the scheduler) the memory stays until
+   // that delivery ends; the tasks still do not run.
+   log.clear();
+   auto next = make<Probe>(sched, high, "next", &log);
+   auto self = make<Probe>(sched, high, "self", &log);
+   killer->work = [&] { next = nullptr; };
+   self->work = [&] { self = nullptr; };
+   self->runsAgain = true;
+   {
+      Mox::Delivery::Scope handler;
+      killer->scheduleTask();
+      next->scheduleTask();
+      self->scheduleTask();
+      sched->runUntilIdle();
+      EXPECT_EQ(log, (std::vector<std::string>{"killer runs", "self runs"}));
+   }
+   EXPECT_EQ(log, (std::vector<std::string>{"killer runs", "self runs", "next gone", "self gone"}));
+}
+
 TEST(Bolt, TimerTaskRunsAfterItsDelay) {
    Mox::ScopedVirtualTime vt(0.0);
    auto sched = make<Bolt::TaskScheduler>();
