@@ -121,7 +121,7 @@ size_t TaskScheduler::runSlice() {
    std::vector<TaskGroup*> groups;
    for (auto& q : queues_) {
       if (q.tasks.empty()) continue;
-      groups.push_back(q.group);
+      groups.push_back(q.group.ptr());
       if (enforcePriority_) break;
    }
    for (auto* g : groups) {

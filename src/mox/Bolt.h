@@ -123,7 +123,7 @@ public:
 private:
    friend class Task;
    struct Queue {
-      TaskGroup* group;
+      Mox::Ptr<TaskGroup> group;  // kept while its queue is: its tasks may all be gone
       std::deque<Task*> tasks;
    };
    Queue& queueOf(TaskGroup* g);

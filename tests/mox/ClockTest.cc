@@ -218,6 +218,28 @@ TEST(Bolt, GroupsTakeTurnsUnlessPriorityIsEnforced) {
    }
 }
 
+// A group may go with its last task while the scheduler lives on; groups made later still
+// take their place by priority.
+TEST(Bolt, AGroupMayGoBeforeItsScheduler) {
+   Mox::ScopedVirtualTime vt(0.0);
+   auto sched = make<Bolt::TaskScheduler>();
+   std::vector<std::string> log;
+   {
+      auto gone = make<Bolt::TaskGroup>("gone", 5);
+      auto t = make<Counter>(sched, gone, 1, &log, "gone");
+      t->scheduleTask();
+      sched->runUntilIdle();
+   }
+   auto low = make<Bolt::TaskGroup>("low", 1);
+   auto high = make<Bolt::TaskGroup>("high", 10);
+   auto l = make<Counter>(sched, low, 1, &log, "l");
+   auto h = make<Counter>(sched, high, 1, &log, "h");
+   l->scheduleTask();
+   h->scheduleTask();
+   sched->runSlice();
+   EXPECT_EQ(log, (std::vector<std::string>{"gone:1", "h:1", "l:1"}));
+}
+
 TEST(Bolt, TaskYieldsWhenItsTimeQuantumIsUsed) {
    Mox::ScopedVirtualTime vt(0.0);
    auto sched = make<Bolt::TaskScheduler>();
