@@ -13,8 +13,15 @@ Task::Task(Mox::Ptr<TaskScheduler> const& scheduler, Mox::Name name, Mox::Ptr<Ta
 
 Task::~Task() { unscheduleTask(); }
 
+void Task::handleZeroRef() const noexcept {
+   // Leave the queue now, not when the delivery that keeps the memory ends: the slice in
+   // progress may already have picked this task's group.
+   const_cast<Task*>(this)->unscheduleTask();
+   Notifier::handleZeroRef();
+}
+
 void Task::scheduleTask() {
-   if (queued_) return;
+   if (queued_ || references() == 0) return;
    scheduler_->enqueue(this);
 }
 
@@ -114,7 +121,7 @@ size_t TaskScheduler::runSlice() {
    std::vector<TaskGroup*> groups;
    for (auto& q : queues_) {
       if (q.tasks.empty()) continue;
-      groups.push_back(q.group);
+      groups.push_back(q.group.ptr());
       if (enforcePriority_) break;
    }
    for (auto* g : groups) {

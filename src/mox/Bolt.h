@@ -6,7 +6,8 @@
 // scan never holds the event loop. Tasks belong to groups; a group has a priority and a
 // quantum (work units per run). Each slice of the scheduler runs one task of every busy group,
 // highest priority first; with enforceTaskGroupPriority(true) only the busy group of highest
-// priority runs.
+// priority runs. A task runs only while something holds it: once its last reference goes it
+// leaves the queue and is not queued again, even while a delivery keeps its memory.
 #pragma once
 
 #include <deque>
@@ -51,11 +52,12 @@ public:
    Task(Mox::Ptr<TaskScheduler> const& scheduler, Mox::Name name,
         Mox::Ptr<TaskGroup> group = nullptr);
    ~Task() override;
+   void handleZeroRef() const noexcept override;
 
    Mox::Name const& name() const { return name_; }
    Mox::Ptr<TaskGroup> const& group() const { return group_; }
 
-   // Queues the task; a task already queued stays queued once.
+   // Queues the task; a task already queued stays queued once, one that nobody holds is not.
    void scheduleTask();
    void unscheduleTask();
    bool taskScheduled() const { return queued_; }
@@ -121,7 +123,7 @@ public:
 private:
    friend class Task;
    struct Queue {
-      TaskGroup* group;
+      Mox::Ptr<TaskGroup> group;  // kept while its queue is: its tasks may all be gone
       std::deque<Task*> tasks;
    };
    Queue& queueOf(TaskGroup* g);

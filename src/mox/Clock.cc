@@ -24,7 +24,7 @@ TimeSource* ActivityManagerConfig::clock = &realTime;
 // ---- TimerNotifiee ----
 
 TimerNotifiee::~TimerNotifiee() {
-   if (auto* s = source(); s && armed()) s->remove(this);
+   if (auto* s = source(); s && queued()) s->remove(this);
 }
 
 TimerSource* TimerNotifiee::source() const {
@@ -34,16 +34,21 @@ TimerSource* TimerNotifiee::source() const {
 void TimerNotifiee::timeMinIs(double t) {
    if (!(t <= DBL_MAX)) t = kInfinity;  // beyond the largest finite double: no timer
    TimerSource* s = source();
-   if (s && armed()) s->remove(this);
+   if (s && queued()) s->remove(this);
    timeMin_ = t;
    if (s && t != kInfinity) s->insert(this);
 }
 
 void TimerNotifiee::sourceIs(TimerSource const* src) {
    if (src == notifierBase()) return;
-   if (auto* s = source(); s && armed()) s->remove(this);
+   if (auto* s = source(); s && queued()) s->remove(this);
    notifierBaseIs(src);
    if (src && timeMin_ != kInfinity) src->insert(this);
+}
+
+void TimerNotifiee::handleDeliveryResumed() {
+   // A deadline that passed meanwhile is still due: queue it for the next run of the timers.
+   if (auto* s = source(); s && timeMin_ != kInfinity && !queued()) s->insert(this);
 }
 
 // ---- TimerSource: an indexed binary heap, so a timer can be re-armed or removed in place.
@@ -112,8 +117,11 @@ bool TimerSource::fireOne(double now) const {
    Delivery::Scope scope;  // the timer and its source outlive onTime()
    TimerNotifiee* t = heap_.front();
    remove(t);
+   // A reactor that takes no deliveries now keeps its deadline; it is queued again when
+   // delivery resumes.
+   if (!t->wantsDelivery()) return true;
    t->timeMin_ = kInfinity;  // one shot: onTime() may arm it again
-   if (t->wantsDelivery()) t->onTime();
+   t->onTime();
    return true;
 }
 

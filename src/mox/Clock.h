@@ -7,7 +7,9 @@
 // A timer is a reactor on a timer source (a Mox::Clock, or a Bolt::TimerWheel shared by many
 // per-interface timers): the machine sets the reactor's timeMinIs(t) and the reactor's
 // onTime() fires once the current time reaches t. A timer fires once per arming; onTime() may
-// arm it again.
+// arm it again. A deadline that passes while the reactor takes no deliveries (notification
+// off, or a zombie) is kept: the timer fires as soon as delivery is on again, unless it was
+// re-armed or disarmed meanwhile.
 #pragma once
 
 #include <cstdint>
@@ -58,17 +60,20 @@ public:
    double timeMin() const { return timeMin_; }
    // Arms the timer at t; +infinity (or any t beyond the largest finite double) disarms it.
    void timeMinIs(double t);
-   bool armed() const { return heapIndex_ != kNotQueued; }
+   // Will fire: queued on its source, or due and waiting for delivery to be on again.
+   bool armed() const { return timeMin_ != kInfinity && notifierBase(); }
    virtual void onTime() {}
 
 protected:
    TimerNotifiee() { isRegisteredNotifieeIs(false); }
    void sourceIs(TimerSource const* source);
    TimerSource* source() const;
+   void handleDeliveryResumed() override;
 
 private:
    friend class TimerSource;
    static constexpr size_t kNotQueued = SIZE_MAX;
+   bool queued() const { return heapIndex_ != kNotQueued; }
    double timeMin_ = kInfinity;
    uint64_t seq_ = 0;
    size_t heapIndex_ = kNotQueued;

@@ -96,6 +96,8 @@ public:
 protected:
    // Attaches to a new notifier (detaching from the old one); null detaches.
    void notifierBaseIs(Notifier const* n);
+   // Delivery was off (inactive or zombie) and is on again.
+   virtual void handleDeliveryResumed() {}
 
 private:
    friend class NotifieeList;
@@ -104,7 +106,11 @@ private:
    bool inList_ = false;
    static constexpr uint8_t kInactive = 1;
    static constexpr uint8_t kZombie = 2;
-   void muteBit(uint8_t bit, bool on) { mute_ = on ? (mute_ | bit) : (mute_ & ~bit); }
+   void muteBit(uint8_t bit, bool on) {
+      bool const was = mute_ != 0;
+      mute_ = on ? (mute_ | bit) : (mute_ & ~bit);
+      if (was && mute_ == 0) handleDeliveryResumed();
+   }
    uint8_t mute_ = 0;  // delivery is skipped unless zero
 };
 

@@ -89,6 +89,46 @@ TEST(Clock, MovingATimerToAnotherSourceCarriesItsDeadline) {
    EXPECT_EQ(log.size(), 1u);
 }
 
+// A deadline that passes while the reactor takes no deliveries is kept for it: the timer
+// fires once delivery is switched on again, unless it was moved or disarmed meanwhile.
+TEST(Clock, TimerDueWhileNotificationIsOffFiresWhenItIsOnAgain) {
+   Mox::ScopedVirtualTime vt(0.0);
+   auto clock = make<Mox::Clock>();
+   auto wheel = make<Bolt::TimerWheel>();
+   std::vector<std::string> log;
+   auto held = make<Timer>("held", &log), early = make<Timer>("early", &log),
+        moved = make<Timer>("moved", &log), disarmed = make<Timer>("disarmed", &log);
+   for (auto* t : {held.ptr(), early.ptr(), moved.ptr(), disarmed.ptr()}) {
+      t->notifierIs(clock);
+      t->timeMinIs(1.0);
+      t->hasNotificationActiveIs(false);
+   }
+   auto onWheel = make<WheelTimer>();
+   onWheel->notifierIs(wheel);
+   onWheel->timeMinIs(1.0);
+   onWheel->hasNotificationActiveIs(false);
+
+   Mox::activityManager().advanceTo(0.5);
+   early->hasNotificationActiveIs(true);  // back before its deadline: fires on time
+   Mox::activityManager().advanceTo(2.0);
+   EXPECT_EQ(log, (std::vector<std::string>{"early@1.000000"}));
+   EXPECT_TRUE(held->armed());
+   EXPECT_EQ(held->timeMin(), 1.0);
+
+   moved->timeMinIs(3.0);
+   disarmed->timeMinIs(Mox::kInfinity);
+   for (auto* t : {held.ptr(), moved.ptr(), disarmed.ptr()})
+      t->hasNotificationActiveIs(true);
+   onWheel->hasNotificationActiveIs(true);
+   Mox::activityManager().runDue();
+   EXPECT_EQ(log, (std::vector<std::string>{"early@1.000000", "held@2.000000"}));
+   EXPECT_EQ(onWheel->fired, 1);
+   Mox::activityManager().runUntilIdle();
+   EXPECT_EQ(log, (std::vector<std::string>{"early@1.000000", "held@2.000000", "moved@3.000000"}));
+   EXPECT_EQ(onWheel->fired, 1);  // once, not again
+   EXPECT_FALSE(held->armed());
+}
+
 TEST(TimerWheel, ManyTimersFireOnceEachAtTheirDeadline) {
    Mox::ScopedVirtualTime vt(0.0);
    auto wheel = make<Bolt::TimerWheel>();
@@ -178,6 +218,28 @@ TEST(Bolt, GroupsTakeTurnsUnlessPriorityIsEnforced) {
    }
 }
 
+// A group may go with its last task while the scheduler lives on; groups made later still
+// take their place by priority.
+TEST(Bolt, AGroupMayGoBeforeItsScheduler) {
+   Mox::ScopedVirtualTime vt(0.0);
+   auto sched = make<Bolt::TaskScheduler>();
+   std::vector<std::string> log;
+   {
+      auto gone = make<Bolt::TaskGroup>("gone", 5);
+      auto t = make<Counter>(sched, gone, 1, &log, "gone");
+      t->scheduleTask();
+      sched->runUntilIdle();
+   }
+   auto low = make<Bolt::TaskGroup>("low", 1);
+   auto high = make<Bolt::TaskGroup>("high", 10);
+   auto l = make<Counter>(sched, low, 1, &log, "l");
+   auto h = make<Counter>(sched, high, 1, &log, "h");
+   l->scheduleTask();
+   h->scheduleTask();
+   sched->runSlice();
+   EXPECT_EQ(log, (std::vector<std::string>{"gone:1", "h:1", "l:1"}));
+}
+
 TEST(Bolt, TaskYieldsWhenItsTimeQuantumIsUsed) {
    Mox::ScopedVirtualTime vt(0.0);
    auto sched = make<Bolt::TaskScheduler>();
@@ -199,6 +261,76 @@ TEST(Bolt, TaskYieldsWhenItsTimeQuantumIsUsed) {
    t->scheduleTask();
    sched->runSlice();
    EXPECT_EQ(t->steps, 3);  // 0.012 s >= the default 0.01 s quantum
+}
+
+namespace {
+
+// A task that logs its runs and its end; `work` runs inside it.
+class Probe : public Bolt::Task {
+public:
+   Probe(Ptr<Bolt::TaskScheduler> const& s, Ptr<Bolt::TaskGroup> g, std::string name,
+         std::vector<std::string>* log)
+       : Task(s, name, std::move(g)), name_(std::move(name)), log_(log) {}
+   ~Probe() override { log_->push_back(name_ + " gone"); }
+   std::function<void()> work;
+   bool runsAgain = false;  // once
+
+protected:
+   void run() override {
+      log_->push_back(name_ + " runs");
+      if (work) work();
+      if (std::exchange(runsAgain, false)) scheduleTask();
+   }
+
+private:
+   std::string name_;
+   std::vector<std::string>* log_;
+};
+
+}  // namespace
+
+// A task nobody holds any more never runs again, though a delivery may keep its memory until
+// it ends: not when the slice that lost it has already picked its group, not in a later
+// slice, and not when it asks to run again after letting go of itself.
+TEST(Bolt, TaskWhoseLastReferenceGoesDoesNotRun) {
+   Mox::ScopedVirtualTime vt(0.0);
+   auto sched = make<Bolt::TaskScheduler>();
+   auto high = make<Bolt::TaskGroup>("high", 10);
+   auto low = make<Bolt::TaskGroup>("low", 1);
+   std::vector<std::string> log;
+
+   auto victim = make<Probe>(sched, low, "victim", &log);
+   auto shared = make<Probe>(sched, low, "shared", &log);
+   auto killer = make<Probe>(sched, high, "killer", &log);
+   Ptr<Probe> otherHolder = shared;
+   killer->work = [&] {
+      victim = nullptr;
+      shared = nullptr;  // not the last reference: it still runs
+   };
+   victim->scheduleTask();
+   shared->scheduleTask();
+   killer->scheduleTask();
+   sched->runSlice();  // picks both groups; the low one runs its next task still held
+   EXPECT_EQ(log, (std::vector<std::string>{"killer runs", "shared runs", "victim gone"}));
+   EXPECT_FALSE(sched->hasReadyTasks());
+
+   // Inside a longer delivery (a handler that drains the scheduler) the memory stays until
+   // that delivery ends; the tasks still do not run.
+   log.clear();
+   auto next = make<Probe>(sched, high, "next", &log);
+   auto self = make<Probe>(sched, high, "self", &log);
+   killer->work = [&] { next = nullptr; };
+   self->work = [&] { self = nullptr; };
+   self->runsAgain = true;
+   {
+      Mox::Delivery::Scope handler;
+      killer->scheduleTask();
+      next->scheduleTask();
+      self->scheduleTask();
+      sched->runUntilIdle();
+      EXPECT_EQ(log, (std::vector<std::string>{"killer runs", "self runs"}));
+   }
+   EXPECT_EQ(log, (std::vector<std::string>{"killer runs", "self runs", "next gone", "self gone"}));
 }
 
 TEST(Bolt, TimerTaskRunsAfterItsDelay) {
