@@ -82,6 +82,9 @@ TEST_F(RootTest, OpensOneNetlinkSocketAndSetsTheDefaultNamespaceKnobs) {
 }
 
 TEST_F(RootTest, NoSocketIsMinusOneAndReportedAndMachinesGoBeforeTheSocket) {
+   // The sanitizers' runtime needs descriptors of its own to check each object it meets: with
+   // none left it reports sound objects as broken, so that build leaves this part out.
+#ifndef VELD_SANITIZED
    {
       // No descriptor is left for the socket: the root says so and holds none, not fd 0.
       KonetTest::LogCapture log;
@@ -101,6 +104,7 @@ TEST_F(RootTest, NoSocketIsMinusOneAndReportedAndMachinesGoBeforeTheSocket) {
       root->handleInitialized();  // a later initialisation opens it
       EXPECT_GE(root->netlinkSocket(), 0);
    }
+#endif
 
    // The root goes while someone still holds its IPv4 machine: the machine is silenced
    // first, so it never works with the socket the root closes.
