@@ -14,8 +14,9 @@ int KernelIo::writeProcSys(std::string_view path, std::string_view value) {
    return Konet::writeProcSys(path, value);
 }
 
-int KernelIo::ipAddrAdd(int sock, int ifindex, Konet::IpAddrWithMask const& addr) {
-   return Konet::ipAddrAdd(sock, ifindex, addr);
+int KernelIo::ipAddrAdd(int sock, int ifindex, Konet::IpAddrWithMask const& addr,
+                        uint32_t ifaFlags) {
+   return Konet::ipAddrAdd(sock, ifindex, addr, ifaFlags);
 }
 
 int KernelIo::ipAddrDel(int sock, int ifindex, Konet::IpAddrWithMask const& addr) {

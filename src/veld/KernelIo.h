@@ -26,7 +26,8 @@ public:
    virtual std::unique_ptr<Konet::ScopedNetNs> enterNamespace(Konet::NamespaceName const& ns,
                                                               char const* caller);
    virtual int writeProcSys(std::string_view path, std::string_view value);
-   virtual int ipAddrAdd(int sock, int ifindex, Konet::IpAddrWithMask const& addr);
+   virtual int ipAddrAdd(int sock, int ifindex, Konet::IpAddrWithMask const& addr,
+                         uint32_t ifaFlags);
    virtual int ipAddrDel(int sock, int ifindex, Konet::IpAddrWithMask const& addr);
    virtual int setKintfFlags(int sock, int ifindex, uint32_t flags, uint32_t mask);
    virtual int ipAddrFlush(int sock, int ifindex, std::string const& devName,
@@ -50,8 +51,9 @@ public:
    int writeProcSys(std::string_view path, std::string_view value) override {
       return inner_.writeProcSys(path, value);
    }
-   int ipAddrAdd(int sock, int ifindex, Konet::IpAddrWithMask const& addr) override {
-      return inner_.ipAddrAdd(sock, ifindex, addr);
+   int ipAddrAdd(int sock, int ifindex, Konet::IpAddrWithMask const& addr,
+                 uint32_t ifaFlags) override {
+      return inner_.ipAddrAdd(sock, ifindex, addr, ifaFlags);
    }
    int ipAddrDel(int sock, int ifindex, Konet::IpAddrWithMask const& addr) override {
       return inner_.ipAddrDel(sock, ifindex, addr);

@@ -266,6 +266,7 @@ void IpIntfSm::MoxIpIntfConfig::handleDirectedBroadcast() {
                         << config()->directedBroadcastEnabled() << " on " << intfId_
                         << " IN NS: " << owner()->nsName());
    if (status) status->directedBroadcastEnabledIs(config()->directedBroadcastEnabled());
+   owner()->doScheduleKernelProcUpdate(intfId_);  // bc_forwarding
 }
 
 void IpIntfSm::MoxIpIntfConfig::handleAttachedRoutes() {
@@ -275,6 +276,7 @@ void IpIntfSm::MoxIpIntfConfig::handleAttachedRoutes() {
                         << config()->attachedRoutes() << " on " << intfId_
                         << " in NS: " << owner()->nsName() << " vrf " << owner()->vrfName());
    if (status) status->attachedRoutesIs(config()->attachedRoutes());
+   owner()->doScheduleKernelAddrUpdate(intfId_);  // the addresses' IFA_F_NOPREFIXROUTE
 }
 
 void IpIntfSm::MoxIpIntfConfig::handleUnnumberedIntf() {

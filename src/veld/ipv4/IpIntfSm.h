@@ -65,6 +65,7 @@ public:
       confOptSendIcmpRedirectIPv4 = 6,
       confOptUseIcmpSrcIpAddr = 7,
       confOptGratuitousArpAccept = 8,
+      confOptDirectedBroadcast = 9,
    };
 
    // One interface's pending kernel work.
@@ -192,8 +193,10 @@ public:
    int doUpdateProc(Konet::IntfId const& intf);
    int doUpdateProcConfigOpt(Konet::IntfId const& intf, IpIntfConfOptType opt,
                              IntfIpKernelState& kernelState, std::string const& deviceName);
+   // `ifaFlags`: IFA_F_NOPREFIXROUTE for an interface without attached routes.
    int addIpToIntf(int sock, Konet::IpAddrWithMask const& addr, AddrMap& addrMap,
-                   KernelNetInfo::InterfaceKey ifKey, std::string const& deviceName);
+                   KernelNetInfo::InterfaceKey ifKey, std::string const& deviceName,
+                   uint32_t ifaFlags = 0);
    // True when every namespace-wide setting is written; failed ones are retried by the backlog.
    bool doUpdateGlobalKnobs();
    // The addresses the configuration puts on the interface's device, here and now: none
@@ -278,6 +281,9 @@ private:
    // primary there, so that the primary is added back first.
    void regroupPrimarySubnet(Mox::Ptr<Ip::IpIntfConfig const> const& config,
                              KernelNetInfo::Interface const& kniIntf);
+   // Whether an address of the device, as the mirror shows it, has or lacks its subnet
+   // route against what `ifaFlags` asks of it.
+   bool prefixRouteDiffers(KernelNetInfo::Interface const& kniIntf, uint32_t ifaFlags) const;
    // Whether the device's link record still shows the kernel's value of one of its settings
    // (`file` under its /proc directory): the agent has not written that file since the device
    // appeared, for a /proc write sends no link message that would refresh the record.
@@ -330,7 +336,7 @@ private:
 
 constexpr auto moxEnumNames(IpIntfSm::IpIntfConfOptType) {
    using T = IpIntfSm::IpIntfConfOptType;
-   return Mox::EnumNames<T, 9>{{
+   return Mox::EnumNames<T, 10>{{
        {T::confOptForwarding, "confOptForwarding"},
        {T::confOptRPFilter, "confOptRPFilter"},
        {T::confOptProxyArp, "confOptProxyArp"},
@@ -340,6 +346,7 @@ constexpr auto moxEnumNames(IpIntfSm::IpIntfConfOptType) {
        {T::confOptSendIcmpRedirectIPv4, "confOptSendIcmpRedirectIPv4"},
        {T::confOptUseIcmpSrcIpAddr, "confOptUseIcmpSrcIpAddr"},
        {T::confOptGratuitousArpAccept, "confOptGratuitousArpAccept"},
+       {T::confOptDirectedBroadcast, "confOptDirectedBroadcast"},
    }};
 }
 inline std::ostream& operator<<(std::ostream& os, IpIntfSm::IpIntfConfOptType t) {
