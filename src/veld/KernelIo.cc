@@ -36,6 +36,14 @@ int KernelIo::ifconfInterfaces(std::vector<Konet::IfconfEntry>* out) {
    return Konet::ifconfInterfaces(out);
 }
 
+int KernelIo::mssClampDump(std::map<std::string, Konet::MssClamp>* out, std::string* error) {
+   return Konet::mssClampDump(out, error);
+}
+
+int KernelIo::mssClampSet(std::string const& dev, Konet::MssClamp clamp, std::string* error) {
+   return Konet::mssClampSet(dev, clamp, error);
+}
+
 namespace {
 KernelIo linuxIo;
 KernelIo* currentIo = &linuxIo;

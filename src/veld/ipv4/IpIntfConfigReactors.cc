@@ -192,6 +192,7 @@ void IpIntfSm::MoxIpIntfConfig::handleVirtualSecondaryWithMask() {
 
 void IpIntfSm::MoxIpIntfConfig::handleTcpMssIngress() {
    MOX_TRACE_FN(th, "maxMssIngress for " << intfId_ << " is " << config()->maxMssIngress());
+   owner()->doScheduleKernelAddrUpdate(intfId_);  // the device's MSS clamps
    auto status = writableStatus(": Called in standby mode! Skipping");
    if (!status) return;
    status->maxMssIngressIs(config()->maxMssIngress());
@@ -201,6 +202,7 @@ void IpIntfSm::MoxIpIntfConfig::handleTcpMssIngress() {
 
 void IpIntfSm::MoxIpIntfConfig::handleTcpMssEgress() {
    MOX_TRACE_FN(th, " for " << intfId_ << " is " << config()->maxMssEgress());
+   owner()->doScheduleKernelAddrUpdate(intfId_);  // the device's MSS clamps
    auto status = writableStatus(": Called in standby mode! Skipping");
    if (!status) return;
    status->maxMssEgressIs(config()->maxMssEgress());

@@ -6,7 +6,8 @@
 // interface records, the routing and kernel-protocol configuration and the standby flag.
 // Writes each routed interface's IPv4 and L3 status (not in standby), the uRPF summary, and
 // the kernel: addresses and IFF_NOARP through the VRF's netlink socket, per-interface and
-// namespace-wide settings under /proc/sys/net/ipv4.
+// namespace-wide settings under /proc/sys/net/ipv4, and the devices' TCP MSS clamps in the
+// namespace's nftables table.
 //
 // Handlers never touch the kernel. They mark the interface's entry in the backlog
 // (addrUpdatePending, procUpdatePending) and arm the backlog timer; the timer drains the
@@ -26,6 +27,7 @@
 // is repaired with a delay that doubles up to driftRepairDelayMax, logged once.
 #pragma once
 
+#include <map>
 #include <memory>
 #include <optional>
 #include <string>
@@ -197,6 +199,13 @@ public:
    int addIpToIntf(int sock, Konet::IpAddrWithMask const& addr, AddrMap& addrMap,
                    KernelNetInfo::InterfaceKey ifKey, std::string const& deviceName,
                    uint32_t ifaFlags = 0);
+   // Brings the device's MSS clamps in the namespace to `want`: logged and left to the next
+   // visit when the kernel refuses.
+   void doUpdateMss(std::string const& dev, Konet::MssClamp want);
+   // The MSS clamps the namespace holds by device, as far as this machine knows.
+   std::optional<std::map<std::string, Konet::MssClamp>> const& mssClamps() const {
+      return mssHeld_;
+   }
    // True when every namespace-wide setting is written; failed ones are retried by the backlog.
    bool doUpdateGlobalKnobs();
    // The addresses the configuration puts on the interface's device, here and now: none
@@ -332,6 +341,9 @@ private:
    Mox::HashMap<Konet::IntfId, DriftRepair> driftRepair_;
    uint64_t driftRepairs_ = 0;
    KernelIo* kernelIo_ = nullptr;
+   // Read from the kernel at the first clamp, then kept by mssClampSet's successes.
+   std::optional<std::map<std::string, Konet::MssClamp>> mssHeld_;
+   bool mssUnreadable_ = false;  // the last attempt to read them failed
 };
 
 constexpr auto moxEnumNames(IpIntfSm::IpIntfConfOptType) {

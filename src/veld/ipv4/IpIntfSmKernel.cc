@@ -184,6 +184,12 @@ bool IpIntfSm::doUpdateKernelAddrIntf(Konet::IntfId const& intf) {
       }
    }
 
+   // The same for MSS clamps: a device routed here is clamped as configured, one that
+   // leaves the routed set is not clamped any more.
+   doUpdateMss(dev, config && sameVrf
+                        ? Konet::MssClamp{config->maxMssIngress(), config->maxMssEgress()}
+                        : Konet::MssClamp{});
+
    auto g = in_.addrMap->genAddrIs(kniIntf.key);
    MOX_TRACE(th, 6,
              "kii for ifIndex=" << kniIntf.key << " intfName=" << dev << " has "
@@ -272,6 +278,47 @@ bool IpIntfSm::doUpdateKernelAddrIntf(Konet::IntfId const& intf) {
    }
    doClearStatusAddrs(ipIntfStatusOf(intf));
    return false;
+}
+
+// ---- MSS clamps
+
+void IpIntfSm::doUpdateMss(std::string const& dev, Konet::MssClamp want) {
+   std::string error;
+   if (!mssHeld_) {
+      // What an earlier run of the agent left is ours to correct, so the namespace's clamps
+      // are read once. Where they cannot be read (a kernel without nftables) an interface
+      // that asks for no clamp is not an error, and does not ask again.
+      if (want.none() && mssUnreadable_) return;
+      std::map<std::string, Konet::MssClamp> held;
+      if (int err = kernelIo().mssClampDump(&held, &error)) {
+         mssUnreadable_ = true;
+         if (!want.none()) {
+            Mox::logFailure("VELD-MSS",
+                            "Failed to read the MSS clamps of namespace " + nsName().name() +
+                                " for " + dev + ": " + error,
+                            err);
+         }
+         return;
+      }
+      mssHeld_ = std::move(held);
+   }
+   auto it = mssHeld_->find(dev);
+   if ((it == mssHeld_->end() ? Konet::MssClamp{} : it->second) == want) return;
+   MOX_TRACE(th, 5,
+             "MSS clamps of " << dev << ": ingress " << want.ingress << " egress " << want.egress);
+   if (int err = kernelIo().mssClampSet(dev, want, &error)) {
+      Mox::logFailure("VELD-MSS",
+                      "Failed to set the MSS clamps of " + dev + " to ingress " +
+                          std::to_string(want.ingress) + " egress " + std::to_string(want.egress) +
+                          ": " + error,
+                      err);
+      return;
+   }
+   if (want.none()) {
+      mssHeld_->erase(dev);
+   } else {
+      (*mssHeld_)[dev] = want;
+   }
 }
 
 // ---- Per-interface settings

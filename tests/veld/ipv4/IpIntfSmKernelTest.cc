@@ -9,6 +9,7 @@
 #include <sstream>
 
 #include "IpIntfSmFixture.h"
+#include "tests/linux/NftRuleset.h"
 
 namespace VeldTest {
 namespace {
@@ -17,6 +18,13 @@ using Set = std::set<std::string>;
 
 class IpIntfSmKernelTest : public IpIntfSmFixture {
 protected:
+   void TearDown() override {
+      IpIntfSmFixture::TearDown();
+      // The clamps' table belongs to the namespace, which the tests share.
+      std::unique_ptr<nft_ctx, void (*)(nft_ctx*)> ctx(nft_ctx_new(NFT_CTX_DEFAULT), &nft_ctx_free);
+      nft_ctx_buffer_error(ctx.get());
+      nft_run_cmd_from_buffer(ctx.get(), "delete table inet veld");
+   }
    // The kernel's addresses of a device that it flags as secondaries of their subnet.
    Set kernelSecondaries(int ifindex) {
       Set out;
@@ -247,6 +255,43 @@ TEST_F(IpIntfSmKernelTest, WithoutAttachedRoutesTheAddressesComeWithoutTheirSubn
    settle();
    EXPECT_TRUE(kernelNoPrefixRoute(e1.veth.ifindex).contains("10.8.0.1/24"));
    EXPECT_EQ(routesVia(dev), Set{});
+}
+
+TEST_F(IpIntfSmKernelTest, MssClampsFollowTheConfigurationAndTheRoutedSet) {
+   auto e1 = addIntf("Ethernet1");
+   e1.config->maxMssIngressIs(1400);
+   e1.config->maxMssEgressIs(1300);
+   place(e1);
+   auto e2 = addIntf("Ethernet2");
+   place(e2);
+   auto const& d1 = e1.veth.name;
+   auto const& d2 = e2.veth.name;
+   auto clamp = [](char const* match, std::string const& dev, int mss) {
+      auto n = std::to_string(mss);
+      return std::string(match) + " \"" + dev + "\" tcp flags syn tcp option maxseg size > " + n +
+             " tcp option maxseg size set " + n;
+   };
+   auto rules = [] { return KonetTest::nftRules("inet", "veld", "mss"); };
+   // A clamp an earlier run left on a device that wants none goes.
+   ASSERT_EQ(Konet::mssClampSet(d2, {0, 1000}), 0);
+   makeSm();
+   settle();
+   EXPECT_EQ(rules(), (Set{clamp("iifname", d1, 1400), clamp("oifname", d1, 1300)}));
+   EXPECT_EQ(ipStatus(e1.id)->maxMssIngress(), 1400);
+
+   e1.config->maxMssEgressIs(0);
+   e2.config->maxMssIngressIs(1200);
+   settle();
+   EXPECT_EQ(rules(), (Set{clamp("iifname", d1, 1400), clamp("iifname", d2, 1200)}));
+   EXPECT_EQ(ipStatus(e1.id)->maxMssEgress(), 0);
+
+   // An interface that stops being routed is not clamped any more.
+   e2.status->forwardingModelIs(Interface::IntfForwardingModel::intfForwardingModelBridged);
+   settle();
+   EXPECT_EQ(rules(), (Set{clamp("iifname", d1, 1400)}));
+   view->ipIntfConfigDel(e1.id);
+   settle();
+   EXPECT_EQ(rules(), Set{});
 }
 
 TEST_F(IpIntfSmKernelTest, NoArpFollowsTheConfiguration) {
