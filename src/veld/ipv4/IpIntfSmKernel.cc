@@ -1,5 +1,5 @@
-// IpIntfSm: the kernel work of one backlog entry (addresses, IFF_NOARP, per-interface
-// settings) and the namespace-wide settings. Runs inside the VRF's namespace.
+// IpIntfSm: the kernel work of one backlog entry (addresses, IFF_NOARP, MSS clamps,
+// per-interface settings) and the namespace-wide settings. Runs inside the VRF's namespace.
 #include <linux/if_addr.h>
 
 #include <cstring>
