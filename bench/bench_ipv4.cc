@@ -142,9 +142,9 @@ struct TimingIo : Veld::KernelIoDecorator {
       ++procN;
       return r;
    }
-   int ipAddrAdd(int s, int i, IpAddrWithMask const& a) override {
+   int ipAddrAdd(int s, int i, IpAddrWithMask const& a, uint32_t ifaFlags) override {
       double t = now();
-      int r = inner_.ipAddrAdd(s, i, a);
+      int r = inner_.ipAddrAdd(s, i, a, ifaFlags);
       addr += now() - t;
       ++addrN;
       return r;

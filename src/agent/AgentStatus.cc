@@ -145,6 +145,10 @@ Json Agent::showInterfaces() const {
       conf["secondaries"] = addrs(s.ipv4.secondaries);
       conf["virtualAddress"] = s.ipv4.virtualAddress ? s.ipv4.virtualAddress->toString() : "";
       conf["virtualSecondaries"] = addrs(s.ipv4.virtualSecondaries);
+      conf["mssIngress"] = s.ipv4.mssIngress;
+      conf["mssEgress"] = s.ipv4.mssEgress;
+      conf["directedBroadcast"] = s.ipv4.directedBroadcast;
+      conf["attachedRoutes"] = s.ipv4.attachedRoutes;
       j["configured"] = conf;
       if (auto ip = e_.ipStatus->intf(id)) {
          Json st;
@@ -160,6 +164,10 @@ Json Agent::showInterfaces() const {
          st["virtualSecondaries"] = addrs(vsec);
          st["vrf"] = ip->vrf().name();
          st["dpRoutingEnabled"] = ip->dpRoutingEnabled();
+         st["mssIngress"] = ip->maxMssIngress();
+         st["mssEgress"] = ip->maxMssEgress();
+         st["directedBroadcast"] = ip->directedBroadcastEnabled();
+         st["attachedRoutes"] = ip->attachedRoutes();
          j["status"] = st;
       } else {
          j["status"] = nullptr;

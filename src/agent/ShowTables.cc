@@ -45,11 +45,26 @@ std::string join(Json const& list, char const* sep = " ") {
 
 std::string orDash(std::string s) { return s.empty() ? "-" : s; }
 
+// The configured IPv4 settings that differ from their defaults, beyond the addresses.
+std::string settings(Json const& i) {
+   if (!i.contains("configured") || !i.at("routed").get<bool>()) return "";
+   auto const& c = i.at("configured");
+   std::vector<std::string> parts;
+   if (int mss = c.value("mssIngress", 0)) parts.push_back("mss in " + std::to_string(mss));
+   if (int mss = c.value("mssEgress", 0)) parts.push_back("mss out " + std::to_string(mss));
+   if (c.value("directedBroadcast", false)) parts.push_back("directed broadcast");
+   if (!c.value("attachedRoutes", true)) parts.push_back("no attached routes");
+   std::string out;
+   for (auto const& p : parts)
+      out += (out.empty() ? "" : ", ") + p;
+   return out;
+}
+
 }  // namespace
 
 std::string renderInterfaces(Json const& answer) {
    Table t({"Interface", "VRF", "Device", "Namespace", "Link", "MTU", "Primary", "Secondaries",
-            "Kernel"});
+            "Kernel", "Settings"});
    for (auto const& i : answer.at("interfaces")) {
       std::string primary, secondaries, kernel;
       auto const& st = i.at("status");
@@ -102,7 +117,7 @@ std::string renderInterfaces(Json const& answer) {
       t.row({i.at("interface").get<std::string>(), i.at("vrf").get<std::string>(),
              i.at("device").get<std::string>(), orDash(i.at("namespace").get<std::string>()),
              i.at("operUp").get<bool>() ? "up" : "down", std::to_string(i.at("mtu").get<int>()),
-             primary, orDash(secondaries), kernel});
+             primary, orDash(secondaries), kernel, orDash(settings(i))});
    }
    return t.render();
 }

@@ -40,11 +40,13 @@ int addrResult(uint16_t type, int rc) {
 
 }  // namespace
 
-nlmsghdr* buildIpAddrMsg(NetlinkBuf& buf, uint16_t type, int ifindex, IpAddrWithMask const& addr) {
+nlmsghdr* buildIpAddrMsg(NetlinkBuf& buf, uint16_t type, int ifindex, IpAddrWithMask const& addr,
+                         uint32_t ifaFlags) {
    nlmsghdr* nlh = startAddrMsg(buf, type, requestFlags(type), AF_INET, addr.len(), ifindex);
    auto bytes = addr.addr().bytes();
    mnl_attr_put(nlh, IFA_LOCAL, bytes.size(), bytes.data());
    mnl_attr_put(nlh, IFA_ADDRESS, bytes.size(), bytes.data());
+   if (ifaFlags != 0) mnl_attr_put_u32(nlh, IFA_FLAGS, ifaFlags);
    return nlh;
 }
 
@@ -56,10 +58,10 @@ nlmsghdr* buildIp6AddrMsg(NetlinkBuf& buf, uint16_t type, int ifindex, Ip6AddrWi
    return nlh;
 }
 
-int ipAddrAdd(int sock, int ifindex, IpAddrWithMask const& addr) {
+int ipAddrAdd(int sock, int ifindex, IpAddrWithMask const& addr, uint32_t ifaFlags) {
    NetlinkBuf buf;
-   return addrResult(RTM_NEWADDR,
-                     netlinkRequest(sock, buildIpAddrMsg(buf, RTM_NEWADDR, ifindex, addr)));
+   return addrResult(RTM_NEWADDR, netlinkRequest(sock, buildIpAddrMsg(buf, RTM_NEWADDR, ifindex,
+                                                                      addr, ifaFlags)));
 }
 
 int ipAddrDel(int sock, int ifindex, IpAddrWithMask const& addr) {

@@ -17,17 +17,19 @@
 
 namespace Konet {
 
-int ipAddrAdd(int sock, int ifindex, IpAddrWithMask const& addr);
+// `ifaFlags` (IFA_F_NOPREFIXROUTE...) go in an IFA_FLAGS attribute when set.
+int ipAddrAdd(int sock, int ifindex, IpAddrWithMask const& addr, uint32_t ifaFlags = 0);
 int ipAddrDel(int sock, int ifindex, IpAddrWithMask const& addr);
 // `ifaFlags` (IFA_F_NODAD, IFA_F_NOPREFIXROUTE...) go in an IFA_FLAGS attribute when set.
 int ip6AddrAdd(int sock, int ifindex, Ip6AddrWithMask const& addr, uint32_t ifaFlags = 0);
 int ip6AddrDel(int sock, int ifindex, Ip6AddrWithMask const& addr);
 
 // The requests themselves, for the functions above and for tests that check the bytes.
-// IPv4: ifaddrmsg, then IFA_LOCAL and IFA_ADDRESS. IPv6: ifaddrmsg, then IFA_ADDRESS
-// (16 bytes) and, when ifaFlags is set, IFA_FLAGS. An IPv6 delete is 44 bytes. The
-// sequence number is left 0 (netlinkRequest sets it).
-nlmsghdr* buildIpAddrMsg(NetlinkBuf& buf, uint16_t type, int ifindex, IpAddrWithMask const& addr);
+// IPv4: ifaddrmsg, then IFA_LOCAL and IFA_ADDRESS and, when ifaFlags is set, IFA_FLAGS. IPv6:
+// ifaddrmsg, then IFA_ADDRESS (16 bytes) and, when ifaFlags is set, IFA_FLAGS. An IPv6 delete is 44
+// bytes. The sequence number is left 0 (netlinkRequest sets it).
+nlmsghdr* buildIpAddrMsg(NetlinkBuf& buf, uint16_t type, int ifindex, IpAddrWithMask const& addr,
+                         uint32_t ifaFlags = 0);
 nlmsghdr* buildIp6AddrMsg(NetlinkBuf& buf, uint16_t type, int ifindex, Ip6AddrWithMask const& addr,
                           uint32_t ifaFlags = 0);
 

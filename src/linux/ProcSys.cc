@@ -153,6 +153,7 @@ int ipv4DevconfIndex(std::string_view setting) {
        {"promote_secondaries", IPV4_DEVCONF_PROMOTE_SECONDARIES},
        {"arp_accept", IPV4_DEVCONF_ARP_ACCEPT},
        {"proxy_arp_pvlan", IPV4_DEVCONF_PROXY_ARP_PVLAN},
+       {"bc_forwarding", IPV4_DEVCONF_BC_FORWARDING},
    };
    for (auto const& [name, index] : kIndex) {
       if (name == setting) return index;

@@ -14,8 +14,9 @@ int KernelIo::writeProcSys(std::string_view path, std::string_view value) {
    return Konet::writeProcSys(path, value);
 }
 
-int KernelIo::ipAddrAdd(int sock, int ifindex, Konet::IpAddrWithMask const& addr) {
-   return Konet::ipAddrAdd(sock, ifindex, addr);
+int KernelIo::ipAddrAdd(int sock, int ifindex, Konet::IpAddrWithMask const& addr,
+                        uint32_t ifaFlags) {
+   return Konet::ipAddrAdd(sock, ifindex, addr, ifaFlags);
 }
 
 int KernelIo::ipAddrDel(int sock, int ifindex, Konet::IpAddrWithMask const& addr) {
@@ -33,6 +34,14 @@ int KernelIo::ipAddrFlush(int sock, int ifindex, std::string const& devName,
 
 int KernelIo::ifconfInterfaces(std::vector<Konet::IfconfEntry>* out) {
    return Konet::ifconfInterfaces(out);
+}
+
+int KernelIo::mssClampDump(std::map<std::string, Konet::MssClamp>* out, std::string* error) {
+   return Konet::mssClampDump(out, error);
+}
+
+int KernelIo::mssClampSet(std::string const& dev, Konet::MssClamp clamp, std::string* error) {
+   return Konet::mssClampSet(dev, clamp, error);
 }
 
 namespace {

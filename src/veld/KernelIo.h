@@ -1,6 +1,6 @@
-// The machines' access to the kernel: namespaces, /proc/sys writes, addresses and device
-// flags. The default goes straight to the Linux layer. Tests put a decorator in front of it
-// where the real kernel cannot produce what they need: a write that keeps failing, or
+// The machines' access to the kernel: namespaces, /proc/sys writes, addresses, device
+// flags and MSS clamps. The default goes straight to the Linux layer. Tests put a decorator in
+// front of it where the real kernel cannot produce what they need: a write that keeps failing, or
 // kernel work that takes (virtual) time.
 #pragma once
 
@@ -13,6 +13,7 @@
 #include "konet/IpPrefix.h"
 #include "konet/NamespaceName.h"
 #include "linux/NetNs.h"
+#include "linux/NftMss.h"
 #include "linux/ProcSys.h"
 
 namespace Veld {
@@ -26,12 +27,15 @@ public:
    virtual std::unique_ptr<Konet::ScopedNetNs> enterNamespace(Konet::NamespaceName const& ns,
                                                               char const* caller);
    virtual int writeProcSys(std::string_view path, std::string_view value);
-   virtual int ipAddrAdd(int sock, int ifindex, Konet::IpAddrWithMask const& addr);
+   virtual int ipAddrAdd(int sock, int ifindex, Konet::IpAddrWithMask const& addr,
+                         uint32_t ifaFlags);
    virtual int ipAddrDel(int sock, int ifindex, Konet::IpAddrWithMask const& addr);
    virtual int setKintfFlags(int sock, int ifindex, uint32_t flags, uint32_t mask);
    virtual int ipAddrFlush(int sock, int ifindex, std::string const& devName,
                            std::string const& ns);
    virtual int ifconfInterfaces(std::vector<Konet::IfconfEntry>* out);
+   virtual int mssClampDump(std::map<std::string, Konet::MssClamp>* out, std::string* error);
+   virtual int mssClampSet(std::string const& dev, Konet::MssClamp clamp, std::string* error);
 
    // The process's kernel access: the Linux layer unless a test installed another.
    static KernelIo& current();
@@ -50,8 +54,9 @@ public:
    int writeProcSys(std::string_view path, std::string_view value) override {
       return inner_.writeProcSys(path, value);
    }
-   int ipAddrAdd(int sock, int ifindex, Konet::IpAddrWithMask const& addr) override {
-      return inner_.ipAddrAdd(sock, ifindex, addr);
+   int ipAddrAdd(int sock, int ifindex, Konet::IpAddrWithMask const& addr,
+                 uint32_t ifaFlags) override {
+      return inner_.ipAddrAdd(sock, ifindex, addr, ifaFlags);
    }
    int ipAddrDel(int sock, int ifindex, Konet::IpAddrWithMask const& addr) override {
       return inner_.ipAddrDel(sock, ifindex, addr);
@@ -65,6 +70,12 @@ public:
    }
    int ifconfInterfaces(std::vector<Konet::IfconfEntry>* out) override {
       return inner_.ifconfInterfaces(out);
+   }
+   int mssClampDump(std::map<std::string, Konet::MssClamp>* out, std::string* error) override {
+      return inner_.mssClampDump(out, error);
+   }
+   int mssClampSet(std::string const& dev, Konet::MssClamp clamp, std::string* error) override {
+      return inner_.mssClampSet(dev, clamp, error);
    }
 
 protected:

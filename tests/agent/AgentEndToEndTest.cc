@@ -1,6 +1,7 @@
 // The veld program end to end, in the test's private network namespace: what reaches the
 // kernel, reloads (good, partial and bad), what `veld show` reports, and restarts.
 #include <linux/if.h>
+#include <linux/if_addr.h>
 #include <linux/rtnetlink.h>
 #include <sys/socket.h>
 
@@ -17,6 +18,7 @@
 #include "linux/ProcSys.h"
 #include "tests/agent/VeldProcess.h"
 #include "tests/linux/KernelFixture.h"
+#include "tests/linux/NftRuleset.h"
 
 namespace {
 
@@ -68,7 +70,8 @@ protected:
    }
 
    std::string config(std::string const& secondary1 = "10.1.1.1/24",
-                      std::string const& address2 = "10.2.0.1/24") const {
+                      std::string const& address2 = "10.2.0.1/24",
+                      std::string const& more2 = "") const {
       return R"({"interfaces": {
          "Ethernet1": {"device": ")" +
              et1.name + R"(", "ipv4": {"address": "10.1.0.1/24",
@@ -77,7 +80,7 @@ protected:
              "gratuitousArpAccept": true}},
          "Ethernet2": {"device": ")" +
              et2.name + R"(", "ipv4": {"address": ")" + address2 +
-             R"(", "secondaries": ["10.2.1.1/24"]}}}})";
+             R"(", "secondaries": ["10.2.1.1/24"])" + more2 + R"(}}}})";
    }
    std::set<std::string> kernel(Veth const& v) {
       std::set<std::string> out;
@@ -134,6 +137,44 @@ TEST_F(AgentEndToEnd, ConfigurationReachesTheKernelAndShowReportsIt) {
    EXPECT_EQ(kernel(et1).size(), 3u);
 }
 
+TEST_F(AgentEndToEnd, MssDirectedBroadcastAndAttachedRoutesReachTheKernelAndShow) {
+   startConverged(config("10.1.1.1/24", "10.2.0.1/24",
+                         R"(, "mss": {"ingress": 1400, "egress": 1300},
+                            "directedBroadcast": true, "attachedRoutes": false)"));
+   EXPECT_EQ(proc(et2, "bc_forwarding"), "1");
+   EXPECT_EQ(proc(et1, "bc_forwarding"), "0");
+   for (auto const& a : addrs(et2.ifindex, AF_INET)) {
+      EXPECT_TRUE(a.flags & IFA_F_NOPREFIXROUTE) << a.addr.toString();
+   }
+   for (auto const& a : addrs(et1.ifindex, AF_INET)) {
+      EXPECT_FALSE(a.flags & IFA_F_NOPREFIXROUTE) << a.addr.toString();
+   }
+   auto rules = KonetTest::nftRules("inet", "veld", "mss");
+   // The clamps' table outlives the agent, as the rest of the kernel's state does.
+   std::unique_ptr<nft_ctx, void (*)(nft_ctx*)> ctx(nft_ctx_new(NFT_CTX_DEFAULT), &nft_ctx_free);
+   nft_run_cmd_from_buffer(ctx.get(), "delete table inet veld");
+   EXPECT_EQ(rules, (Set{"iifname \"" + et2.name +
+                             "\" tcp flags syn tcp option maxseg size > 1400 tcp option maxseg "
+                             "size set 1400",
+                         "oifname \"" + et2.name +
+                             "\" tcp flags syn tcp option maxseg size > 1300 tcp option maxseg "
+                             "size set 1300"}));
+
+   auto shown = veld.show("interfaces").at("interfaces").at(1);
+   ASSERT_EQ(shown.at("interface"), "Ethernet2");
+   for (auto const* part : {"configured", "status"}) {
+      auto const& s = shown.at(part);
+      EXPECT_EQ(s.at("mssIngress"), 1400) << part;
+      EXPECT_EQ(s.at("mssEgress"), 1300) << part;
+      EXPECT_EQ(s.at("directedBroadcast"), true) << part;
+      EXPECT_EQ(s.at("attachedRoutes"), false) << part;
+   }
+   std::string table;
+   EXPECT_EQ(VeldProcess::command({"show", "interfaces", "--run-dir", veld.runDir()}, &table), 0);
+   EXPECT_NE(table.find("mss in 1400, mss out 1300, directed broadcast, no attached routes"),
+             std::string::npos)
+       << table;
+}
 TEST_F(AgentEndToEnd, ReloadChangesExactlyWhatChanged) {
    startConverged(config());
    AddrMonitor monitor;

@@ -44,6 +44,31 @@ TEST(ShowTables, TheKernelColumnComparesTheKernelWithThePublishedStatus) {
              line("Ethernet1").find("in sync") - line("Ethernet1").find("Ethernet1"));
 }
 
+TEST(ShowTables, TheSettingsColumnNamesWhatDiffersFromTheDefaults) {
+   auto e1 = intf("Ethernet1", true, status("10.0.0.1/24", {}), {"10.0.0.1/24"});
+   e1["configured"] = Json{{"mssIngress", 1400},
+                           {"mssEgress", 0},
+                           {"directedBroadcast", true},
+                           {"attachedRoutes", false}};
+   auto e2 = intf("Ethernet2", true, status("10.0.2.1/24", {}), {"10.0.2.1/24"});
+   e2["configured"] = Json{{"mssIngress", 0},
+                           {"mssEgress", 1300},
+                           {"directedBroadcast", false},
+                           {"attachedRoutes", true}};
+   auto e3 = intf("Ethernet3", true, status("10.0.3.1/24", {}), {"10.0.3.1/24"});
+   e3["configured"] = Json{
+       {"mssIngress", 0}, {"mssEgress", 0}, {"directedBroadcast", false}, {"attachedRoutes", true}};
+   auto text = renderInterfaces(Json{{"interfaces", {e1, e2, e3}}});
+   auto line = [&](char const* name) {
+      auto at = text.find(name);
+      return text.substr(at, text.find('\n', at) - at);
+   };
+   EXPECT_TRUE(line("Ethernet1").ends_with("mss in 1400, directed broadcast, no attached routes"))
+       << text;
+   EXPECT_TRUE(line("Ethernet2").ends_with("in sync  mss out 1300")) << text;
+   EXPECT_TRUE(line("Ethernet3").ends_with("in sync  -")) << text;
+}
+
 TEST(ShowTables, BacklogSaysWhatTheAgentWaitsFor) {
    auto text = renderBacklog(Json{{"backlog",
                                    {{{"vrf", "red"},

@@ -17,7 +17,7 @@ public:
    // The kernel's reverse-path filter modes, written as their numbers.
    enum class RpFilterMode : uint8_t { off = 0, strict = 1, loose = 2 };
 
-   static constexpr size_t kOptions = 9;
+   static constexpr size_t kOptions = 10;
 
    // The value last written for option `opt` (a IpIntfSm::IpIntfConfOptType), if any.
    std::optional<std::string> const& written(size_t opt) const { return written_[opt]; }
@@ -45,6 +45,7 @@ public:
    uint32_t numSendIcmpRedirectIPv4Updates() const { return updates_[6]; }
    uint32_t numUseIcmpSrcIpAddrUpdates() const { return updates_[7]; }
    uint32_t numGratArpAcceptUpdates() const { return updates_[8]; }
+   uint32_t numDirectedBroadcastUpdates() const { return updates_[9]; }
 
    // The kernel device the values were written to (its ifindex): they go with it.
    uint32_t ifIndex() const { return ifIndex_; }

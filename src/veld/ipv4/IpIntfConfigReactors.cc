@@ -192,6 +192,7 @@ void IpIntfSm::MoxIpIntfConfig::handleVirtualSecondaryWithMask() {
 
 void IpIntfSm::MoxIpIntfConfig::handleTcpMssIngress() {
    MOX_TRACE_FN(th, "maxMssIngress for " << intfId_ << " is " << config()->maxMssIngress());
+   owner()->doScheduleKernelAddrUpdate(intfId_);  // the device's MSS clamps
    auto status = writableStatus(": Called in standby mode! Skipping");
    if (!status) return;
    status->maxMssIngressIs(config()->maxMssIngress());
@@ -201,6 +202,7 @@ void IpIntfSm::MoxIpIntfConfig::handleTcpMssIngress() {
 
 void IpIntfSm::MoxIpIntfConfig::handleTcpMssEgress() {
    MOX_TRACE_FN(th, " for " << intfId_ << " is " << config()->maxMssEgress());
+   owner()->doScheduleKernelAddrUpdate(intfId_);  // the device's MSS clamps
    auto status = writableStatus(": Called in standby mode! Skipping");
    if (!status) return;
    status->maxMssEgressIs(config()->maxMssEgress());
@@ -266,6 +268,7 @@ void IpIntfSm::MoxIpIntfConfig::handleDirectedBroadcast() {
                         << config()->directedBroadcastEnabled() << " on " << intfId_
                         << " IN NS: " << owner()->nsName());
    if (status) status->directedBroadcastEnabledIs(config()->directedBroadcastEnabled());
+   owner()->doScheduleKernelProcUpdate(intfId_);  // bc_forwarding
 }
 
 void IpIntfSm::MoxIpIntfConfig::handleAttachedRoutes() {
@@ -275,6 +278,7 @@ void IpIntfSm::MoxIpIntfConfig::handleAttachedRoutes() {
                         << config()->attachedRoutes() << " on " << intfId_
                         << " in NS: " << owner()->nsName() << " vrf " << owner()->vrfName());
    if (status) status->attachedRoutesIs(config()->attachedRoutes());
+   owner()->doScheduleKernelAddrUpdate(intfId_);  // the addresses' IFA_F_NOPREFIXROUTE
 }
 
 void IpIntfSm::MoxIpIntfConfig::handleUnnumberedIntf() {

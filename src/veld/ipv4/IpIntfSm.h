@@ -6,7 +6,8 @@
 // interface records, the routing and kernel-protocol configuration and the standby flag.
 // Writes each routed interface's IPv4 and L3 status (not in standby), the uRPF summary, and
 // the kernel: addresses and IFF_NOARP through the VRF's netlink socket, per-interface and
-// namespace-wide settings under /proc/sys/net/ipv4.
+// namespace-wide settings under /proc/sys/net/ipv4, and the devices' TCP MSS clamps in the
+// namespace's nftables table.
 //
 // Handlers never touch the kernel. They mark the interface's entry in the backlog
 // (addrUpdatePending, procUpdatePending) and arm the backlog timer; the timer drains the
@@ -26,6 +27,7 @@
 // is repaired with a delay that doubles up to driftRepairDelayMax, logged once.
 #pragma once
 
+#include <map>
 #include <memory>
 #include <optional>
 #include <string>
@@ -65,6 +67,7 @@ public:
       confOptSendIcmpRedirectIPv4 = 6,
       confOptUseIcmpSrcIpAddr = 7,
       confOptGratuitousArpAccept = 8,
+      confOptDirectedBroadcast = 9,
    };
 
    // One interface's pending kernel work.
@@ -192,8 +195,17 @@ public:
    int doUpdateProc(Konet::IntfId const& intf);
    int doUpdateProcConfigOpt(Konet::IntfId const& intf, IpIntfConfOptType opt,
                              IntfIpKernelState& kernelState, std::string const& deviceName);
+   // `ifaFlags`: IFA_F_NOPREFIXROUTE for an interface without attached routes.
    int addIpToIntf(int sock, Konet::IpAddrWithMask const& addr, AddrMap& addrMap,
-                   KernelNetInfo::InterfaceKey ifKey, std::string const& deviceName);
+                   KernelNetInfo::InterfaceKey ifKey, std::string const& deviceName,
+                   uint32_t ifaFlags = 0);
+   // Brings the device's MSS clamps in the namespace to `want`: logged and left to the next
+   // visit when the kernel refuses.
+   void doUpdateMss(std::string const& dev, Konet::MssClamp want);
+   // The MSS clamps the namespace holds by device, as far as this machine knows.
+   std::optional<std::map<std::string, Konet::MssClamp>> const& mssClamps() const {
+      return mssHeld_;
+   }
    // True when every namespace-wide setting is written; failed ones are retried by the backlog.
    bool doUpdateGlobalKnobs();
    // The addresses the configuration puts on the interface's device, here and now: none
@@ -278,6 +290,9 @@ private:
    // primary there, so that the primary is added back first.
    void regroupPrimarySubnet(Mox::Ptr<Ip::IpIntfConfig const> const& config,
                              KernelNetInfo::Interface const& kniIntf);
+   // Whether an address of the device, as the mirror shows it, has or lacks its subnet
+   // route against what `ifaFlags` asks of it.
+   bool prefixRouteDiffers(KernelNetInfo::Interface const& kniIntf, uint32_t ifaFlags) const;
    // Whether the device's link record still shows the kernel's value of one of its settings
    // (`file` under its /proc directory): the agent has not written that file since the device
    // appeared, for a /proc write sends no link message that would refresh the record.
@@ -326,11 +341,14 @@ private:
    Mox::HashMap<Konet::IntfId, DriftRepair> driftRepair_;
    uint64_t driftRepairs_ = 0;
    KernelIo* kernelIo_ = nullptr;
+   // Read from the kernel at the first clamp, then kept by mssClampSet's successes.
+   std::optional<std::map<std::string, Konet::MssClamp>> mssHeld_;
+   bool mssUnreadable_ = false;  // the last attempt to read them failed
 };
 
 constexpr auto moxEnumNames(IpIntfSm::IpIntfConfOptType) {
    using T = IpIntfSm::IpIntfConfOptType;
-   return Mox::EnumNames<T, 9>{{
+   return Mox::EnumNames<T, 10>{{
        {T::confOptForwarding, "confOptForwarding"},
        {T::confOptRPFilter, "confOptRPFilter"},
        {T::confOptProxyArp, "confOptProxyArp"},
@@ -340,6 +358,7 @@ constexpr auto moxEnumNames(IpIntfSm::IpIntfConfOptType) {
        {T::confOptSendIcmpRedirectIPv4, "confOptSendIcmpRedirectIPv4"},
        {T::confOptUseIcmpSrcIpAddr, "confOptUseIcmpSrcIpAddr"},
        {T::confOptGratuitousArpAccept, "confOptGratuitousArpAccept"},
+       {T::confOptDirectedBroadcast, "confOptDirectedBroadcast"},
    }};
 }
 inline std::ostream& operator<<(std::ostream& os, IpIntfSm::IpIntfConfOptType t) {

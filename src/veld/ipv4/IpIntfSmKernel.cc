@@ -1,5 +1,7 @@
-// IpIntfSm: the kernel work of one backlog entry (addresses, IFF_NOARP, per-interface
-// settings) and the namespace-wide settings. Runs inside the VRF's namespace.
+// IpIntfSm: the kernel work of one backlog entry (addresses, IFF_NOARP, MSS clamps,
+// per-interface settings) and the namespace-wide settings. Runs inside the VRF's namespace.
+#include <linux/if_addr.h>
+
 #include <cstring>
 
 #include "mox/Trace.h"
@@ -16,7 +18,7 @@ using Opt = IpIntfSm::IpIntfConfOptType;
 
 char const* const kOptFile[] = {
     "forwarding",       "rp_filter",      "proxy_arp",           "arp_ignore", "proxy_arp_pvlan",
-    "accept_redirects", "send_redirects", "use_icmp_src_ipaddr", "arp_accept",
+    "accept_redirects", "send_redirects", "use_icmp_src_ipaddr", "arp_accept", "bc_forwarding",
 };
 
 char const* bit(bool on) { return on ? "1" : "0"; }
@@ -38,14 +40,15 @@ bool kernelHolds(KernelNetInfo::Interface const& kniIntf, char const* file,
 // ---- Addresses
 
 int IpIntfSm::addIpToIntf(int sock, Konet::IpAddrWithMask const& addr, AddrMap& addrMap,
-                          KernelNetInfo::InterfaceKey ifKey, std::string const& deviceName) {
+                          KernelNetInfo::InterfaceKey ifKey, std::string const& deviceName,
+                          uint32_t ifaFlags) {
    auto g = addrMap.genAddr(ifKey);
    if (g && g->addr(addr)) {
       MOX_TRACE(th, 7, "Adding ip addr " << addr << " to " << deviceName << " already exists");
       return 0;
    }
    MOX_TRACE(th, 5, "Adding ip addr " << addr << " to " << deviceName);
-   int err = kernelIo().ipAddrAdd(sock, static_cast<int>(ifKey.ifIndex), addr);
+   int err = kernelIo().ipAddrAdd(sock, static_cast<int>(ifKey.ifIndex), addr, ifaFlags);
    if (err == 0) {
       addrMap.addAddr(ifKey, addr);
       return 0;
@@ -114,6 +117,20 @@ void IpIntfSm::regroupPrimarySubnet(Mox::Ptr<Ip::IpIntfConfig const> const& conf
    writeDeviceProc(kniIntf, "promote_secondaries", "1");
 }
 
+bool IpIntfSm::prefixRouteDiffers(KernelNetInfo::Interface const& kniIntf,
+                                  uint32_t ifaFlags) const {
+   auto g = in_.addrMap->genAddr(kniIntf.key);
+   if (!g) return false;
+   for (auto const& a : g->addrIterator().keys()) {
+      KernelNetInfo::IpKey key{kniIntf.key, Konet::IpGenAddr(a.addr()), a.len()};
+      auto const* state = kniRoot_->status()->ipState().find(key);
+      if (state && (state->flags & IFA_F_NOPREFIXROUTE) != (ifaFlags & IFA_F_NOPREFIXROUTE)) {
+         return true;
+      }
+   }
+   return false;
+}
+
 bool IpIntfSm::doUpdateKernelAddrIntf(Konet::IntfId const& intf) {
    MOX_TRACE_FN(th, " for " << intf << " in Ns " << nsName() << " vrf " << in_.vrfName);
    if (!in_.kernelIntfDir || !in_.ipConfig || !kniRoot_ || !in_.addrMap) {
@@ -167,6 +184,12 @@ bool IpIntfSm::doUpdateKernelAddrIntf(Konet::IntfId const& intf) {
       }
    }
 
+   // The same for MSS clamps: a device routed here is clamped as configured, one that
+   // leaves the routed set is not clamped any more.
+   doUpdateMss(dev, config && sameVrf
+                        ? Konet::MssClamp{config->maxMssIngress(), config->maxMssEgress()}
+                        : Konet::MssClamp{});
+
    auto g = in_.addrMap->genAddrIs(kniIntf.key);
    MOX_TRACE(th, 6,
              "kii for ifIndex=" << kniIntf.key << " intfName=" << dev << " has "
@@ -205,9 +228,28 @@ bool IpIntfSm::doUpdateKernelAddrIntf(Konet::IntfId const& intf) {
    }
 
    if (config && sameVrf && running) {
+      // An interface without attached routes has its addresses without their subnet
+      // routes. The kernel keeps an IPv4 address's flags when it is added again, so a change
+      // of the setting takes the device's addresses out (a flush: nothing promoted), and the
+      // next visit, once the mirror has seen them go, puts them back as they must be now,
+      // the primary first.
+      uint32_t ifaFlags = config->attachedRoutes() ? 0 : IFA_F_NOPREFIXROUTE;
+      if (prefixRouteDiffers(kniIntf, ifaFlags)) {
+         MOX_TRACE(th, 5,
+                   "Re-adding the addresses of " << dev << " with attached routes "
+                                                 << config->attachedRoutes());
+         procWrittenSinceLink_[kniIntf.key.ifIndex].insert("promote_secondaries");
+         int err = kernelIo().ipAddrFlush(sock, static_cast<int>(kniIntf.key.ifIndex), dev,
+                                          nsName().name());
+         if (err) {
+            Mox::logFailure("VELD-ADDR", "Failed to flush interface addresses of " + dev, err);
+         }
+         in_.addrMap->flushAddr(kniIntf.key);
+         return true;
+      }
       // The primary first, so that the kernel makes it the primary of its subnet.
       auto add = [&](Konet::IpAddrWithMask const& a) {
-         if (a.len()) addIpToIntf(sock, a, *in_.addrMap, kniIntf.key, dev);
+         if (a.len()) addIpToIntf(sock, a, *in_.addrMap, kniIntf.key, dev, ifaFlags);
       };
       add(config->addrWithMask());
       for (auto const& a : config->secondaryWithMaskIterator())
@@ -236,6 +278,47 @@ bool IpIntfSm::doUpdateKernelAddrIntf(Konet::IntfId const& intf) {
    }
    doClearStatusAddrs(ipIntfStatusOf(intf));
    return false;
+}
+
+// ---- MSS clamps
+
+void IpIntfSm::doUpdateMss(std::string const& dev, Konet::MssClamp want) {
+   std::string error;
+   if (!mssHeld_) {
+      // What an earlier run of the agent left is ours to correct, so the namespace's clamps
+      // are read once. Where they cannot be read (a kernel without nftables) an interface
+      // that asks for no clamp is not an error, and does not ask again.
+      if (want.none() && mssUnreadable_) return;
+      std::map<std::string, Konet::MssClamp> held;
+      if (int err = kernelIo().mssClampDump(&held, &error)) {
+         mssUnreadable_ = true;
+         if (!want.none()) {
+            Mox::logFailure("VELD-MSS",
+                            "Failed to read the MSS clamps of namespace " + nsName().name() +
+                                " for " + dev + ": " + error,
+                            err);
+         }
+         return;
+      }
+      mssHeld_ = std::move(held);
+   }
+   auto it = mssHeld_->find(dev);
+   if ((it == mssHeld_->end() ? Konet::MssClamp{} : it->second) == want) return;
+   MOX_TRACE(th, 5,
+             "MSS clamps of " << dev << ": ingress " << want.ingress << " egress " << want.egress);
+   if (int err = kernelIo().mssClampSet(dev, want, &error)) {
+      Mox::logFailure("VELD-MSS",
+                      "Failed to set the MSS clamps of " + dev + " to ingress " +
+                          std::to_string(want.ingress) + " egress " + std::to_string(want.egress) +
+                          ": " + error,
+                      err);
+      return;
+   }
+   if (want.none()) {
+      mssHeld_->erase(dev);
+   } else {
+      (*mssHeld_)[dev] = want;
+   }
 }
 
 // ---- Per-interface settings
@@ -292,6 +375,12 @@ int IpIntfSm::doUpdateProcConfigOpt(Konet::IntfId const& intf, IpIntfConfOptType
          break;
       case Opt::confOptGratuitousArpAccept:
          value = bit(config && config->gratuitousArpAccepted());
+         break;
+      case Opt::confOptDirectedBroadcast:
+         // The kernel forwards a directed broadcast out of a device only when both the
+         // device and "all" allow it; "all" is always on (doUpdateGlobalKnobs), so the
+         // device's own value decides.
+         value = bit(config && config->directedBroadcastEnabled());
          break;
    }
    auto i = static_cast<size_t>(opt);
@@ -408,6 +497,8 @@ bool IpIntfSm::doUpdateGlobalKnobs() {
       writeOnChange("/proc/sys/net/ipv4/udp_nosock_send_icmp",
                     bit(in_.kernelProtoConfig->udpSendUnreachable()));
    }
+   // Directed broadcast is decided per device (bc_forwarding); "all" only has to allow it.
+   writeOnChange(std::string(kProcConfDir) + "all/bc_forwarding", "1");
    if (in_.ipConfig) {
       char const* redirects = bit(in_.ipConfig->sendRedirects());
       for (char const* d : {"all", "default", "lo"}) {

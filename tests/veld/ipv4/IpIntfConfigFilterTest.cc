@@ -186,7 +186,7 @@ TEST_F(IpIntfConfigFilterTest, ConfOptTypeRoundTripsThroughItsNames) {
       EXPECT_EQ(Mox::enumValue(e.value), n++);
       EXPECT_EQ(Mox::enumFromName<T>(Mox::stringValue(e.value)), e.value);
    }
-   EXPECT_EQ(n, 9);
+   EXPECT_EQ(n, 10);
    EXPECT_EQ(Mox::stringValue(T::confOptUseIcmpSrcIpAddr), "confOptUseIcmpSrcIpAddr");
 }
 

@@ -42,10 +42,10 @@ public:
       writes.emplace_back(std::string(path), std::string(value), err);
       return err;
    }
-   int ipAddrAdd(int sock, int ifindex, IpAddrWithMask const& a) override {
+   int ipAddrAdd(int sock, int ifindex, IpAddrWithMask const& a, uint32_t ifaFlags) override {
       if (elapsePerOp) elapse();
       ++addrOps;
-      return inner_.ipAddrAdd(sock, ifindex, a);
+      return inner_.ipAddrAdd(sock, ifindex, a, ifaFlags);
    }
    int ipAddrDel(int sock, int ifindex, IpAddrWithMask const& a) override {
       if (elapsePerOp) elapse();

@@ -1,9 +1,15 @@
 // The IPv4 machine programming the real kernel: addresses, IFF_NOARP, /proc settings,
 // flushes, and status.
+#include <arpa/inet.h>
 #include <gtest/gtest.h>
+#include <linux/if_addr.h>
 #include <linux/rtnetlink.h>
 
+#include <fstream>
+#include <sstream>
+
 #include "IpIntfSmFixture.h"
+#include "tests/linux/NftRuleset.h"
 
 namespace VeldTest {
 namespace {
@@ -12,11 +18,47 @@ using Set = std::set<std::string>;
 
 class IpIntfSmKernelTest : public IpIntfSmFixture {
 protected:
+   void TearDown() override {
+      IpIntfSmFixture::TearDown();
+      // The clamps' table belongs to the namespace, which the tests share.
+      std::unique_ptr<nft_ctx, void (*)(nft_ctx*)> ctx(nft_ctx_new(NFT_CTX_DEFAULT), &nft_ctx_free);
+      nft_ctx_buffer_error(ctx.get());
+      nft_run_cmd_from_buffer(ctx.get(), "delete table inet veld");
+   }
    // The kernel's addresses of a device that it flags as secondaries of their subnet.
    Set kernelSecondaries(int ifindex) {
       Set out;
       for (auto const& a : addrs(ifindex, AF_INET)) {
          if (a.flags & KernelNetInfo::kIfaSecondary) {
+            out.insert(a.addr.toString() + "/" + std::to_string(a.prefixLen));
+         }
+      }
+      return out;
+   }
+   // The namespace's IPv4 routes through `dev` (main table), as "a.b.c.d/len".
+   Set routesVia(std::string const& dev) {
+      Set out;
+      std::ifstream in("/proc/net/route");
+      std::string line;
+      std::getline(in, line);  // the header
+      while (std::getline(in, line)) {
+         std::istringstream f(line);
+         std::string iface;
+         uint32_t dest = 0, gateway = 0, mask = 0, skip = 0;
+         // Iface Destination Gateway Flags RefCnt Use Metric Mask ...
+         f >> iface >> std::hex >> dest >> gateway >> skip >> std::dec >> skip >> skip >> skip >>
+             std::hex >> mask;
+         if (iface != dev) continue;
+         in_addr a{dest};
+         out.insert(std::string(inet_ntoa(a)) + "/" + std::to_string(__builtin_popcount(mask)));
+      }
+      return out;
+   }
+   // The kernel's addresses of a device that carry IFA_F_NOPREFIXROUTE.
+   Set kernelNoPrefixRoute(int ifindex) {
+      Set out;
+      for (auto const& a : addrs(ifindex, AF_INET)) {
+         if (a.flags & IFA_F_NOPREFIXROUTE) {
             out.insert(a.addr.toString() + "/" + std::to_string(a.prefixLen));
          }
       }
@@ -168,6 +210,90 @@ TEST_F(IpIntfSmKernelTest, AddressesInTheKernelAtStartAreTakenAsOursAndReconcile
    EXPECT_EQ(io.addrOps, 1);  // one delete, no re-add of the configured address
 }
 
+TEST_F(IpIntfSmKernelTest, WithoutAttachedRoutesTheAddressesComeWithoutTheirSubnetRoutes) {
+   auto e1 = addIntf("Ethernet1");
+   e1.config->addrWithMaskIs(v4("10.1.0.1/24"));
+   e1.config->secondaryWithMaskIs(v4("10.1.0.2/24"));
+   e1.config->secondaryWithMaskIs(v4("10.9.0.1/24"));
+   e1.config->attachedRoutesIs(false);
+   place(e1);
+   auto e2 = addIntf("Ethernet2");
+   e2.config->addrWithMaskIs(v4("10.2.0.1/24"));
+   place(e2);
+   makeSm();
+   settle();
+   Set all{"10.1.0.1/24", "10.1.0.2/24", "10.9.0.1/24"};
+   auto const& dev = e1.veth.name;
+   EXPECT_EQ(kernelAddrSet(e1.veth.ifindex), all);
+   EXPECT_EQ(kernelNoPrefixRoute(e1.veth.ifindex), all);
+   EXPECT_EQ(routesVia(dev), Set{});
+   EXPECT_EQ(routesVia(e2.veth.name), Set{"10.2.0.0/24"});
+   EXPECT_FALSE(ipStatus(e1.id)->attachedRoutes());
+
+   // Each change of the setting puts the addresses back with it, the primary still first
+   // and the secondaries secondaries, and touches no other interface.
+   for (bool attached : {true, false}) {
+      SCOPED_TRACE(attached);
+      int opsBefore = io.addrOps;
+      auto repairs = sm->driftRepairs();
+      e1.config->attachedRoutesIs(attached);
+      settle();
+      EXPECT_EQ(kernelAddrSet(e1.veth.ifindex), all);
+      EXPECT_EQ(kernelAddrs(e1.veth.ifindex).front(), "10.1.0.1/24");
+      EXPECT_EQ(kernelSecondaries(e1.veth.ifindex), Set{"10.1.0.2/24"});
+      EXPECT_EQ(kernelNoPrefixRoute(e1.veth.ifindex), attached ? Set{} : all);
+      EXPECT_EQ(routesVia(dev), attached ? (Set{"10.1.0.0/24", "10.9.0.0/24"}) : Set{});
+      EXPECT_EQ(proc(dev, "promote_secondaries"), "1");
+      EXPECT_EQ(ipStatus(e1.id)->attachedRoutes(), attached);
+      EXPECT_EQ(io.addrOps - opsBefore, 3);    // the three adds; the flush is one request apart
+      EXPECT_EQ(sm->driftRepairs(), repairs);  // the agent's own flush is no drift
+      EXPECT_EQ(routesVia(e2.veth.name), Set{"10.2.0.0/24"});
+   }
+
+   // A secondary added later follows the interface's setting.
+   e1.config->secondaryWithMaskIs(v4("10.8.0.1/24"));
+   settle();
+   EXPECT_TRUE(kernelNoPrefixRoute(e1.veth.ifindex).contains("10.8.0.1/24"));
+   EXPECT_EQ(routesVia(dev), Set{});
+}
+
+TEST_F(IpIntfSmKernelTest, MssClampsFollowTheConfigurationAndTheRoutedSet) {
+   auto e1 = addIntf("Ethernet1");
+   e1.config->maxMssIngressIs(1400);
+   e1.config->maxMssEgressIs(1300);
+   place(e1);
+   auto e2 = addIntf("Ethernet2");
+   place(e2);
+   auto const& d1 = e1.veth.name;
+   auto const& d2 = e2.veth.name;
+   auto clamp = [](char const* match, std::string const& dev, int mss) {
+      auto n = std::to_string(mss);
+      return std::string(match) + " \"" + dev + "\" tcp flags syn tcp option maxseg size > " + n +
+             " tcp option maxseg size set " + n;
+   };
+   auto rules = [] { return KonetTest::nftRules("inet", "veld", "mss"); };
+   // A clamp an earlier run left on a device that wants none goes.
+   ASSERT_EQ(Konet::mssClampSet(d2, {0, 1000}), 0);
+   makeSm();
+   settle();
+   EXPECT_EQ(rules(), (Set{clamp("iifname", d1, 1400), clamp("oifname", d1, 1300)}));
+   EXPECT_EQ(ipStatus(e1.id)->maxMssIngress(), 1400);
+
+   e1.config->maxMssEgressIs(0);
+   e2.config->maxMssIngressIs(1200);
+   settle();
+   EXPECT_EQ(rules(), (Set{clamp("iifname", d1, 1400), clamp("iifname", d2, 1200)}));
+   EXPECT_EQ(ipStatus(e1.id)->maxMssEgress(), 0);
+
+   // An interface that stops being routed is not clamped any more.
+   e2.status->forwardingModelIs(Interface::IntfForwardingModel::intfForwardingModelBridged);
+   settle();
+   EXPECT_EQ(rules(), (Set{clamp("iifname", d1, 1400)}));
+   view->ipIntfConfigDel(e1.id);
+   settle();
+   EXPECT_EQ(rules(), Set{});
+}
+
 TEST_F(IpIntfSmKernelTest, NoArpFollowsTheConfiguration) {
    auto e1 = addIntf("Ethernet1");
    place(e1);
@@ -233,6 +359,35 @@ TEST_F(IpIntfSmKernelTest, ProcFilesHoldTheTabledValuesAndAreWrittenOnlyOnChange
    settle();
    EXPECT_EQ(proc(dev, "forwarding"), "0");
    EXPECT_FALSE(ipStatus(e1.id)->dpRoutingEnabled());
+}
+
+TEST_F(IpIntfSmKernelTest, DirectedBroadcastIsTheDevicesBcForwardingWrittenOnlyOnChange) {
+   auto e1 = addIntf("Ethernet1");
+   e1.config->directedBroadcastEnabledIs(true);
+   place(e1);
+   auto e2 = addIntf("Ethernet2");
+   place(e2);
+   makeSm();
+   settle();
+   EXPECT_EQ(proc(e1.veth.name, "bc_forwarding"), "1");
+   EXPECT_EQ(proc(e2.veth.name, "bc_forwarding"), "0");
+   EXPECT_EQ(proc("all", "bc_forwarding"), "1");  // else no device's value counts
+   EXPECT_TRUE(ipStatus(e1.id)->directedBroadcastEnabled());
+
+   e1.config->directedBroadcastEnabledIs(false);
+   e2.config->directedBroadcastEnabledIs(true);
+   settle();
+   EXPECT_EQ(proc(e1.veth.name, "bc_forwarding"), "0");
+   EXPECT_EQ(proc(e2.veth.name, "bc_forwarding"), "1");
+   EXPECT_FALSE(ipStatus(e1.id)->directedBroadcastEnabled());
+   EXPECT_EQ(sm->intfIpKernelState(e1.id)->numDirectedBroadcastUpdates(), 2u);
+
+   // Rescheduled by another setting, the unchanged value is not written again.
+   size_t writes = io.writesTo(e2.veth.name + "/bc_forwarding").size();
+   e2.config->proxyArpEnabledIs(true);
+   settle();
+   EXPECT_EQ(proc(e2.veth.name, "proxy_arp"), "1");
+   EXPECT_EQ(io.writesTo(e2.veth.name + "/bc_forwarding").size(), writes);
 }
 
 TEST_F(IpIntfSmKernelTest, ADeviceMadeAgainUnderItsNameGetsEverySettingAgain) {
