@@ -196,6 +196,7 @@ public:
    int doUpdateProcConfigOpt(Konet::IntfId const& intf, IpIntfConfOptType opt,
                              IntfIpKernelState& kernelState, std::string const& deviceName);
    // `ifaFlags`: IFA_F_NOPREFIXROUTE for an interface without attached routes.
+   void delIpFromIntf(KernelNetInfo::Interface const& kniIntf, Konet::IpAddrWithMask const& addr);
    int addIpToIntf(int sock, Konet::IpAddrWithMask const& addr, AddrMap& addrMap,
                    KernelNetInfo::InterfaceKey ifKey, std::string const& deviceName,
                    uint32_t ifaFlags = 0);

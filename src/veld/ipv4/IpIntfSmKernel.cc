@@ -104,15 +104,9 @@ void IpIntfSm::regroupPrimarySubnet(Mox::Ptr<Ip::IpIntfConfig const> const& conf
    auto const& dev = kniIntf.deviceName;
    MOX_TRACE(th, 5, "Primary " << primary << " of " << dev << " is not first in its subnet");
    writeDeviceProc(kniIntf, "promote_secondaries", "0");
-   int sock = in_.netlinkSocket;
    for (auto const& a : subnet) {
       MOX_TRACE(th, 5, "Deleting ip addr " << a << " from " << dev);
-      int err = kernelIo().ipAddrDel(sock, static_cast<int>(kniIntf.key.ifIndex), a);
-      if (err == 0) {
-         in_.addrMap->delAddr(kniIntf.key, a);
-      } else {
-         Mox::logFailure("VELD-ADDR", "Error deleting " + a.toString() + " from " + dev, err);
-      }
+      delIpFromIntf(kniIntf, a);
    }
    writeDeviceProc(kniIntf, "promote_secondaries", "1");
 }
@@ -129,6 +123,19 @@ bool IpIntfSm::prefixRouteDiffers(KernelNetInfo::Interface const& kniIntf,
       }
    }
    return false;
+}
+
+// Deletes one address of the device and keeps the address map in step; a failure is logged
+// and left to the next visit.
+void IpIntfSm::delIpFromIntf(KernelNetInfo::Interface const& kniIntf,
+                             Konet::IpAddrWithMask const& addr) {
+   int err = kernelIo().ipAddrDel(in_.netlinkSocket, static_cast<int>(kniIntf.key.ifIndex), addr);
+   if (err == 0) {
+      in_.addrMap->delAddr(kniIntf.key, addr);
+   } else {
+      Mox::logFailure("VELD-ADDR",
+                      "Error deleting " + addr.toString() + " from " + kniIntf.deviceName, err);
+   }
 }
 
 bool IpIntfSm::doUpdateKernelAddrIntf(Konet::IntfId const& intf) {
@@ -210,12 +217,7 @@ bool IpIntfSm::doUpdateKernelAddrIntf(Konet::IntfId const& intf) {
       } else {
          MOX_TRACE(th, 5, "Deleting ip addr " << a << " from " << dev);
       }
-      int err = kernelIo().ipAddrDel(sock, static_cast<int>(kniIntf.key.ifIndex), a);
-      if (err == 0) {
-         in_.addrMap->delAddr(kniIntf.key, a);
-      } else {
-         Mox::logFailure("VELD-ADDR", "Error deleting " + a.toString() + " from " + dev, err);
-      }
+      delIpFromIntf(kniIntf, a);
    }
 
    updateDpRoutingEnabled(intf);
