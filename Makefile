@@ -5,8 +5,11 @@ TYPE     ?= RelWithDebInfo
 SANITIZE ?= OFF
 JOBS     ?= $(shell nproc)
 CMAKE_ARGS ?=
+# VELD_WERROR: set by the targets below that developers and CI use; empty keeps what the
+# build directory has (so `make demo` after `make test` rebuilds nothing).
+WERROR   ?=
 
-.PHONY: all deps configure build test demo bench asan-test fuzz format check-format clean
+.PHONY: all deps configure build test demo bench asan-test release-build fuzz format check-format clean
 
 all: build
 
@@ -14,11 +17,13 @@ deps:
 	@./scripts/install-deps
 
 configure: deps
-	@cmake -S . -B $(BUILD) -G Ninja -DCMAKE_BUILD_TYPE=$(TYPE) -DVELD_SANITIZE=$(SANITIZE) $(CMAKE_ARGS) >/dev/null
+	@cmake -S . -B $(BUILD) -G Ninja -DCMAKE_BUILD_TYPE=$(TYPE) -DVELD_SANITIZE=$(SANITIZE) \
+	   $(if $(WERROR),-DVELD_WERROR=$(WERROR)) $(CMAKE_ARGS) >/dev/null
 
 build: configure
 	@cmake --build $(BUILD) -j $(JOBS)
 
+test: WERROR = ON
 test: build
 	@cd $(BUILD) && ctest --output-on-failure -j $(JOBS) --timeout 600
 
@@ -30,6 +35,14 @@ bench: build
 
 asan-test:
 	@$(MAKE) --no-print-directory test BUILD=build-asan SANITIZE=ON TYPE=Debug CMAKE_ARGS=-DVELD_BENCH=OFF
+
+# The library and the program as a user builds them (Release, -O3), warnings as errors;
+# no tests or benchmarks.
+RELEASE_BUILD ?= build-release
+release-build: deps
+	@cmake -S . -B $(RELEASE_BUILD) -G Ninja -DCMAKE_BUILD_TYPE=Release -DVELD_WERROR=ON \
+	   -DVELD_TESTS=OFF -DVELD_BENCH=OFF $(CMAKE_ARGS) >/dev/null
+	@cmake --build $(RELEASE_BUILD) -j $(JOBS)
 
 # A random campaign of every fuzz target, FUZZ_SECONDS each (CI runs a short, fixed one).
 FUZZ_SECONDS ?= 600
@@ -43,4 +56,4 @@ check-format:
 	@git ls-files '*.cc' '*.h' | xargs clang-format --dry-run --Werror
 
 clean:
-	@rm -rf build build-asan build-fuzz
+	@rm -rf build build-asan build-fuzz build-release

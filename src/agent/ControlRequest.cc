@@ -45,7 +45,7 @@ ParsedRequest parseControlRequest(std::string_view line) {
    auto const& key = member.key();
    auto const& value = member.value();
    if (key != "show") {
-      return refuse("/" + pointerToken(key),
+      return refuse(std::string("/").append(pointerToken(key)),
                     "unknown request " + quotedForMessage(key) + " (known: show)");
    }
    std::optional<ShowWhat> what;

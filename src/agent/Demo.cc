@@ -90,8 +90,10 @@ void showKernel(Agent& agent) {
          if (found != byIndex.end()) {
             auto v = found->second;
             std::sort(v.begin(), v.end());
-            for (auto const& a : v)
-               list += (list.empty() ? "" : " ") + a.toString();
+            for (auto const& a : v) {
+               if (!list.empty()) list += ' ';
+               list += a.toString();
+            }
          }
          t.row({ns.name(), d.deviceName, d.running() ? "up" : "down", list.empty() ? "-" : list});
       }

@@ -4,6 +4,7 @@
 
 #include <cstring>
 
+#include "konet/Quoted.h"
 #include "mox/Error.h"
 
 namespace Konet {
@@ -16,7 +17,7 @@ bool fail(std::string* error, std::string message) {
 
 bool parseV4(std::string_view text, uint32_t* out, std::string* error) {
    auto bad = [&](char const* why) {
-      return fail(error, "'" + std::string(text) + "' is not an IPv4 address: " + why);
+      return fail(error, quoted(text) + " is not an IPv4 address: " + why);
    };
    if (text.empty()) return fail(error, "empty IPv4 address");
    uint32_t value = 0;
@@ -51,7 +52,7 @@ bool parseV6(std::string_view text, Ip6Addr::Bytes* out, std::string* error) {
       buf[text.size()] = '\0';
    }
    if (!fits || inet_pton(AF_INET6, buf, out->data()) != 1) {
-      return fail(error, "'" + std::string(text) + "' is not an IPv6 address");
+      return fail(error, quoted(text) + " is not an IPv6 address");
    }
    return true;
 }

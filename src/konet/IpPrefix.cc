@@ -1,5 +1,6 @@
 #include "konet/IpPrefix.h"
 
+#include "konet/Quoted.h"
 #include "mox/Error.h"
 
 namespace Konet {
@@ -10,7 +11,7 @@ bool splitLen(std::string_view text, uint8_t max, std::string_view* addr, uint8_
               std::string* error) {
    auto slash = text.find('/');
    if (slash == std::string_view::npos) {
-      if (error) *error = "'" + std::string(text) + "' has no prefix length";
+      if (error) *error = quoted(text) + " has no prefix length";
       return false;
    }
    *addr = text.substr(0, slash);
@@ -108,8 +109,7 @@ std::optional<Prefix> Prefix::parse(std::string_view text, std::string* error) {
    if (!a) return std::nullopt;
    Prefix p(a->addr(), a->len());
    if (p.network() != a->addr()) {
-      if (error)
-         *error = "'" + std::string(text) + "' has host bits set; the prefix is " + p.toString();
+      if (error) *error = quoted(text) + " has host bits set; the prefix is " + p.toString();
       return std::nullopt;
    }
    return p;
@@ -130,8 +130,7 @@ std::optional<Ip6Prefix> Ip6Prefix::parse(std::string_view text, std::string* er
    if (!a) return std::nullopt;
    Ip6Prefix p(a->addr(), a->len());
    if (p.network() != a->addr()) {
-      if (error)
-         *error = "'" + std::string(text) + "' has host bits set; the prefix is " + p.toString();
+      if (error) *error = quoted(text) + " has host bits set; the prefix is " + p.toString();
       return std::nullopt;
    }
    return p;

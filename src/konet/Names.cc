@@ -1,5 +1,6 @@
 #include "konet/IntfId.h"
 #include "konet/NamespaceName.h"
+#include "konet/Quoted.h"
 #include "konet/VrfName.h"
 #include "mox/Error.h"
 
@@ -11,7 +12,7 @@ IntfId::IntfId(std::string_view name) : name_(name) { MOX_ASSERT(parse(name).has
 
 std::optional<IntfId> IntfId::parse(std::string_view text, std::string* error) {
    auto bad = [&](char const* why) -> std::optional<IntfId> {
-      if (error) *error = "'" + std::string(text) + "' is not an interface name: " + why;
+      if (error) *error = quoted(text) + " is not an interface name: " + why;
       return std::nullopt;
    };
    if (text.empty()) return bad("empty");
