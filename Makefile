@@ -9,7 +9,7 @@ CMAKE_ARGS ?=
 # build directory has (so `make demo` after `make test` rebuilds nothing).
 WERROR   ?=
 
-.PHONY: all deps configure build test demo bench asan-test release-build fuzz format check-format clean
+.PHONY: all deps configure build test demo bench asan-test release-build install install-check fuzz format check-format clean
 
 all: build
 
@@ -37,12 +37,21 @@ asan-test:
 	@$(MAKE) --no-print-directory test BUILD=build-asan SANITIZE=ON TYPE=Debug CMAKE_ARGS=-DVELD_BENCH=OFF
 
 # The library and the program as a user builds them (Release, -O3), warnings as errors;
-# no tests or benchmarks.
+# no tests or benchmarks, installed under /usr. `make install` uses it.
 RELEASE_BUILD ?= build-release
 release-build: deps
 	@cmake -S . -B $(RELEASE_BUILD) -G Ninja -DCMAKE_BUILD_TYPE=Release -DVELD_WERROR=ON \
-	   -DVELD_TESTS=OFF -DVELD_BENCH=OFF $(CMAKE_ARGS) >/dev/null
+	   -DVELD_TESTS=OFF -DVELD_BENCH=OFF -DCMAKE_INSTALL_PREFIX=/usr $(CMAKE_ARGS) >/dev/null
 	@cmake --build $(RELEASE_BUILD) -j $(JOBS)
+
+# Installs into /usr, or into $(DESTDIR)/usr (`cmake --install build-release --prefix DIR`
+# installs elsewhere).
+install: release-build
+	@DESTDIR=$(DESTDIR) cmake --install $(RELEASE_BUILD)
+
+# Installs into a scratch prefix and builds examples/consumer against it.
+install-check: release-build
+	@./scripts/check-install $(RELEASE_BUILD)
 
 # A random campaign of every fuzz target, FUZZ_SECONDS each (CI runs a short, fixed one).
 FUZZ_SECONDS ?= 600
