@@ -9,7 +9,7 @@ CMAKE_ARGS ?=
 # build directory has (so `make demo` after `make test` rebuilds nothing).
 WERROR   ?=
 
-.PHONY: all deps configure build test demo bench asan-test release-build install install-check fuzz format check-format clean
+.PHONY: all deps configure build test demo bench asan-test release-build install install-check package fuzz format check-format clean
 
 all: build
 
@@ -37,7 +37,7 @@ asan-test:
 	@$(MAKE) --no-print-directory test BUILD=build-asan SANITIZE=ON TYPE=Debug CMAKE_ARGS=-DVELD_BENCH=OFF
 
 # The library and the program as a user builds them (Release, -O3), warnings as errors;
-# no tests or benchmarks, installed under /usr. `make install` uses it.
+# no tests or benchmarks, installed under /usr. `make install` and `make package` use it.
 RELEASE_BUILD ?= build-release
 release-build: deps
 	@cmake -S . -B $(RELEASE_BUILD) -G Ninja -DCMAKE_BUILD_TYPE=Release -DVELD_WERROR=ON \
@@ -52,6 +52,10 @@ install: release-build
 # Installs into a scratch prefix and builds examples/consumer against it.
 install-check: release-build
 	@./scripts/check-install $(RELEASE_BUILD)
+
+# The Debian package (CPack): $(RELEASE_BUILD)/veld_<version>_<arch>.deb.
+package: release-build
+	@cd $(RELEASE_BUILD) && cpack -G DEB
 
 # A random campaign of every fuzz target, FUZZ_SECONDS each (CI runs a short, fixed one).
 FUZZ_SECONDS ?= 600
