@@ -45,3 +45,17 @@ file(GENERATE OUTPUT ${PROJECT_BINARY_DIR}/veld.service CONTENT "${VELD_UNIT_TEX
 install(FILES ${PROJECT_BINARY_DIR}/veld.service DESTINATION lib/systemd/system)
 install(FILES ${PROJECT_SOURCE_DIR}/examples/demo.json ${PROJECT_SOURCE_DIR}/examples/switch.json
    DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples)
+
+# veld(8), from the program's own --help texts (not in sanitized builds, whose program
+# may report leaks at exit), and the bash completion.
+if(NOT VELD_SANITIZE)
+   add_custom_command(OUTPUT ${PROJECT_BINARY_DIR}/veld.8
+      COMMAND ${PROJECT_SOURCE_DIR}/scripts/gen-man $<TARGET_FILE:veld> ${PROJECT_VERSION}
+              > ${PROJECT_BINARY_DIR}/veld.8
+      DEPENDS veld ${PROJECT_SOURCE_DIR}/scripts/gen-man
+      COMMENT "Generating veld.8")
+   add_custom_target(veld-man ALL DEPENDS ${PROJECT_BINARY_DIR}/veld.8)
+   install(FILES ${PROJECT_BINARY_DIR}/veld.8 DESTINATION ${CMAKE_INSTALL_MANDIR}/man8)
+endif()
+install(FILES ${PROJECT_SOURCE_DIR}/scripts/completion/veld.bash
+   DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions RENAME veld)
