@@ -178,7 +178,9 @@ void IntfStatusPublisher::doReport() {
 void IntfStatusPublisher::doRetire() {
    double now = Mox::System::currentTime();
    for (auto it = retiring_.begin(); it != retiring_.end();) {
-      auto const& [id, r] = *it;
+      // Named, not a structured binding: clang 14 lets no lambda (the trace's) capture one.
+      auto const& id = it->first;
+      auto const& r = it->second;
       bool held = false;
       if (now < r.by) {
          for (auto const& ns : mirrors_.namespaces()) {

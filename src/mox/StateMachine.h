@@ -81,7 +81,10 @@ template <class Owner, class Base>
 class Reactor : public Base, private ReactorHook {
 public:
    Reactor(Owner* owner, StateMachine* sm) : ReactorHook(sm, this), owner_(owner) {}
-   explicit Reactor(Owner* owner) requires std::is_base_of_v<StateMachine, Owner>
+   // A template, so that its constraint is checked only where it is called, once Owner is
+   // complete (clang 14 checks a plain constructor's when it declares the copy constructor).
+   template <class O = Owner>
+   explicit Reactor(O* owner) requires std::is_base_of_v<StateMachine, O>
        : ReactorHook(owner, this), owner_(owner) {}
 
    Owner* owner() const { return owner_; }
