@@ -52,14 +52,14 @@ void link(std::vector<uint8_t>* buf, uint16_t type, int ifindex, char const* nam
    mnl_attr_put_u32(nlh, IFLA_MASTER, 0);
    uint8_t mac[6] = {2, 0, 0, 0, 0, 1};
    mnl_attr_put(nlh, IFLA_ADDRESS, sizeof mac, mac);
-   nlattr* spec = mnl_attr_nest_start(nlh, IFLA_AF_SPEC);
+   nlattr* perFamily = mnl_attr_nest_start(nlh, IFLA_AF_SPEC);
    nlattr* inet = mnl_attr_nest_start(nlh, AF_INET);
    uint32_t conf[32];
    for (uint32_t i = 0; i < 32; ++i)
       conf[i] = i & 1;
    mnl_attr_put(nlh, IFLA_INET_CONF, sizeof conf, conf);
    mnl_attr_nest_end(nlh, inet);
-   mnl_attr_nest_end(nlh, spec);
+   mnl_attr_nest_end(nlh, perFamily);
    done(buf, nlh);
 }
 
