@@ -47,7 +47,7 @@ Mox::Ptr<IpIntfSm::MoxIpIntfStatus> IpIntfSm::ipIntfStatusIs(
    auto child = Mox::make<MoxIpIntfStatus>(this, status);
    ipIntfStatus_.emplace(status->intf(), child);
    child->handleMaybeLendingIntf();
-   if (!status->unnumberedIntfId().name().empty()) {
+   if (!status->unnumberedIntfId().empty()) {
       child->handleUnnumberedIntfIdChange(Konet::IntfId(), status->unnumberedIntfId());
    }
    return child;
@@ -124,7 +124,7 @@ void IpIntfSm::cleanupPrevIntfState(Konet::IntfId const& intf, Konet::IntfId con
    MOX_TRACE(th, 7,
              " possible borrowingIntf: " << intf << " lendingIntf: " << newLender << " prevLender "
                                          << prevLender);
-   if (prevLender.name().empty()) return;
+   if (prevLender.empty()) return;
    auto entry = lenderToBorrowersStatus_->lenderToBorrowersEntry(prevLender);
    if (!entry) return;
    MOX_TRACE(th, 7, "prev entry found with lender: " << prevLender);
@@ -158,11 +158,11 @@ void IpIntfSm::MoxIpIntfStatus::handleUnnumberedIntfIdChange(Konet::IntfId const
    // Copies: the arguments may be this reactor's own member.
    Konet::IntfId const prev = prevLender;
    Konet::IntfId const next = newLender;
-   if (prev == next && !next.name().empty()) return;
+   if (prev == next && !next.empty()) return;
    auto* sm = owner();
    sm->cleanupPrevIntfState(intf_, prev, next);
    newLenderIntfId_ = Konet::IntfId();
-   if (next.name().empty()) return;
+   if (next.empty()) return;
    MOX_TRACE(th, 7, " On intf " << intf_ << " lending intf is: " << next);
    auto const& table = sm->lenderToBorrowersStatus();
    auto entry = table->lenderToBorrowersEntry(next);
