@@ -242,7 +242,8 @@ void DhcpClients::spawn(Client& c) {
       sigemptyset(&none);
       ::sigprocmask(SIG_SETMASK, &none, nullptr);
       ::prctl(PR_SET_PDEATHSIG, SIGKILL);
-      if (Konet::setnsByName(ns) != 0) ::_exit(126);
+      bool const own = ns == Konet::NamespaceName::defaultNamespace();
+      if (!own && Konet::setnsByName(ns) != 0) ::_exit(126);
       int in = ::open("/dev/null", O_RDONLY);
       int out = ::open(log.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
       ::dup2(in, 0);

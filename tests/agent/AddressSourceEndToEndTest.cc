@@ -206,7 +206,7 @@ TEST_F(DhcpEndToEnd, PendingHoldsNoAddressAndALeaseReachesKernelAndStatus) {
    EXPECT_TRUE(source().value("pending", false));
    EXPECT_EQ(kernel(et1), Set{});
 
-   server->start("192.0.2.10", "192.0.2.20");
+   server->start("192.0.2.10", "192.0.2.10");
    ASSERT_TRUE(leased("192.0.2.10/24")) << veld.show("interfaces").dump();
    auto src = source();
    EXPECT_EQ(src.at("source"), "dhcp");
@@ -222,13 +222,13 @@ TEST_F(DhcpEndToEnd, PendingHoldsNoAddressAndALeaseReachesKernelAndStatus) {
 }
 
 TEST_F(DhcpEndToEnd, ServerRefusingTheLeaseTakesTheAddressAway) {
-   server->start("192.0.2.10", "192.0.2.20");
+   server->start("192.0.2.10", "192.0.2.10");
    startConverged(dhcpConfig());
    ASSERT_TRUE(leased("192.0.2.10/24"));
    AddrMonitor monitor;
    // The server forgets the lease and serves another range: the renewal is refused.
    server->forget();
-   server->start("192.0.2.100", "192.0.2.110");
+   server->start("192.0.2.100", "192.0.2.100");
    ::kill(clientPid(), SIGUSR1);  // renew now
    ASSERT_TRUE(leased("192.0.2.100/24")) << events();
    auto seen = monitor.events();
@@ -238,7 +238,7 @@ TEST_F(DhcpEndToEnd, ServerRefusingTheLeaseTakesTheAddressAway) {
 }
 
 TEST_F(DhcpEndToEnd, SwitchingBetweenDhcpAndConfiguredLive) {
-   server->start("192.0.2.10", "192.0.2.20");
+   server->start("192.0.2.10", "192.0.2.10");
    startConverged(dhcpConfig());
    ASSERT_TRUE(leased("192.0.2.10/24"));
    int client = clientPid();
@@ -263,7 +263,7 @@ TEST_F(DhcpEndToEnd, SwitchingBetweenDhcpAndConfiguredLive) {
 }
 
 TEST_F(DhcpEndToEnd, KilledClientIsStartedAgainWithoutFlap) {
-   server->start("192.0.2.10", "192.0.2.20");
+   server->start("192.0.2.10", "192.0.2.10");
    startConverged(dhcpConfig());
    ASSERT_TRUE(leased("192.0.2.10/24"));
    AddrMonitor monitor;
@@ -283,7 +283,7 @@ TEST_F(DhcpEndToEnd, KilledClientIsStartedAgainWithoutFlap) {
 }
 
 TEST_F(DhcpEndToEnd, RestartOfTheAgentKeepsTheLeasedAddress) {
-   server->start("192.0.2.10", "192.0.2.20");
+   server->start("192.0.2.10", "192.0.2.10");
    startConverged(dhcpConfig());
    ASSERT_TRUE(leased("192.0.2.10/24"));
    veld.kill9();
@@ -298,7 +298,7 @@ TEST_F(DhcpEndToEnd, RestartOfTheAgentKeepsTheLeasedAddress) {
 }
 
 TEST_F(DhcpEndToEnd, LeaseExpiresWhenTheServerIsGone) {
-   server->start("192.0.2.10", "192.0.2.20");
+   server->start("192.0.2.10", "192.0.2.10");
    startConverged(dhcpConfig());
    ASSERT_TRUE(leased("192.0.2.10/24"));
    server->stop();
