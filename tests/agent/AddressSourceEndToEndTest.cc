@@ -5,6 +5,7 @@
 #include <linux/if_addr.h>
 #include <signal.h>
 #include <sys/prctl.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -205,6 +206,9 @@ TEST_F(DhcpEndToEnd, PendingHoldsNoAddressAndALeaseReachesKernelAndStatus) {
    // No server yet: the lease is pending and the interface holds no address.
    EXPECT_TRUE(source().value("pending", false));
    EXPECT_EQ(kernel(et1), Set{});
+   std::string table;
+   ASSERT_EQ(VeldProcess::command({"show", "interfaces", "--run-dir", veld.runDir()}, &table), 0);
+   EXPECT_NE(table.find("dhcp, pending"), std::string::npos) << table;
 
    server->start("192.0.2.10", "192.0.2.10");
    ASSERT_TRUE(leased("192.0.2.10/24")) << veld.show("interfaces").dump();
@@ -213,7 +217,6 @@ TEST_F(DhcpEndToEnd, PendingHoldsNoAddressAndALeaseReachesKernelAndStatus) {
    EXPECT_FALSE(src.at("pending").get<bool>());
    EXPECT_GT(src.at("leaseSecondsLeft").get<int>(), 0);
    EXPECT_LE(src.at("leaseSecondsLeft").get<int>(), 120);
-   std::string table;
    ASSERT_EQ(VeldProcess::command({"show", "interfaces", "--run-dir", veld.runDir()}, &table), 0);
    EXPECT_NE(table.find("dhcp, "), std::string::npos) << table;
    EXPECT_NE(table.find(" s left"), std::string::npos) << table;
@@ -297,6 +300,56 @@ TEST_F(DhcpEndToEnd, RestartOfTheAgentKeepsTheLeasedAddress) {
    EXPECT_TRUE(monitor.events().empty()) << monitor.events().front();
 }
 
+TEST_F(DhcpEndToEnd, RemovedInterfaceStopsItsClientAndComesBackUnderTheSameName) {
+   startConverged(dhcpConfig());
+   ASSERT_TRUE(KonetTest::waitFor([&] { return clientPid() != 0; }, 10s));
+   int pending = clientPid();  // still asking: no server yet
+   reloadConverged(R"({"interfaces": {}})");
+   EXPECT_NE(::kill(pending, 0), 0) << "the client of a removed interface still runs";
+
+   server->start("192.0.2.10", "192.0.2.10");
+   reloadConverged(dhcpConfig());
+   ASSERT_TRUE(leased("192.0.2.10/24"));
+   EXPECT_NE(clientPid(), pending);
+}
+
+// The client runs in the namespace of the interface's VRF, and moves with the interface.
+TEST_F(DhcpEndToEnd, ClientRunsInTheVrfsNamespaceAndMovesWithTheInterface) {
+   Konet::NamespaceName red("veldtest-" + uniqueName("red"));
+   auto config = [&](char const* vrf) {
+      return R"({"vrfs": {"red": {"namespace": ")" + red.name() +
+             R"("}}, "interfaces": {"Ethernet1": {"device": ")" + et1.name + R"(", "vrf": ")" +
+             vrf + R"(", "ipv4": {"dhcp": true}}}})";
+   };
+   auto kernelIn = [&](Konet::NamespaceName const& where) {
+      int err = 0;
+      auto s = Konet::createNetlinkSocket(where, 0, 2, true, 0, &err);
+      int ifindex = 0;
+      Set out;
+      if (!s || Konet::linkIndex(s.get(), et1.name, &ifindex) != 0) return out;
+      for (auto const& a : addrs(ifindex, AF_INET, s.get()))
+         out.insert(a.addr.toString() + "/" + std::to_string(a.prefixLen));
+      return out;
+   };
+   auto nsInode = [](std::string const& path) {
+      struct stat st {};
+      return ::stat(path.c_str(), &st) == 0 ? st.st_ino : 0;
+   };
+   server->start("192.0.2.10", "192.0.2.10");
+   startConverged(config("red"));
+   ASSERT_TRUE(KonetTest::waitFor([&] { return kernelIn(red) == Set{"192.0.2.10/24"}; }, 30s))
+       << veld.show("interfaces").dump();
+   EXPECT_EQ(nsInode("/proc/" + std::to_string(clientPid()) + "/ns/net"),
+             nsInode("/run/netns/" + red.name()));
+
+   reloadConverged(config("default"));
+   ASSERT_TRUE(leased("192.0.2.10/24"));
+   EXPECT_EQ(nsInode("/proc/" + std::to_string(clientPid()) + "/ns/net"),
+             nsInode("/proc/self/ns/net"));
+   veld.kill9();
+   Konet::deleteNamedNamespace(red);
+}
+
 TEST_F(DhcpEndToEnd, LeaseExpiresWhenTheServerIsGone) {
    server->start("192.0.2.10", "192.0.2.10");
    startConverged(dhcpConfig());
@@ -339,6 +392,11 @@ TEST_F(AddressSourceEndToEnd, BorrowersFollowTheirLender) {
    std::string table;
    ASSERT_EQ(VeldProcess::command({"show", "interfaces", "--run-dir", veld.runDir()}, &table), 0);
    EXPECT_NE(table.find("borrowed from Ethernet1"), std::string::npos) << table;
+
+   // The kernel loses a borrowed address behind the agent's back: it is put back.
+   ASSERT_EQ(Konet::ipAddrDel(sock(), et4.ifindex, *Konet::IpAddrWithMask::parse("10.1.0.1/24")),
+             0);
+   ASSERT_TRUE(KonetTest::waitFor([&] { return kernel(et4) == Set{"10.1.0.1/24"}; }));
 
    // The lender's address changes: both follow.
    reloadConverged(unnumberedConfig(devs, "10.1.5.1/24", "Ethernet1", "Ethernet1"));
