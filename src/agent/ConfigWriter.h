@@ -3,12 +3,13 @@
 //
 //    routing knobs   -> Routing::KernelProtoConfig, Ip::Config (sendRedirects)
 //    each VRF        -> Routing::VrfInfoConfigDir, Routing6::VrfInfoConfigDir, VrfNamespaces
-//    each interface  -> Ip::Config (IpIntfConfig), L3::Intf::ConfigDir (its VRF),
+//    each interface  -> the command line's Ip::Config (IpIntfConfig, with its address
+//                       source and lender), L3::Intf::ConfigDir (its VRF),
 //                       IntfStatusPublisher (forwarding model, device)
 //
 // VRFs are added before the interfaces that use them and removed after. Within an interface
 // every setter is silent when its value is unchanged, so a changed secondary notifies that
-// secondary only. IPv6, DHCP and unnumbered settings are not written yet.
+// secondary only. IPv6 settings are not written yet; DHCP clients are DhcpClients' work.
 #pragma once
 
 #include "agent/Config.h"
