@@ -4,6 +4,7 @@
 #include <cstdio>
 
 #include "agent/Agent.h"
+#include "linux/ProcSys.h"
 
 namespace VeldAgent {
 
@@ -266,6 +267,7 @@ Json Agent::showBacklog() const {
                {"kernelMirrors", mirrors},
                {"missingDevices", missing},
                {"deviceMoves", mover_ ? mover_->moves() : 0},
+               {"procWrites", Konet::procSysWrites()},
                {"devicesBroughtUp", mover_ ? mover_->bringUps() : 0},
                {"converged", converged()}};
 }

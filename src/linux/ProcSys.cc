@@ -82,8 +82,22 @@ std::string trimDir(std::string_view dir) {
 
 }  // namespace
 
+namespace {
+uint64_t writes = 0;
+}
+
+uint64_t procSysWrites() { return writes; }
+
+int writeProcSysIfDiffers(std::string_view path, std::string_view value) {
+   std::string held;
+   int rc = readProcSys(path, &held);
+   if (rc == ENOENT || (rc == 0 && held == value)) return rc;
+   return writeProcSys(path, value);
+}
+
 int writeProcSys(std::string_view path, std::string_view value) {
    if (int rc = checkPath(path)) return rc;
+   ++writes;
    std::string p(path);
    int rc = writeFile(p, value);
    if (rc != 0 && rc != ENOENT) {

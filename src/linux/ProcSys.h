@@ -24,6 +24,11 @@ inline constexpr char V6_PROC_CONF[] = "/proc/sys/net/ipv6/conf";
 inline constexpr char V6_PROC_NEIGH[] = "/proc/sys/net/ipv6/neigh";
 
 int writeProcSys(std::string_view path, std::string_view value);
+// Writes only when the file reads otherwise: for settings made once per namespace, so that a
+// restart on a kernel already set writes nothing. ENOENT when there is no such file.
+int writeProcSysIfDiffers(std::string_view path, std::string_view value);
+// The writes this process made under /proc/sys/net (attempted, successful or not).
+uint64_t procSysWrites();
 // Writes <directory>/<device>/<setting>, e.g. (V6_PROC_CONF, "et1", "forwarding", "1").
 int writeProcSysDev(std::string_view directory, std::string_view device, std::string_view setting,
                     std::string_view value);

@@ -128,38 +128,58 @@ namespace {
 // trace made while another's arguments are evaluated): building a stream for every trace
 // costs more than formatting the trace.
 struct TraceScratch {
-   std::ostringstream stream;  // the text of a trace that the sink writes
-   std::string record;         // the pieces of one that only the ring buffer keeps
+   TraceOut out;
+   std::string text;    // of a trace that the sink writes
+   std::string record;  // the pieces of one that only the ring buffer keeps
 };
 thread_local std::vector<std::unique_ptr<TraceScratch>> traceScratch;
 thread_local size_t traceDepth = 0;
 }  // namespace
 
-std::ostringstream& TraceOut::scratch() {
-   thread_local std::ostringstream os;
-   os.str(std::string());
-   os.clear();
-   os.flags(std::ios_base::dec | std::ios_base::skipws);
-   os.precision(6);
-   os.fill(' ');
-   return os;
+void TraceOut::start(std::string* text, std::string* record) {
+   buf_.text = text;
+   buf_.record = record;
+   clear();
+   flags(std::ios_base::dec | std::ios_base::skipws);
+   precision(6);
+   width(0);
+   fill(' ');
+}
+
+std::streamsize TraceOut::Buf::xsputn(char const* s, std::streamsize n) {
+   auto size = static_cast<size_t>(n);
+   if (record) {
+      Ringlog::putText(*record, std::string_view(s, size));
+   } else if (text) {
+      text->append(s, size);
+   }
+   return n;
+}
+
+TraceOut::Buf::int_type TraceOut::Buf::overflow(int_type c) {
+   if (c == traits_type::eof()) return traits_type::not_eof(c);
+   char ch = traits_type::to_char_type(c);
+   xsputn(&ch, 1);
+   return c;
 }
 
 TraceOut& TraceOut::operator<<(std::ios_base& (*manip)(std::ios_base&)) {
-   if (stream_) {
-      *stream_ << manip;
-   } else {
-      Ringlog::putPiece(*record_, Ringlog::Piece::iosManip, &manip, sizeof manip);
-   }
+   static_cast<std::ostream&>(*this) << manip;  // for what goes through the stream itself
+   if (buf_.record) Ringlog::putPiece(*buf_.record, Ringlog::Piece::iosManip, &manip, sizeof manip);
    return *this;
 }
 
 TraceOut& TraceOut::operator<<(std::ostream& (*manip)(std::ostream&)) {
-   if (stream_) {
-      *stream_ << manip;
+   if (buf_.record) {
+      Ringlog::putPiece(*buf_.record, Ringlog::Piece::streamManip, &manip, sizeof manip);
    } else {
-      Ringlog::putPiece(*record_, Ringlog::Piece::streamManip, &manip, sizeof manip);
+      static_cast<std::ostream&>(*this) << manip;
    }
+   return *this;
+}
+
+TraceOut& TraceOut::operator<<(void const* p) {
+   static_cast<std::ostream&>(*this) << p;
    return *this;
 }
 
@@ -168,25 +188,22 @@ TraceHelper::TraceHelper(TraceHandle const& handle, int level, char const* file,
     : handle_(handle), level_(level), file_(file), line_(line), function_(function), desc_(desc) {
    if (traceScratch.size() <= traceDepth) traceScratch.push_back(std::make_unique<TraceScratch>());
    auto& scratch = *traceScratch[traceDepth++];
-   if (!handle_.traceEnabled(level_)) {
+   out_ = &scratch.out;
+   if (handle_.traceEnabled(level_)) {
+      text_ = &scratch.text;
+      text_->clear();
+   } else {
       // Only the ring buffer keeps this one: its arguments wait for a dump as they are.
-      scratch.record.clear();
-      out_.record_ = &scratch.record;
-      return;
+      record_ = &scratch.record;
+      record_->clear();
    }
-   stream_ = &scratch.stream;
-   stream_->str(std::string());
-   stream_->clear();
-   stream_->flags(std::ios_base::dec | std::ios_base::skipws);
-   stream_->precision(6);
-   stream_->fill(' ');
-   out_.stream_ = stream_;
+   out_->start(text_, record_);
 }
 
 TraceHelper::~TraceHelper() {
    --traceDepth;
    bool ring = Ringlog::isOpen() && level_ <= Ringlog::level() && desc_;
-   if (!stream_) {
+   if (record_) {
       if (!ring) return;
       // The message takes its slot now, so that the ring holds traces in the order they
       // end; the slot's buffer keeps its size from earlier messages: nothing is allocated.
@@ -194,21 +211,18 @@ TraceHelper::~TraceHelper() {
       Ringlog::putPiece(slot, Ringlog::Piece::field, nullptr, 0);
       Ringlog::putPiece(slot, Ringlog::Piece::staticText, &function_, sizeof function_);
       Ringlog::putPiece(slot, Ringlog::Piece::field, nullptr, 0);
-      slot.append(*out_.record_);
+      slot.append(*record_);
       Ringlog::defaultBuf()->endMsg();
       return;
    }
-   std::string text = stream_->str();
-   if (handle_.traceEnabled(level_)) {
-      currentSink->write(
-          TraceRecord{handle_.facility(), level_, baseName(file_), line_, function_, text});
-   }
+   currentSink->write(
+       TraceRecord{handle_.facility(), level_, baseName(file_), line_, function_, *text_});
    if (ring) {
       auto* buf = Ringlog::defaultBuf();
       auto& record = buf->startMsg(*desc_);
       Ringlog::putPiece(record, Ringlog::Piece::field, nullptr, 0);
       Ringlog::putPiece(record, Ringlog::Piece::staticText, &function_, sizeof function_);
-      buf->put(text);
+      buf->put(*text_);
       buf->endMsg();
    }
 }

@@ -104,39 +104,54 @@ bool traceLevelsFromString(std::string_view levels);
 TraceSink* traceSinkIs(TraceSink* sink);
 std::vector<std::string> traceFacilities();
 
-// Where a trace's `<<` arguments go: into the text of a trace that the sink writes, or,
-// for a trace that only the ring buffer keeps, into its record as they are (TraceArg.h).
-class TraceOut {
+// Whether a trace argument of type T has a way into the ring buffer other than its text
+// (TraceArg.h).
+template <class T>
+concept TraceKept = std::is_convertible_v<T const&, std::string_view> || requires(T const& v) {
+   traceText(v);
+} || traceByValue<T>;
+
+// Where a trace's `<<` arguments go: the text of a trace that the sink writes, or the record
+// of one that only the ring buffer keeps (TraceArg.h). It is a std::ostream, so that an
+// argument whose operator<< is declared where the trace is (and nowhere else) prints as it
+// always did: into the text, or into the record as text.
+class TraceOut : public std::ostream {
 public:
-   template <class T>
+   TraceOut() : std::ostream(&buf_) {}
+   template <TraceKept T>
    TraceOut& operator<<(T const& v) {
-      if (stream_) {
-         *stream_ << v;
+      if (!buf_.record) {
+         static_cast<std::ostream&>(*this) << v;
       } else if constexpr (std::is_convertible_v<T const&, std::string_view>) {
-         Ringlog::putText(*record_, std::string_view(v));
+         Ringlog::putText(*buf_.record, std::string_view(v));
       } else if constexpr (requires { traceText(v); }) {
-         Ringlog::putText(*record_, traceText(v));
-      } else if constexpr (traceByValue<T>) {
+         Ringlog::putText(*buf_.record, traceText(v));
+      } else {
          static_assert(sizeof(T) < 256);
          Ringlog::ValuePrinter print = &Ringlog::printValue<T>;
-         Ringlog::putPiece(*record_, Ringlog::Piece::value, &print, sizeof print);
-         *record_ += static_cast<char>(sizeof(T));
-         record_->append(reinterpret_cast<char const*>(&v), sizeof(T));
-      } else {
-         auto& os = scratch();
-         os << v;
-         Ringlog::putText(*record_, os.view());
+         Ringlog::putPiece(*buf_.record, Ringlog::Piece::value, &print, sizeof print);
+         *buf_.record += static_cast<char>(sizeof(T));
+         buf_.record->append(reinterpret_cast<char const*>(&v), sizeof(T));
       }
       return *this;
    }
    TraceOut& operator<<(std::ios_base& (*manip)(std::ios_base&));
    TraceOut& operator<<(std::ostream& (*manip)(std::ostream&));
+   TraceOut& operator<<(void const* p);
 
 private:
    friend class TraceHelper;
-   static std::ostringstream& scratch();  // emptied, with the default format
-   std::ostream* stream_ = nullptr;
-   std::string* record_ = nullptr;
+   // Starts a trace: into `text`, or else into the ring buffer's `record`.
+   void start(std::string* text, std::string* record);
+
+   // What goes through the stream itself: appended to the text, or to the record as text.
+   struct Buf : std::streambuf {
+      std::string* text = nullptr;
+      std::string* record = nullptr;
+      std::streamsize xsputn(char const* s, std::streamsize n) override;
+      int_type overflow(int_type c) override;
+   };
+   Buf buf_;
 };
 
 // Collects one trace; emits it on destruction.
@@ -147,7 +162,7 @@ public:
    ~TraceHelper();
    TraceHelper(TraceHelper const&) = delete;
    TraceHelper& operator=(TraceHelper const&) = delete;
-   TraceOut& stream() { return out_; }
+   TraceOut& stream() { return *out_; }
 
 private:
    TraceHandle const& handle_;
@@ -156,8 +171,9 @@ private:
    int line_;
    char const* function_;
    Ringlog::MsgDesc* desc_;
-   std::ostringstream* stream_ = nullptr;  // for a trace the sink writes
-   TraceOut out_;
+   TraceOut* out_;
+   std::string* text_ = nullptr;    // for a trace the sink writes
+   std::string* record_ = nullptr;  // for one only the ring buffer keeps
 };
 
 // Operator log messages: always emitted (to stderr and the log sink), rate limited per

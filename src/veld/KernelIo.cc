@@ -14,6 +14,10 @@ int KernelIo::writeProcSys(std::string_view path, std::string_view value) {
    return Konet::writeProcSys(path, value);
 }
 
+int KernelIo::readProcSys(std::string_view path, std::string* value) {
+   return Konet::readProcSys(path, value);
+}
+
 int KernelIo::ipAddrAdd(int sock, int ifindex, Konet::IpAddrWithMask const& addr,
                         uint32_t ifaFlags) {
    return Konet::ipAddrAdd(sock, ifindex, addr, ifaFlags);

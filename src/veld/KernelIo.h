@@ -28,6 +28,7 @@ public:
    virtual std::unique_ptr<Konet::ScopedNetNs> enterNamespace(Konet::NamespaceName const& ns,
                                                               char const* caller);
    virtual int writeProcSys(std::string_view path, std::string_view value);
+   virtual int readProcSys(std::string_view path, std::string* value);
    virtual int ipAddrAdd(int sock, int ifindex, Konet::IpAddrWithMask const& addr,
                          uint32_t ifaFlags);
    // Many adds at once (Konet::ipAddrAddAll); (*results)[i] is what ipAddrAdd gives adds[i].
@@ -57,6 +58,9 @@ public:
    }
    int writeProcSys(std::string_view path, std::string_view value) override {
       return inner_.writeProcSys(path, value);
+   }
+   int readProcSys(std::string_view path, std::string* value) override {
+      return inner_.readProcSys(path, value);
    }
    int ipAddrAdd(int sock, int ifindex, Konet::IpAddrWithMask const& addr,
                  uint32_t ifaFlags) override {

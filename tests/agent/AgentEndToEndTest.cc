@@ -291,6 +291,7 @@ TEST_F(AgentEndToEnd, RestartIsHitlessAndConvergesOnChangesMadeWhileDown) {
       veld.start();
       ASSERT_TRUE(veld.waitConverged());
       EXPECT_TRUE(monitor.events().empty()) << "a restart touched addresses";
+      EXPECT_EQ(veld.show("backlog").at("procWrites"), 0) << "a restart wrote to /proc";
       veld.kill9();
    }
    AddrMonitor monitor;
@@ -488,6 +489,7 @@ TEST_F(AgentVrfEndToEnd, RestartWithAVrfIsHitless) {
    ASSERT_TRUE(veld.waitConverged());
    EXPECT_EQ(inDefault.events(), std::vector<std::string>{});
    EXPECT_EQ(inRed.events(), std::vector<std::string>{});
+   EXPECT_EQ(veld.show("backlog").at("procWrites"), 0) << "a restart wrote to /proc";
    EXPECT_EQ(kernelIn(ns, et1.name), (Set{"10.1.0.1/24", "10.1.1.1/24"}));
 }
 

@@ -63,6 +63,18 @@ struct Opaque {  // neither: formatted when traced
       return os << "[" << o.v.size() << "]";
    }
 };
+}  // namespace
+
+namespace Other {
+struct Far {  // printed by an operator<< that only the trace's own file declares
+   int v;
+};
+}  // namespace Other
+
+namespace {
+
+std::ostream& operator<<(std::ostream& os, Other::Far const& f) { return os << "far" << f.v; }
+
 enum class Colour { red, green };
 std::ostream& operator<<(std::ostream& os, Colour c) {
    return os << (c == Colour::red ? "red" : "green");
@@ -79,7 +91,7 @@ void everyKind(std::string const& name) {
                   << " c " << Colour::green << " d " << 0.1234567 << " b " << true << " ch " << 'x'
                   << " u8 " << uint8_t(65) << " hex " << std::hex << 255 << std::dec << " n "
                   << nested() << " tmp " << (name + "!").c_str() << " sv " << std::string_view(name)
-                  << " m " << Mox::String("str"));
+                  << " m " << Mox::String("str") << " f " << Other::Far{5} << " after " << 6);
 }
 
 }  // namespace
@@ -203,7 +215,7 @@ TEST(Trace, RingBufferDumpShowsWhatTheTraceWouldHaveSaid) {
    std::string said = s.cap.records[1].text;
    EXPECT_EQ(said,
              "p (1,-2) l Ethernet1 o [2] c green d 0.123457 b 1 ch x u8 A hex ff n 3 tmp "
-             "Ethernet9! sv Ethernet9 m str");
+             "Ethernet9! sv Ethernet9 m str f far5 after 6");
    Mox::traceLevelIs("MoxTraceTest", -1);
 
    Ringlog::open(8);

@@ -303,6 +303,8 @@ private:
    // (`file` under its /proc directory): the agent has not written that file since the device
    // appeared, for a /proc write sends no link message that would refresh the record.
    bool linkConfFresh(KernelNetInfo::InterfaceKey key, std::string const& file) const;
+   // Whether the namespace's kernel has this per-device setting at all.
+   bool kernelHasConf(char const* file);
    // Writes the device's /proc file and notes it written.
    int writeDeviceProc(KernelNetInfo::Interface const& kniIntf, std::string const& file,
                        std::string const& value);
@@ -347,7 +349,8 @@ private:
       uint32_t ifaFlags;
    };
    std::vector<QueuedAdd> queuedAdds_;
-   std::vector<Konet::IntfId> statusAfterAdds_;  // their interfaces, each once
+   std::vector<Konet::IntfId> statusAfterAdds_;      // their interfaces, each once
+   Mox::HashMap<std::string, bool> confFileExists_;  // kernelHasConf's answers
    // The /proc files the agent wrote, by device (ifindex), since the device appeared.
    Mox::HashMap<uint32_t, Mox::HashSet<std::string>> procWrittenSinceLink_;
    struct DriftRepair {

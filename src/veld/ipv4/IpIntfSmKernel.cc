@@ -408,6 +408,10 @@ int IpIntfSm::doUpdateProcConfigOpt(Konet::IntfId const& intf, IpIntfConfOptType
    }
    auto i = static_cast<size_t>(opt);
    if (!state.needsWrite(i, value)) return 0;
+   if (!kernelHasConf(kOptFile[i])) {
+      state.heldIs(i, value);  // a setting this kernel does not have
+      return 0;
+   }
    if (!state.written(i) && linkConfFresh(kniIntf.key, kOptFile[i]) &&
        kernelHolds(kniIntf, kOptFile[i], value)) {
       state.heldIs(i, value);
@@ -475,6 +479,18 @@ int IpIntfSm::doUpdateProc(Konet::IntfId const& intf) {
    return result;
 }
 
+// The kernel's link messages number every per-device setting it has; one they do not know
+// may still be there (a kernel of its own), so "all" is asked once whether it has it.
+bool IpIntfSm::kernelHasConf(char const* file) {
+   if (Konet::ipv4DevconfIndex(file) != 0) return true;
+   auto [has, fresh] = confFileExists_.emplace(file);
+   if (fresh) {
+      std::string value;
+      *has = kernelIo().readProcSys(std::string(kProcConfDir) + "all/" + file, &value) != ENOENT;
+   }
+   return *has;
+}
+
 bool IpIntfSm::linkConfFresh(KernelNetInfo::InterfaceKey key, std::string const& file) const {
    auto const* written = procWrittenSinceLink_.find(key.ifIndex);
    return !written || !written->contains(file);
@@ -492,6 +508,15 @@ int IpIntfSm::writeDeviceProc(KernelNetInfo::Interface const& kniIntf, std::stri
 bool IpIntfSm::writeOnChange(std::string const& path, std::string const& value) {
    auto const* written = globalWritten_.find(path);
    if (written && *written == value) return true;
+   if (!written) {
+      // A restart finds it set already, or a knob this kernel lacks (not an error).
+      std::string held;
+      int err = kernelIo().readProcSys(path, &held);
+      if ((err == 0 && held == value) || err == ENOENT) {
+         globalWritten_.assign(path, value);
+         return true;
+      }
+   }
    int err = kernelIo().writeProcSys(path, value);
    if (err == 0) globalWritten_.assign(path, value);
    return err == 0 || err == ENOENT;  // a knob this kernel lacks is not an error

@@ -24,7 +24,7 @@ int setupProcSysNet(Konet::NamespaceName const& ns) {
    for (auto [path, value] : {std::pair{"/proc/sys/net/ipv4/icmp_ratelimit", "0"},
                               std::pair{"/proc/sys/net/ipv6/icmp/ratelimit", "0"},
                               std::pair{"/proc/sys/net/ipv4/igmp_max_memberships", "65535"}}) {
-      int rc = Konet::writeProcSys(path, value);
+      int rc = Konet::writeProcSysIfDiffers(path, value);
       if (rc == 0 || rc == ENOENT) continue;
       Mox::logFailure("VELD_PROC_SYS_NET",
                       std::string(__func__) + ": Failed to set " + path + " in NS: " + ns.name(),

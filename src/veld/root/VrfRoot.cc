@@ -293,7 +293,8 @@ void VrfRoot::handleIp6Routing() {
    if (!config || ns_.isDefault()) return;
    char const* value = config->routing() ? "1" : "0";
    MOX_TRACE(th, 7, "ns = " << ns_ << ", forwarding = " << value);
-   Konet::writeProcSysInNetNs(kIp6Forwarding, value, ns_);
+   Konet::ScopedNetNs inNs(ns_, __func__);
+   if (inNs.ok()) Konet::writeProcSysIfDiffers(kIp6Forwarding, value);
 }
 
 }  // namespace Veld

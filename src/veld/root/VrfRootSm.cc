@@ -291,7 +291,7 @@ void VrfRootSm::handleIp6Routing() {
    char const* value = in_.routing6InfoConfig->routing() ? "1" : "0";
    MOX_TRACE(th, 7,
              "ns = " << Konet::NamespaceName::defaultNamespace() << ", forwarding = " << value);
-   Konet::writeProcSys(kIp6Forwarding, value);
+   Konet::writeProcSysIfDiffers(kIp6Forwarding, value);
 }
 
 // ---- one VRF's local status

@@ -42,6 +42,14 @@ public:
       writes.emplace_back(std::string(path), std::string(value), err);
       return err;
    }
+   // A setting the kernel lacks can be made to look present when "all" is asked for it.
+   int readProcSys(std::string_view path, std::string* value) override {
+      if (!pretendPresent.empty() && path.ends_with("/all/" + pretendPresent)) {
+         *value = "0";
+         return 0;
+      }
+      return inner_.readProcSys(path, value);
+   }
    int ipAddrAdd(int sock, int ifindex, IpAddrWithMask const& a, uint32_t ifaFlags) override {
       if (elapsePerOp) elapse();
       ++addrOps;
@@ -69,6 +77,7 @@ public:
 
    std::vector<std::tuple<std::string, std::string, int>> writes;
    std::string failPath;
+   std::string pretendPresent;
    int failWith = EIO;
    double elapsePerOp = 0.0;
    int addrOps = 0;

@@ -428,10 +428,19 @@ TEST_F(IpIntfSmKernelTest, ADeviceMadeAgainUnderItsNameGetsEverySettingAgain) {
    settingsWritten();
 }
 
+// The stock kernel lacks use_icmp_src_ipaddr: it is not written at all. A kernel that says
+// it has it gets 0 for a management interface, and ENOENT from the device counts as done.
 TEST_F(IpIntfSmKernelTest, ManagementInterfacesGetUseIcmpSrcIpAddrZeroAndEnoentIsSuccess) {
    auto m1 = addIntf("Management1");
    ipConfig->icmpSrcIpAddrIs(*Konet::IpAddr::parse("192.0.2.1"));
    place(m1);
+   makeSm();
+   settle();
+   EXPECT_TRUE(io.writesTo(m1.veth.name + "/use_icmp_src_ipaddr").empty());
+   EXPECT_EQ(sm->ipIntfKernelUpdateCodef(m1.id), nullptr);
+
+   sm = nullptr;
+   io.pretendPresent = "use_icmp_src_ipaddr";
    makeSm();
    settle();
    auto w = io.writesTo(m1.veth.name + "/use_icmp_src_ipaddr");
