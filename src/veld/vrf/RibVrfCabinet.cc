@@ -1,7 +1,5 @@
 #include "veld/vrf/RibVrfCabinet.h"
 
-#include <algorithm>
-
 #include "mox/Trace.h"
 
 namespace Veld {
@@ -40,10 +38,6 @@ public:
 private:
    L3::VrfName const vrf_;
 };
-
-bool RibVrfCabinet::isAgentName(std::string_view name) {
-   return std::find(kAgentNames.begin(), kAgentNames.end(), name) != kAgentNames.end();
-}
 
 RibVrfCabinet::RibVrfCabinet(Inputs inputs) : in_(std::move(inputs)) {
    MOX_TRACE_FN0(th);

@@ -64,7 +64,12 @@ public:
    // The daemons that can be told to run in a VRF.
    static constexpr std::array<std::string_view, 8> kAgentNames{
        "Ospf", "Ospf3", "Isis", "IpRib", "Bgp", "ConnectedRoute", "StaticRoute", "RouteInput"};
-   static bool isAgentName(std::string_view name);
+   static constexpr bool isAgentName(std::string_view name) {
+      for (auto known : kAgentNames) {
+         if (known == name) return true;
+      }
+      return false;
+   }
 
    explicit RibVrfCabinet(Inputs inputs);
    ~RibVrfCabinet() override;
