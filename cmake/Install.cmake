@@ -45,7 +45,9 @@ file(GENERATE OUTPUT ${PROJECT_BINARY_DIR}/veld.service CONTENT "${VELD_UNIT_TEX
 install(FILES ${PROJECT_BINARY_DIR}/veld.service DESTINATION lib/systemd/system)
 install(FILES ${PROJECT_SOURCE_DIR}/examples/demo.json ${PROJECT_SOURCE_DIR}/examples/switch.json
               ${PROJECT_SOURCE_DIR}/examples/dhcp.json
+              ${PROJECT_SOURCE_DIR}/examples/veld-routing@.path ${PROJECT_SOURCE_DIR}/examples/veld-routing@.service
    DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples)
+install(PROGRAMS ${PROJECT_SOURCE_DIR}/examples/veld-routing-run DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples)
 
 # veld(8), from the program's own --help texts (not in sanitized builds, whose program
 # may report leaks at exit), and the bash completion.

@@ -24,6 +24,8 @@ Agent::Agent(AgentOptions options) : options_(std::move(options)), mirrors_(loop
 
 Agent::~Agent() {
    // The machines go before the helpers whose entities they watch; the kernel stays.
+   ribVrfCabinet_ = nullptr;  // leaves the daemons as they are
+   ribFiles_.reset();
    ipIntfVrfReactor_ = nullptr;
    vrfRootSm_ = nullptr;
    root_ = nullptr;
@@ -56,7 +58,31 @@ int Agent::start(Configuration const& config) {
    writer_->apply(applied ? *applied : config);
    if (dhcp_) dhcp_->sync(applied ? *applied : config);
    vrfs_->runPending();  // the VRFs' namespaces and statuses before the machines
+   if (!options_.runDir.empty()) {
+      ribFiles_ = std::make_unique<RoutingAgentFiles>(loop_, e_.scheduler, options_.runDir,
+                                                      e_.ribQualDir, e_.ribStatusDir);
+      if (int err = ribFiles_->load()) {
+         Mox::logFailure("VELD-START", "cannot read the routing daemons' files", err);
+         return err;
+      }
+   }
    buildLibrary();
+   ribVrfCabinet_ = Mox::make<Veld::RibVrfCabinet>(
+       Veld::RibVrfCabinet::Inputs{.multiAgentVrfProtoConfig = e_.routingAgents,
+                                   .allVrfStatusLocal = e_.vrfStatusLocal,
+                                   .ssoConfig = e_.ssoConfig,
+                                   .qualDir = e_.ribQualDir,
+                                   .statusDir = e_.ribStatusDir});
+   if (ribFiles_) {
+      int err = ribFiles_->follow([this](std::string const& vrf) {
+         L3::VrfName name(vrf);
+         return name.isDefault() ? std::string() : vrfs_->ns(name).name();
+      });
+      if (err) {
+         Mox::logFailure("VELD-START", "cannot follow the routing daemons' files", err);
+         return err;
+      }
+   }
    mover_ = std::make_unique<IntfNamespaceMover>(e_, mirrors_);
    if (applied && !(*applied == config)) apply(config);
    recordApplied();

@@ -10,6 +10,8 @@
 //
 // With a run directory, the configuration in force is recorded there (applied.json), and a
 // start first takes up the recorded one, then applies the configuration as a change of it.
+// The routing daemons' launch handshake runs through files there too (RoutingAgentFiles),
+// read before the RIB VRF cabinet starts, so that running daemons are taken up as they are.
 //
 // serve() adds what `veld run` needs: signals (TERM and INT stop, HUP reloads, USR1 dumps the
 // ring log), the configuration file's watch and the control socket. Stopping leaves the
@@ -32,6 +34,7 @@
 #include "agent/IntfNamespaceMover.h"
 #include "agent/IntfStatusPublisher.h"
 #include "agent/KernelMirrors.h"
+#include "agent/RoutingAgentFiles.h"
 #include "agent/VrfNamespaces.h"
 #include "veld/config/IpAddrConfigSelectorSm.h"
 #include "veld/config/IpIntfVrfReactor.h"
@@ -39,6 +42,7 @@
 #include "veld/root/Root.h"
 #include "veld/root/VrfRootSm.h"
 #include "veld/unnumbered/IpIntfSm.h"
+#include "veld/vrf/RibVrfCabinet.h"
 
 namespace VeldAgent {
 
@@ -87,6 +91,8 @@ public:
    // The configuration file, what is in force, and the errors of the last reload if it was
    // refused.
    nlohmann::json showConfig() const;
+   // Each routing daemon configured in a VRF, with its launch state; the switchover flag.
+   nlohmann::json showRoutingAgents() const;
    // Answers one control-socket request line with a JSON document.
    std::string handleRequest(std::string const& line) const;
    static std::string socketPath(std::string const& runDir) { return runDir + "/veld.sock"; }
@@ -116,6 +122,8 @@ private:
    Mox::Ptr<Veld::Root> root_;
    Mox::Ptr<Veld::VrfRootSm> vrfRootSm_;
    Mox::Ptr<Veld::IpIntfVrfReactor> ipIntfVrfReactor_;
+   std::unique_ptr<RoutingAgentFiles> ribFiles_;  // with a run directory
+   Mox::Ptr<Veld::RibVrfCabinet> ribVrfCabinet_;
    std::unique_ptr<ControlServer> control_;
    Konet::Fd signals_;
    Konet::Fd inotify_;

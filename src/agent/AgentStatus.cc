@@ -235,6 +235,32 @@ Json Agent::showVrfs() const {
    return Json{{"vrfs", list}};
 }
 
+// Each (VRF, daemon) the configuration names, the default VRF first.
+Json Agent::showRoutingAgents() const {
+   Json list = Json::array();
+   std::vector<L3::VrfName> vrfs;
+   for (auto const& [name, v] : config().vrfs)
+      vrfs.push_back(name);
+   std::stable_partition(vrfs.begin(), vrfs.end(), [](auto const& v) { return v.isDefault(); });
+   for (auto const& vrf : vrfs) {
+      for (auto const& agent : config().vrfs.at(vrf).routingAgents) {
+         auto sm = ribVrfCabinet_ ? ribVrfCabinet_->sm(vrf, agent) : nullptr;
+         auto qual = sm ? sm->qualPathStatus() : nullptr;
+         auto status = e_.ribStatusDir->entry<Mox::Dir>(agent);
+         Json j;
+         j["vrf"] = vrf.name();
+         j["agent"] = agent;
+         j["state"] = Mox::stringValue(sm ? sm->state() : Veld::RibVrfState::Enum::invalid);
+         auto qualDir = e_.ribQualDir->entry<Mox::Dir>(agent);
+         j["qualified"] = bool(qualDir && qualDir->entry(vrf.name()));
+         j["running"] = bool(status && status->entry(vrf.name()));
+         j["loadPluginsTime"] = qual ? qual->loadPluginsTime() : 0.0;
+         list.push_back(j);
+      }
+   }
+   return Json{{"switchover", e_.ssoConfig->switchover()}, {"routingAgents", list}};
+}
+
 Json Agent::showBacklog() const {
    Json list = Json::array();
    auto warp = root_ ? root_->warpState() : nullptr;
@@ -291,6 +317,11 @@ std::string Agent::handleRequest(std::string const& line) const {
    if (!parsed.request) {
       out = Json{{"error", parsed.errors.front().toString()}};
    } else {
+      if (parsed.request->switchover) {
+         // The flag is the agent's to set; the machines that read it follow.
+         e_.ssoConfig->switchoverIs(*parsed.request->switchover);
+         return dumpJson(Json{{"switchover", e_.ssoConfig->switchover()}}, 1) + "\n";
+      }
       switch (parsed.request->show) {
          case ShowWhat::interfaces:
             out = showInterfaces();
@@ -303,6 +334,9 @@ std::string Agent::handleRequest(std::string const& line) const {
             break;
          case ShowWhat::config:
             out = showConfig();
+            break;
+         case ShowWhat::routingAgents:
+            out = showRoutingAgents();
             break;
       }
    }

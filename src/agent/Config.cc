@@ -58,6 +58,7 @@ std::string configurationToJson(Configuration const& config) {
    for (auto const& [name, v] : config.vrfs) {
       Json j = {{"ipv4Routing", v.ipv4Routing}, {"ipv6Routing", v.ipv6Routing}};
       if (!v.netNs.empty()) j["namespace"] = v.netNs;
+      if (!v.routingAgents.empty()) j["routingAgents"] = v.routingAgents;
       vrfs[name.name()] = j;
    }
    doc["vrfs"] = vrfs;

@@ -38,6 +38,8 @@ struct VrfSettings {
    bool ipv6Routing = false;
    // The VRF's network namespace; empty: the agent's default name for the VRF.
    std::string netNs;
+   // The routing daemons to run in the VRF ("Bgp", "Ospf", ...).
+   std::set<std::string> routingAgents;
    friend bool operator==(VrfSettings const&, VrfSettings const&) = default;
 };
 

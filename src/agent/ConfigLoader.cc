@@ -19,6 +19,7 @@
 #include "agent/Config.h"
 #include "agent/JsonRead.h"
 #include "linux/SafeName.h"
+#include "veld/vrf/RibVrfCabinet.h"
 
 namespace VeldAgent {
 
@@ -325,7 +326,7 @@ char const* vrfNameProblem(std::string_view name) {
 
 void readVrf(Checker& c, Json const& v, std::string const& p, bool isDefault, VrfSettings* out) {
    if (!c.isObject(v, p)) return;
-   c.knownKeys(v, p, {"ipv4Routing", "ipv6Routing", "namespace"});
+   c.knownKeys(v, p, {"ipv4Routing", "ipv6Routing", "namespace", "routingAgents"});
    c.boolean(v, p, "ipv4Routing", &out->ipv4Routing);
    c.boolean(v, p, "ipv6Routing", &out->ipv6Routing);
    c.optional(v, p, "namespace", [&](Json const& n, std::string const& np) {
@@ -337,6 +338,22 @@ void readVrf(Checker& c, Json const& v, std::string const& p, bool isDefault, Vr
          c.error(np, inQuotes(*name) + " is not a usable namespace name: " + why);
       } else {
          out->netNs = *name;
+      }
+   });
+   c.optional(v, p, "routingAgents", [&](Json const& a, std::string const& ap) {
+      if (!a.is_array()) return c.error(ap, std::string("must be an array, not ") + typeName(a));
+      for (size_t i = 0; i < a.size(); ++i) {
+         auto ip = at(ap, std::to_string(i));
+         auto name = c.string(a[i], ip);
+         if (!name) continue;
+         if (!Veld::RibVrfCabinet::isAgentName(*name)) {
+            std::string known;
+            for (auto k : Veld::RibVrfCabinet::kAgentNames)
+               known.append(known.empty() ? "" : ", ").append(k);
+            c.error(ip, "unknown routing agent " + inQuotes(*name) + " (known: " + known + ")");
+         } else if (!out->routingAgents.insert(*name).second) {
+            c.error(ip, "routing agent " + inQuotes(*name) + " is named twice");
+         }
       }
    });
 }

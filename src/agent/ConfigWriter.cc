@@ -56,6 +56,7 @@ void ConfigWriter::writeVrf(L3::VrfName const& name, VrfSettings const& v) {
    vrfs_.vrfIs(name, v);
    e_.routingVrfConfig->vrfConfigIs(name)->routingIs(v.ipv4Routing);
    e_.routing6VrfConfig->vrfConfigIs(name)->routingIs(v.ipv6Routing);
+   e_.routingAgents->agentsIs(name, {v.routingAgents.begin(), v.routingAgents.end()});
 }
 
 // The routing entries go with the VRF's namespace, not before: a VRF root, once made, stays
@@ -63,6 +64,7 @@ void ConfigWriter::writeVrf(L3::VrfName const& name, VrfSettings const& v) {
 void ConfigWriter::removeVrf(L3::VrfName const& name) {
    MOX_TRACE_FN(th, name);
    vrfs_.vrfDel(name);
+   e_.routingAgents->agentsDel(name);
    e_.routingVrfConfig->vrfConfigDel(name);
    e_.routing6VrfConfig->vrfConfigDel(name);
 }

@@ -2,7 +2,8 @@
 // by place, only where it differs from the configuration written before:
 //
 //    routing knobs   -> Routing::KernelProtoConfig, Ip::Config (sendRedirects)
-//    each VRF        -> Routing::VrfInfoConfigDir, Routing6::VrfInfoConfigDir, VrfNamespaces
+//    each VRF        -> Routing::VrfInfoConfigDir, Routing6::VrfInfoConfigDir, VrfNamespaces,
+//                       VrfTypes::MultiAgentVrfProtoConfig (its routing daemons)
 //    each interface  -> the command line's Ip::Config (IpIntfConfig, with its address
 //                       source and lender), L3::Intf::ConfigDir (its VRF),
 //                       IntfStatusPublisher (forwarding model, device)

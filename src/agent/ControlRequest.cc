@@ -7,11 +7,12 @@ namespace VeldAgent {
 
 namespace {
 
-constexpr std::array<std::pair<ShowWhat, char const*>, 4> kShowNames{{
+constexpr std::array<std::pair<ShowWhat, char const*>, 5> kShowNames{{
     {ShowWhat::interfaces, "interfaces"},
     {ShowWhat::vrfs, "vrfs"},
     {ShowWhat::backlog, "backlog"},
     {ShowWhat::config, "config"},
+    {ShowWhat::routingAgents, "routing-agents"},
 }};
 
 }  // namespace
@@ -44,23 +45,31 @@ ParsedRequest parseControlRequest(std::string_view line) {
    auto member = doc->begin();
    auto const& key = member.key();
    auto const& value = member.value();
+   if (key == "switchover") {
+      if (!value.is_boolean()) {
+         return refuse("/switchover", std::string("is true or false, not a ") + value.type_name());
+      }
+      out.request = switchoverRequest(value.get<bool>());
+      return out;
+   }
    if (key != "show") {
       return refuse(std::string("/").append(pointerToken(key)),
-                    "unknown request " + quotedForMessage(key) + " (known: show)");
+                    "unknown request " + quotedForMessage(key) + " (known: show, switchover)");
    }
    std::optional<ShowWhat> what;
    if (value.is_string()) what = showWhatFromName(value.get_ref<std::string const&>());
    if (!what) {
       return refuse("/show",
-                    "shows one of interfaces, vrfs, backlog, config; not " +
+                    "shows one of interfaces, vrfs, backlog, config, routing-agents; not " +
                         (value.is_string() ? quotedForMessage(value.get_ref<std::string const&>())
                                            : std::string("a ") + value.type_name()));
    }
-   out.request = ControlRequest{*what};
+   out.request = showRequest(*what);
    return out;
 }
 
 std::string controlRequestText(ControlRequest const& request) {
+   if (request.switchover) return dumpJson(nlohmann::json{{"switchover", *request.switchover}});
    return dumpJson(nlohmann::json{{"show", showWhatName(request.show)}});
 }
 

@@ -2,7 +2,8 @@
 // from outside (agent/JsonRead.h), so that no request, however malformed, can stop the
 // agent; a bad one is answered with its error and its place.
 //
-//    {"show": "interfaces"}    also "vrfs", "backlog", "config"
+//    {"show": "interfaces"}    also "vrfs", "backlog", "config", "routing-agents"
+//    {"switchover": true}      sets the switchover flag (false clears it)
 #pragma once
 
 #include <optional>
@@ -17,12 +18,25 @@ namespace VeldAgent {
 // The longest request line the agent reads.
 inline constexpr size_t kMaxRequestBytes = 4096;
 
-enum class ShowWhat { interfaces, vrfs, backlog, config };
+enum class ShowWhat { interfaces, vrfs, backlog, config, routingAgents };
 
 struct ControlRequest {
    ShowWhat show = ShowWhat::interfaces;
+   // Set: the request sets the switchover flag to this value (and shows nothing).
+   std::optional<bool> switchover;
    friend bool operator==(ControlRequest const&, ControlRequest const&) = default;
 };
+
+inline ControlRequest showRequest(ShowWhat what) {
+   ControlRequest r;
+   r.show = what;
+   return r;
+}
+inline ControlRequest switchoverRequest(bool on) {
+   ControlRequest r;
+   r.switchover = on;
+   return r;
+}
 
 struct ParsedRequest {
    std::optional<ControlRequest> request;  // set exactly when errors is empty

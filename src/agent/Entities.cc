@@ -19,6 +19,10 @@ Entities::Entities()
       routing6VrfConfig(make<Routing6::VrfInfoConfigDir>()),
       kernelProto(make<Routing::KernelProtoConfig>()),
       loopbackConfig(make<Interface::LoopbackIntfConfigDir>()),
+      routingAgents(make<VrfTypes::MultiAgentVrfProtoConfig>()),
+      ssoConfig(Veld::ssoConfigFactory()),
+      ribQualDir(make<Mox::Dir>("qual")),
+      ribStatusDir(make<Mox::Dir>("status")),
       routingHardware(make<Routing::Hardware::Status>()),
       allIntfStatus(make<Interface::AllIntfStatusDir>()),
       allIntfStatusLocal(make<Interface::AllIntfStatusLocalDir>()),
@@ -76,6 +80,10 @@ Entities::Entities()
    l.entityIs("l3/intf/input/status", l3InputStatus);
    l.entityIs("l3/intf/status", l3Status);
    l.entityIs("ip6/status", ip6Status);
+   l.entityIs("vrf/routingAgents/config", routingAgents);
+   l.entityIs("redundancy/sso/config", ssoConfig);
+   l.entityIs("vrf/routingAgents/qual", ribQualDir);
+   l.entityIs("vrf/routingAgents/status", ribStatusDir);
 }
 
 }  // namespace VeldAgent

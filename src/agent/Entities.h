@@ -15,6 +15,7 @@
 #include "platform/ProxyArp.h"
 #include "platform/Routing.h"
 #include "veld/unnumbered/LenderToBorrowersStatus.h"
+#include "veld/redundancy/SsoConfig.h"
 
 namespace VeldAgent {
 
@@ -39,6 +40,12 @@ struct Entities {
    Mox::Ptr<Routing6::VrfInfoConfigDir> routing6VrfConfig;
    Mox::Ptr<Routing::KernelProtoConfig> kernelProto;
    Mox::Ptr<Interface::LoopbackIntfConfigDir> loopbackConfig;
+   Mox::Ptr<VrfTypes::MultiAgentVrfProtoConfig> routingAgents;  // the daemons per VRF
+   Mox::Ptr<Veld::SsoConfig> ssoConfig;                         // set by a control request
+
+   // The routing daemons' launch handshake: one directory per daemon in each (RoutingAgentFiles).
+   Mox::Ptr<Mox::Dir> ribQualDir;
+   Mox::Ptr<Mox::Dir> ribStatusDir;
 
    // The platform's status, published by the agent.
    Mox::Ptr<Routing::Hardware::Status> routingHardware;

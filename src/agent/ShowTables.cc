@@ -175,6 +175,17 @@ std::string renderConfig(Json const& answer) {
    return out;
 }
 
+std::string renderRoutingAgents(Json const& answer) {
+   Table t({"VRF", "Daemon", "State", "Qualified", "Running"});
+   for (auto const& a : answer.at("routingAgents")) {
+      t.row({a.at("vrf").get<std::string>(), a.at("agent").get<std::string>(),
+             a.at("state").get<std::string>(), a.at("qualified").get<bool>() ? "yes" : "no",
+             a.at("running").get<bool>() ? "yes" : "no"});
+   }
+   return t.render() + "Switchover: " + (answer.at("switchover").get<bool>() ? "done" : "none") +
+          "\n";
+}
+
 std::string renderAnswer(ShowWhat what, Json const& answer) {
    try {
       switch (what) {
@@ -186,6 +197,8 @@ std::string renderAnswer(ShowWhat what, Json const& answer) {
             return renderBacklog(answer);
          case ShowWhat::config:
             return renderConfig(answer);
+         case ShowWhat::routingAgents:
+            return renderRoutingAgents(answer);
       }
    } catch (Json::exception const&) {
    }

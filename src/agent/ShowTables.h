@@ -25,6 +25,7 @@ std::string renderInterfaces(nlohmann::json const& answer);
 std::string renderVrfs(nlohmann::json const& answer);
 std::string renderBacklog(nlohmann::json const& answer);
 std::string renderConfig(nlohmann::json const& answer);
+std::string renderRoutingAgents(nlohmann::json const& answer);
 // The table of an answer to `show`; "" when the answer does not have the expected shape
 // (an agent of another version), never an exception.
 std::string renderAnswer(ShowWhat what, nlohmann::json const& answer);

@@ -3,7 +3,8 @@
 //    veld run --config FILE [--run-dir DIR] [--trace Facility/level,...]
 //    veld demo [--config FILE] [--trace ...]
 //    veld check FILE
-//    veld show interfaces|vrfs|backlog|config [--json] [--run-dir DIR]
+//    veld show interfaces|vrfs|backlog|config|routing-agents [--json] [--run-dir DIR]
+//    veld switchover [--clear] [--run-dir DIR]
 #include <CLI/CLI.hpp>
 #include <cstdio>
 #include <cstring>
@@ -79,7 +80,7 @@ int run(std::string const& path, std::string const& runDir, std::string const& n
 int show(std::string const& what, bool json, std::string const& runDir) {
    std::string answer;
    auto path = VeldAgent::Agent::socketPath(runDir);
-   auto request = ControlRequest{*showWhatFromName(what)};
+   auto request = showRequest(*showWhatFromName(what));
    if (int err = controlRequest(path, controlRequestText(request), &answer)) {
       std::fprintf(stderr, "veld show: no agent answers at %s: %s\n", path.c_str(),
                    std::strerror(err));
@@ -99,6 +100,25 @@ int show(std::string const& what, bool json, std::string const& runDir) {
       return 1;
    }
    std::fputs(text.c_str(), stdout);
+   return 0;
+}
+
+// Tells the running agent that a switchover has happened (or, with --clear, that it has not).
+int switchover(bool on, std::string const& runDir) {
+   std::string answer;
+   auto path = VeldAgent::Agent::socketPath(runDir);
+   if (int err = controlRequest(path, controlRequestText(switchoverRequest(on)), &answer)) {
+      std::fprintf(stderr, "veld switchover: no agent answers at %s: %s\n", path.c_str(),
+                   std::strerror(err));
+      return 1;
+   }
+   std::vector<DocError> errors;
+   auto doc = readJson(answer, size_t{1} << 20, &errors);
+   if (!doc || !doc->contains("switchover")) {
+      std::fprintf(stderr, "veld switchover: unexpected answer: %s\n",
+                   quotedForMessage(answer, 400).c_str());
+      return 1;
+   }
    return 0;
 }
 
@@ -133,11 +153,18 @@ int main(int argc, char** argv) {
    checkCmd->add_option("file", configPath, "the configuration file")->required();
 
    auto* showCmd = app.add_subcommand("show", "ask a running agent");
-   showCmd->add_option("what", what, "interfaces, vrfs, backlog or config")
+   showCmd->add_option("what", what, "interfaces, vrfs, backlog, config or routing-agents")
        ->required()
-       ->check(CLI::IsMember({"interfaces", "vrfs", "backlog", "config"}));
+       ->check(CLI::IsMember({"interfaces", "vrfs", "backlog", "config", "routing-agents"}));
    showCmd->add_flag("--json", json, "print the agent's JSON answer");
    showCmd->add_option("--run-dir", runDir, "the running agent's run directory")
+       ->capture_default_str();
+
+   bool clear = false;
+   auto* ssoCmd =
+       app.add_subcommand("switchover", "tell the running agent that a switchover has happened");
+   ssoCmd->add_flag("--clear", clear, "clear the switchover flag instead");
+   ssoCmd->add_option("--run-dir", runDir, "the running agent's run directory")
        ->capture_default_str();
 
    CLI11_PARSE(app, argc, argv);
@@ -148,5 +175,6 @@ int main(int argc, char** argv) {
    }
    if (*demoCmd) return runDemo(configPath);
    if (*checkCmd) return check(configPath);
+   if (*ssoCmd) return switchover(!clear, runDir);
    return show(what, json, runDir);
 }

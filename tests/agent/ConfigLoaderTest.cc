@@ -38,7 +38,8 @@ std::string intf(std::string const& ipv4, std::string const& extra = "") {
 TEST(ConfigLoader, ReadsAFullConfiguration) {
    auto r = parseConfiguration(R"({
       "routing": {"tcpReset": false, "udpUnreachable": true, "sendRedirects": true},
-      "vrfs": {"red": {"ipv4Routing": true, "ipv6Routing": true, "namespace": "ns-red"}},
+      "vrfs": {"red": {"ipv4Routing": true, "ipv6Routing": true, "namespace": "ns-red",
+                       "routingAgents": ["Bgp", "Ospf3"]}},
       "interfaces": {
          "Ethernet3/1": {"device": "et31", "vrf": "red", "routed": true,
             "ipv4": {"address": "10.0.0.1/24", "secondaries": ["10.0.1.1/24"],
@@ -55,6 +56,7 @@ TEST(ConfigLoader, ReadsAFullConfiguration) {
    EXPECT_TRUE(c.routing.sendRedirects);
    ASSERT_EQ(c.vrfs.size(), 2u);  // the default VRF is always there
    EXPECT_EQ(c.vrfs.at(L3::VrfName("red")).netNs, "ns-red");
+   EXPECT_EQ(c.vrfs.at(L3::VrfName("red")).routingAgents, (std::set<std::string>{"Bgp", "Ospf3"}));
    auto const& e = c.interfaces.at(Konet::IntfId("Ethernet3/1"));
    EXPECT_EQ(e.vrf, L3::VrfName("red"));
    EXPECT_EQ(e.ipv4.address->toString(), "10.0.0.1/24");
@@ -125,6 +127,19 @@ TEST(ConfigLoader, RefusesUnsafeNames) {
    EXPECT_TRUE(refusedAt(R"({"vrfs": {"red": {"namespace": "a/b"}}})", "/vrfs/red/namespace",
                          "not a usable namespace name"));
    EXPECT_TRUE(refusedAt(R"({"vrfs": {"re d": {}}})", "/vrfs/re d", "only letters"));
+}
+
+TEST(ConfigLoader, RefusesUnknownAndRepeatedRoutingAgents) {
+   EXPECT_TRUE(refusedAt(R"({"vrfs": {"red": {"routingAgents": ["Bgp", "Rip"]}}})",
+                         "/vrfs/red/routingAgents/1",
+                         "unknown routing agent \"Rip\" (known: Ospf, Ospf3, Isis, IpRib, Bgp, "
+                         "ConnectedRoute, StaticRoute, RouteInput)"));
+   EXPECT_TRUE(refusedAt(R"({"vrfs": {"default": {"routingAgents": ["Bgp", "Isis", "Bgp"]}}})",
+                         "/vrfs/default/routingAgents/2", "routing agent \"Bgp\" is named twice"));
+   EXPECT_TRUE(refusedAt(R"({"vrfs": {"red": {"routingAgents": "Bgp"}}})",
+                         "/vrfs/red/routingAgents", "must be an array, not a string"));
+   EXPECT_TRUE(refusedAt(R"({"vrfs": {"red": {"routingAgents": [1]}}})",
+                         "/vrfs/red/routingAgents/0", "must be a string, not a number"));
 }
 
 TEST(ConfigLoader, RefusesConflictsBetweenPlaces) {

@@ -90,24 +90,35 @@ TEST_F(DocumentFile, OnlyARegularFileOfAcceptedSizeIsRead) {
 }
 
 TEST(ControlRequest, ReadsEachShowAndRefusesTheRestWithItsPlace) {
-   for (auto what : {ShowWhat::interfaces, ShowWhat::vrfs, ShowWhat::backlog, ShowWhat::config}) {
-      auto text = controlRequestText(ControlRequest{what});
+   for (auto what : {ShowWhat::interfaces, ShowWhat::vrfs, ShowWhat::backlog, ShowWhat::config,
+                     ShowWhat::routingAgents}) {
+      auto text = controlRequestText(showRequest(what));
       auto parsed = parseControlRequest(text);
       ASSERT_TRUE(parsed.request) << text;
       EXPECT_EQ(parsed.request->show, what);
       EXPECT_EQ(showWhatFromName(showWhatName(what)), what);
    }
-   EXPECT_EQ(controlRequestText(ControlRequest{ShowWhat::vrfs}), R"({"show":"vrfs"})");
+   EXPECT_EQ(controlRequestText(showRequest(ShowWhat::vrfs)), R"({"show":"vrfs"})");
+   EXPECT_EQ(controlRequestText(showRequest(ShowWhat::routingAgents)),
+             R"({"show":"routing-agents"})");
+   for (bool on : {true, false}) {
+      auto parsed = parseControlRequest(controlRequestText(switchoverRequest(on)));
+      ASSERT_TRUE(parsed.request);
+      EXPECT_EQ(parsed.request->switchover, on);
+   }
    auto refused = [](std::string_view line) {
       auto p = parseControlRequest(line);
       EXPECT_FALSE(p.request);
       return p.errors.empty() ? std::string("accepted") : p.errors.front().toString();
    };
-   EXPECT_EQ(refused(R"({"show": "routes"})"),
-             R"(/show: shows one of interfaces, vrfs, backlog, config; not "routes")");
+   EXPECT_EQ(
+       refused(R"({"show": "routes"})"),
+       R"(/show: shows one of interfaces, vrfs, backlog, config, routing-agents; not "routes")");
    EXPECT_EQ(refused(R"({"show": 1})"),
-             "/show: shows one of interfaces, vrfs, backlog, config; not a number");
-   EXPECT_EQ(refused(R"({"shout": "vrfs"})"), R"(/shout: unknown request "shout" (known: show))");
+             "/show: shows one of interfaces, vrfs, backlog, config, routing-agents; not a number");
+   EXPECT_EQ(refused(R"({"shout": "vrfs"})"),
+             R"(/shout: unknown request "shout" (known: show, switchover))");
+   EXPECT_EQ(refused(R"({"switchover": "yes"})"), "/switchover: is true or false, not a string");
    EXPECT_EQ(refused(R"({"show": "vrfs", "x": 1})").substr(0, 40),
              "(document): a request is an object with ");
    EXPECT_EQ(refused("show interfaces").substr(0, 32), "(document): not valid JSON at li");
