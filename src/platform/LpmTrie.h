@@ -67,7 +67,8 @@ public:
       RouteId id = find(net, len);
       if (id != kNoRoute) return id;
       id = newId(net, len);
-      paintPrefix(net, len, [&](uint32_t v) { return v == 0 || lens_[v - 1] <= len; }, id + 1);
+      paintPrefix(
+          net, len, [&](uint32_t v) { return v == 0 || lens_[v - 1] <= len; }, id + 1);
       return id;
    }
 
@@ -79,7 +80,8 @@ public:
       for (int l = len - 1; l >= 0 && cover == kNoRoute; --l)
          cover = find(mask(net, l), l);
       uint32_t const old = id + 1;
-      paintPrefix(net, len, [&](uint32_t v) { return v == old; }, cover == kNoRoute ? 0 : cover + 1);
+      paintPrefix(
+          net, len, [&](uint32_t v) { return v == old; }, cover == kNoRoute ? 0 : cover + 1);
       dropId(id);
       return true;
    }

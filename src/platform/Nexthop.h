@@ -69,9 +69,7 @@ public:
       return instantiateMember<NexthopVrfConfig>(vrf_, n, kVrf, &NotifieeConst::onVrf);
    }
    void vrfDel(L3::VrfName const& n) { delMember(vrf_, n, &NotifieeConst::onVrf); }
-   Mox::HashMap<L3::VrfName, Mox::Ptr<NexthopVrfConfig>> const& vrfIterator() const {
-      return vrf_;
-   }
+   Mox::HashMap<L3::VrfName, Mox::Ptr<NexthopVrfConfig>> const& vrfIterator() const { return vrf_; }
 
 private:
    Mox::Name const name_;

@@ -19,7 +19,8 @@ struct Reference {
    std::pair<int, Key> lookup(Key k) const {
       std::pair<int, Key> best{-1, 0};
       for (auto const& [len, net] : routes) {
-         if (Routing::LpmTrie<Key, Bits>::mask(k, len) == net && len > best.first) best = {len, net};
+         if (Routing::LpmTrie<Key, Bits>::mask(k, len) == net && len > best.first)
+            best = {len, net};
       }
       return best;
    }
@@ -141,8 +142,8 @@ public:
 
 TEST(NexthopTrie, WalkVisitsExactlyTheNexthopsBelowThePrefixInPreOrder) {
    Routing::NexthopTrie t;
-   for (auto const* a : {"10.1.2.3", "10.1.2.200", "10.1.3.1", "10.0.255.255", "10.1.2.0",
-                         "11.0.0.0"})
+   for (auto const* a :
+        {"10.1.2.3", "10.1.2.200", "10.1.3.1", "10.0.255.255", "10.1.2.0", "11.0.0.0"})
       t.nexthopIs(addr(a));
    Collect c;
    EXPECT_EQ(t.walk(prefix("10.1.2.0/24"), c), 3u);

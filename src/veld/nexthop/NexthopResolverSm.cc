@@ -182,7 +182,8 @@ void NexthopResolverSm::handleNexthopConfig(Konet::IpGenAddr const& addr) {
    MOX_TRACE_FN(th, addr);
    if (!addr.isV4() && !addr.isV6()) return;
    auto& trie = nexthopTrieOf(addr.af());
-   if (inputs_.nexthopVrfConfig && inputs_.nexthopVrfConfig->nexthop(addr) != NexthopConfigEntry{}) {
+   if (inputs_.nexthopVrfConfig &&
+       inputs_.nexthopVrfConfig->nexthop(addr) != NexthopConfigEntry{}) {
       trie.nexthopIs(addr);
    } else {
       trie.nexthopDel(addr);
@@ -240,8 +241,8 @@ void NexthopResolverSm::handleNexthopReview() {
    MOX_TRACE(th, 7, " finished processing " << count);
 }
 
-void NexthopResolverSm::markIs(Konet::IpGenAddr const& addr,
-                               std::optional<GenPrefix> const& match, TrieGen* trie) {
+void NexthopResolverSm::markIs(Konet::IpGenAddr const& addr, std::optional<GenPrefix> const& match,
+                               TrieGen* trie) {
    auto const* old = matched_.find(addr);
    if (old && match && *old == *match) return;
    if (old) {
@@ -257,8 +258,8 @@ void NexthopResolverSm::markIs(Konet::IpGenAddr const& addr,
 void NexthopResolverSm::processNexthop(Konet::IpGenAddr const& addr) {
    MOX_TRACE_FN(th, "processNexthop " << addr);
    auto trie = fibTrie(addr.af());
-   auto const entry = inputs_.nexthopVrfConfig ? inputs_.nexthopVrfConfig->nexthop(addr)
-                                               : NexthopConfigEntry{};
+   auto const entry =
+       inputs_.nexthopVrfConfig ? inputs_.nexthopVrfConfig->nexthop(addr) : NexthopConfigEntry{};
    if (entry == NexthopConfigEntry{}) {
       MOX_TRACE(th, 7, " remove nexthopVrfStatusEntry for addr " << addr);
       inputs_.nexthopVrfStatus->nexthopDel(addr);
@@ -282,8 +283,9 @@ void NexthopResolverSm::updateNexthopStatus(Konet::IpGenAddr const& addr,
       return;
    }
    if (!match || !trie) {
-      MOX_TRACE(th, 7, " remove status for addr " << addr << " (no route for prefix "
-                                                  << GenPrefix::host(addr) << ")");
+      MOX_TRACE(th, 7,
+                " remove status for addr " << addr << " (no route for prefix "
+                                           << GenPrefix::host(addr) << ")");
       status->nexthopDel(addr);
       return;
    }

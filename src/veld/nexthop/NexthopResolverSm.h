@@ -62,7 +62,9 @@ public:
    size_t reviewNexthops() const { return reviewNexthop_.size(); }
    Mox::Ptr<Bolt::Task> const& reviewNexthopTask() const { return reviewNexthopTask_; }
    // The prefix a nexthop holds its interest mark on, if any.
-   GenPrefix const* matchedPrefix(Konet::IpGenAddr const& addr) const { return matched_.find(addr); }
+   GenPrefix const* matchedPrefix(Konet::IpGenAddr const& addr) const {
+      return matched_.find(addr);
+   }
    NexthopTrie const& nexthopTrie(Konet::AddressFamily af) const {
       return af == Konet::AddressFamily::ipv4 ? nexthopTrie4_ : nexthopTrie6_;
    }
@@ -91,8 +93,7 @@ private:
    void handleRouting(Konet::AddressFamily af);
    void updateNexthopStatus(Konet::IpGenAddr const& addr, std::optional<GenPrefix> const& match,
                             TrieGen const* trie);
-   void markIs(Konet::IpGenAddr const& addr, std::optional<GenPrefix> const& match,
-               TrieGen* trie);
+   void markIs(Konet::IpGenAddr const& addr, std::optional<GenPrefix> const& match, TrieGen* trie);
    void scheduleReview();
    NexthopTrie& nexthopTrieOf(Konet::AddressFamily af) {
       return af == Konet::AddressFamily::ipv4 ? nexthopTrie4_ : nexthopTrie6_;

@@ -62,8 +62,7 @@ Mox::Ptr<TrieBuilderContainer> trieBuilderContainerFactory(L3::VrfName vrfName,
 
 void TrieBuilderContainer::nexthopConfigPtrIs(
     Mox::Ptr<Routing::NexthopConfig const> const& config) {
-   Mox::requireNonNull(config, "_nexthopConfig",
-                       "Veld::TrieBuilderContainer::nexthopConfig");
+   Mox::requireNonNull(config, "_nexthopConfig", "Veld::TrieBuilderContainer::nexthopConfig");
    auto* r = nexthopConfig_.find(config->name());
    if (!r) {
       auto fresh = Mox::make<MoxNexthopConfig>(this, config->name());
@@ -109,8 +108,8 @@ void TrieBuilderContainer::handleInitialized() {
 
 void TrieBuilderContainer::handleInput() {
    bool const standby = inputs_.containerConfig && inputs_.containerConfig->standbyMode();
-   MOX_TRACE_FN(th, "handleInput" << " standbyMode: " << standby
-                                  << ", vrfClients: " << vrfClient_.size());
+   MOX_TRACE_FN(th, "handleInput"
+                        << " standbyMode: " << standby << ", vrfClients: " << vrfClient_.size());
    if (!initialized()) return;
    auto const& status = inputs_.containerStatus;
    if (standby || vrfClient_.empty()) {
@@ -129,10 +128,10 @@ void TrieBuilderContainer::handleInput() {
                              Konet::AddressFamily::ipv4);
    auto t6 = status->trie6Is(Mox::Name("fib6-" + std::string(vrfName_.name())),
                              Konet::AddressFamily::ipv6);
-   trie4Builder_ = Mox::make<Routing::TrieGenBuilder>(inputs_.routeStatus4, inputs_.routeStatus6,
-                                                      t4);
-   trie6Builder_ = Mox::make<Routing::TrieGenBuilder>(inputs_.routeStatus4, inputs_.routeStatus6,
-                                                      t6);
+   trie4Builder_ =
+       Mox::make<Routing::TrieGenBuilder>(inputs_.routeStatus4, inputs_.routeStatus6, t4);
+   trie6Builder_ =
+       Mox::make<Routing::TrieGenBuilder>(inputs_.routeStatus4, inputs_.routeStatus6, t6);
    status->enabledIs(true);
 }
 

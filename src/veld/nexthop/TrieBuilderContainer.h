@@ -25,11 +25,11 @@ namespace Veld {
 
 class TrieBuilderContainer : public Mox::StateMachine {
 public:
-#define VELD_TRIE_BUILDER_CONTAINER_INPUTS(X)                             \
-   X(Mox::Ptr<TrieBuilderContainerConfig const>, containerConfig)         \
-   X(Mox::Ptr<TrieBuilderContainerStatus>, containerStatus)               \
-   X(Mox::Ptr<Routing::FibRouteTable const>, routeStatus4)                \
-   X(Mox::Ptr<Routing::FibRouteTable const>, routeStatus6)                \
+#define VELD_TRIE_BUILDER_CONTAINER_INPUTS(X)                     \
+   X(Mox::Ptr<TrieBuilderContainerConfig const>, containerConfig) \
+   X(Mox::Ptr<TrieBuilderContainerStatus>, containerStatus)       \
+   X(Mox::Ptr<Routing::FibRouteTable const>, routeStatus4)        \
+   X(Mox::Ptr<Routing::FibRouteTable const>, routeStatus6)        \
    X(Mox::Ptr<Mox::Dir const>, nexthopConfigDir)
    struct Inputs {
       MOX_INPUTS(VELD_TRIE_BUILDER_CONTAINER_INPUTS)

@@ -53,8 +53,10 @@ protected:
    Mox::ScopedVirtualTime time{1000.0};
    L3::VrfName vrf{"red"};
    Mox::Ptr<Bolt::TaskScheduler> scheduler = Mox::make<Bolt::TaskScheduler>();
-   Mox::Ptr<Routing::FibRouteTable> routes4 = Mox::make<Routing::FibRouteTable>(AddressFamily::ipv4);
-   Mox::Ptr<Routing::FibRouteTable> routes6 = Mox::make<Routing::FibRouteTable>(AddressFamily::ipv6);
+   Mox::Ptr<Routing::FibRouteTable> routes4 =
+       Mox::make<Routing::FibRouteTable>(AddressFamily::ipv4);
+   Mox::Ptr<Routing::FibRouteTable> routes6 =
+       Mox::make<Routing::FibRouteTable>(AddressFamily::ipv6);
    Mox::Ptr<Veld::TrieBuilderContainerConfig> containerConfig =
        Veld::trieBuilderContainerConfigFactory(false);
    Mox::Ptr<Veld::TrieBuilderContainerStatus> containerStatus =
