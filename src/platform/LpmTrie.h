@@ -5,7 +5,7 @@
 // Each node keeps its values once per run of equal neighbours, so a /16 holding a handful
 // of /24s costs a few words, not 256. Updates expand one node, repaint the slots the prefix
 // covers (down into the nodes below them), and compress it again; a node that becomes one
-// run folds back into its parent slot. A bulk load keeps nodes expanded until the end.
+// run folds back into its parent slot. A full load sorts the routes and builds each node once.
 // The control plane is an open-addressing index (prefix -> route id, 4 bytes a slot) over
 // per-route arrays (network and length).
 //
@@ -15,6 +15,7 @@
 // and 223,000 IPv6 routes, one core): see the closing comment of bench/bench_nexthop.cc.
 #pragma once
 
+#include <algorithm>
 #include <array>
 #include <bit>
 #include <cstdint>
@@ -34,8 +35,9 @@ public:
 
    void clear() {
       root_.assign(size_t{1} << kRootBits, 0);
-      nodes_.clear();
-      freeNodes_.clear();
+      pool_.clear();
+      free_.clear();
+      nodes_ = 0;
       nets_.clear();
       lens_.clear();
       freeIds_.clear();
@@ -44,6 +46,15 @@ public:
    }
 
    size_t routes() const { return routes_; }
+   // Room for n routes without growing the index.
+   void reserve(size_t n) {
+      nets_.reserve(n);
+      lens_.reserve(n);
+      size_t size = index_.size();
+      while (size < 2 * (n + 1))
+         size *= 2;
+      if (size != index_.size()) rehash(size);
+   }
 
    // The network of a prefix of `len` bits: the key with the host bits cleared.
    static Key mask(Key k, int len) {
@@ -92,94 +103,214 @@ public:
       int shift = Bits - kRootBits;
       while (e & kChild) {
          shift -= 8;
-         e = nodes_[e & ~kChild].get(static_cast<unsigned>(k >> shift) & 0xff);
+         e = get(e & ~kChild, static_cast<unsigned>(k >> shift) & 0xff);
       }
       return e - 1;  // 0 (none) wraps to kNoRoute
    }
 
-   // Bulk loading: nodes stay expanded (fast to paint) until endBulk() compresses them.
-   // Routes are best added shortest first. lookup() is valid only outside a bulk load.
-   void beginBulk() { bulk_ = true; }
-   void endBulk() {
-      bulk_ = false;
-      for (auto& n : nodes_)
-         if (n.expanded) n.compress();
+   // Replaces everything with `routes` (networks with their host bits clear, no
+   // duplicates), building each node once from the sorted list.
+   void build(std::vector<std::pair<Key, uint8_t>> routes) {
+      clear();
+      std::sort(routes.begin(), routes.end());
+      reserve(routes.size());
+      for (auto const& [net, len] : routes)
+         newId(net, len);
+      // In (network, length) order a route comes after every route that covers it, so
+      // painting in that order leaves each slot with its longest match.
+      size_t i = 0;
+      while (i < routes.size()) {
+         auto const& [net, len] = routes[i];
+         size_t idx = static_cast<size_t>(net >> (Bits - kRootBits));
+         if (len <= kRootBits) {
+            uint32_t v = static_cast<uint32_t>(i) + 1;
+            size_t count = size_t{1} << (kRootBits - len);
+            std::fill(root_.begin() + static_cast<ptrdiff_t>(idx),
+                      root_.begin() + static_cast<ptrdiff_t>(idx + count), v);
+            ++i;
+            continue;
+         }
+         i = buildNode(routes, i, root_[idx], Bits - kRootBits);
+      }
    }
 
-   // Bytes held: the root array, the nodes and their values, the index and the per-route arrays.
+   // Bytes held: the root array, the node pool, the index and the per-route arrays.
    size_t memoryBytes() const {
-      size_t b = root_.capacity() * sizeof(uint32_t) + nodes_.capacity() * sizeof(Node) +
-                 index_.capacity() * sizeof(RouteId) + nets_.capacity() * sizeof(Key) +
-                 lens_.capacity() + freeIds_.capacity() * sizeof(RouteId) +
-                 freeNodes_.capacity() * sizeof(uint32_t);
-      for (auto const& n : nodes_)
-         b += n.vals.capacity() * sizeof(uint32_t);
-      return b;
+      return root_.capacity() * sizeof(uint32_t) + pool_.capacity() * sizeof(uint64_t) +
+             index_.capacity() * sizeof(RouteId) + nets_.capacity() * sizeof(Key) +
+             lens_.capacity() + freeIds_.capacity() * sizeof(RouteId);
    }
-   size_t nodes() const { return nodes_.size() - freeNodes_.size(); }
+   size_t nodes() const { return nodes_; }
 
 private:
    static constexpr int kRootBits = 16;
    static constexpr uint32_t kChild = 0x80000000u;
    static constexpr RouteId kEmpty = ~RouteId{0};
+   static constexpr size_t kHeader = 5;
 
-   // An 8-bit node. Compressed: bit i of `bits` marks slot i as the start of a run, `vals`
-   // holds one value per run and `pre[w]` counts the runs started before word w. Expanded:
-   // `vals` holds all 256 slots. A value is 0 (no route), route id + 1, or kChild | node.
-   struct Node {
+   // An 8-bit node is one block of the pool, so that its bitmap and its values share cache
+   // lines: words 0-3 mark with bit i the slots that start a run of equal values, word 4
+   // holds in its bytes 0-3 the runs started before each bitmap word and in its high half
+   // the number of runs, and the runs' values follow, two to a word. A value is 0 (no
+   // route), route id + 1, or kChild | the pool offset of the node below.
+   uint32_t get(uint32_t off, unsigned i) const {
+      uint64_t const* n = pool_.data() + off;
+      unsigned w = i >> 6;
+      uint64_t m = n[w] & (~uint64_t{0} >> (63 - (i & 63)));
+      unsigned rank = static_cast<unsigned>(n[4] >> (8 * w) & 0xff) + std::popcount(m) - 1;
+      return reinterpret_cast<uint32_t const*>(n + kHeader)[rank];
+   }
+   static size_t blockWords(size_t runs) { return kHeader + (runs + 1) / 2; }
+
+   void expand(uint32_t off, uint32_t* out) const {
+      uint64_t const* n = pool_.data() + off;
+      auto const* vals = reinterpret_cast<uint32_t const*>(n + kHeader);
+      unsigned r = 0;
+      for (unsigned i = 0; i < 256; ++i) {
+         if (i && (n[i >> 6] >> (i & 63) & 1)) ++r;
+         out[i] = vals[r];
+      }
+   }
+   // Stores 256 slots as a block and returns the slot's new value: the block, or the one
+   // value when all slots hold the same leaf (then no block). `old` is freed.
+   uint32_t store(uint32_t const* slots, uint32_t old) {
       uint64_t bits[4] = {};
-      uint16_t pre[4] = {};
-      bool expanded = false;
-      std::vector<uint32_t> vals;
+      uint32_t vals[256];
+      unsigned runs = 0;
+      for (unsigned i = 0; i < 256; ++i) {
+         if (i == 0 || slots[i] != slots[i - 1]) {
+            bits[i >> 6] |= uint64_t{1} << (i & 63);
+            vals[runs++] = slots[i];
+         }
+      }
+      if (old != kNoNode) freeBlock(old);
+      if (runs == 1 && !(vals[0] & kChild)) return vals[0];
+      uint32_t off = allocBlock(runs);
+      uint64_t* n = pool_.data() + off;
+      uint64_t pre = 0, c = 0;
+      for (int w = 0; w < 4; ++w) {
+         n[w] = bits[w];
+         pre |= c << (8 * w);
+         c += static_cast<uint64_t>(std::popcount(bits[w]));
+      }
+      n[4] = pre | static_cast<uint64_t>(runs) << 32;
+      n[kHeader + (runs - 1) / 2] = 0;
+      std::memcpy(n + kHeader, vals, runs * sizeof(uint32_t));
+      return kChild | off;
+   }
+   static constexpr uint32_t kNoNode = ~uint32_t{0};
 
-      uint32_t get(unsigned i) const {
-         unsigned w = i >> 6;
-         uint64_t m = bits[w] & (~uint64_t{0} >> (63 - (i & 63)));
-         return vals[pre[w] + std::popcount(m) - 1];
+   uint32_t allocBlock(size_t runs) {
+      ++nodes_;
+      size_t words = blockWords(runs);
+      if (words < free_.size() && !free_[words].empty()) {
+         uint32_t off = free_[words].back();
+         free_[words].pop_back();
+         return off;
       }
-      void expandInto(uint32_t* out) const {
-         unsigned r = 0;
-         for (unsigned i = 0; i < 256; ++i) {
-            if (i && (bits[i >> 6] >> (i & 63) & 1)) ++r;
-            out[i] = vals[r];
+      uint32_t off = static_cast<uint32_t>(pool_.size());
+      pool_.resize(pool_.size() + words);
+      return off;
+   }
+   void freeBlock(uint32_t off) {
+      --nodes_;
+      size_t words = blockWords(pool_[off + 4] >> 32);
+      if (free_.size() <= words) free_.resize(words + 1);
+      free_[words].push_back(off);
+   }
+
+   // Runs fn on the 256 slots of the node in `slot`, then stores them back.
+   template <class Fn>
+   void editNode(uint32_t& slot, Fn&& fn) {
+      std::array<uint32_t, 256> tmp;
+      uint32_t off = slot & ~kChild;
+      expand(off, tmp.data());
+      fn(tmp.data());
+      slot = store(tmp.data(), off);
+   }
+
+   uint32_t newNode(uint32_t fill) {
+      uint32_t off = allocBlock(1);  // one run; the edit that follows splits it
+      uint64_t* n = pool_.data() + off;
+      n[0] = 1;
+      n[1] = n[2] = n[3] = 0;
+      n[4] = uint64_t{1} << 32;
+      n[kHeader] = 0;
+      reinterpret_cast<uint32_t*>(n + kHeader)[0] = fill;
+      return kChild | off;
+   }
+
+   // Builds the node below `slot` (which holds what covers it) from the routes from
+   // index i on that lie below it; returns the index after them.
+   size_t buildNode(std::vector<std::pair<Key, uint8_t>> const& routes, size_t i, uint32_t& slot,
+                    int shift) {
+      std::array<uint32_t, 256> s;
+      s.fill(slot);
+      int const depthBits = Bits - shift;
+      int const nodeShift = shift - 8;
+      Key const base = mask(routes[i].first, depthBits);
+      while (i < routes.size() && mask(routes[i].first, depthBits) == base &&
+             routes[i].second > depthBits) {
+         auto const& [net, len] = routes[i];
+         unsigned idx = static_cast<unsigned>(net >> nodeShift) & 0xff;
+         if (len <= depthBits + 8) {
+            unsigned count = 1u << (depthBits + 8 - len);
+            std::fill(s.begin() + idx, s.begin() + idx + count, static_cast<uint32_t>(i) + 1);
+            ++i;
+         } else {
+            i = buildNode(routes, i, s[idx], nodeShift);
          }
       }
-      void compressFrom(uint32_t const* slots) {
-         std::vector<uint32_t> v;
-         v.reserve(8);
-         std::memset(bits, 0, sizeof bits);
-         for (unsigned i = 0; i < 256; ++i) {
-            if (i == 0 || slots[i] != slots[i - 1]) {
-               bits[i >> 6] |= uint64_t{1} << (i & 63);
-               v.push_back(slots[i]);
-            }
-         }
-         uint16_t c = 0;
-         for (int w = 0; w < 4; ++w) {
-            pre[w] = c;
-            c = static_cast<uint16_t>(c + std::popcount(bits[w]));
-         }
-         v.shrink_to_fit();
-         vals = std::move(v);
-         expanded = false;
+      slot = store(s.data(), kNoNode);
+      return i;
+   }
+
+   // Replaces, in the slot and in everything below it, each leaf value v with pred(v).
+   template <class Pred>
+   void paintSlot(uint32_t& slot, Pred const& pred, uint32_t value) {
+      if (slot & kChild) {
+         editNode(slot, [&](uint32_t* s) {
+            for (unsigned i = 0; i < 256; ++i)
+               paintSlot(s[i], pred, value);
+         });
+      } else if (pred(slot)) {
+         slot = value;
       }
-      void compress() {
-         std::array<uint32_t, 256> tmp;
-         std::memcpy(tmp.data(), vals.data(), sizeof tmp);
-         compressFrom(tmp.data());
+   }
+
+   // Paints the slots that prefix (net, len) covers, at the depth where it ends.
+   template <class Pred>
+   void paintPrefix(Key net, int len, Pred const& pred, uint32_t value) {
+      if (len <= kRootBits) {
+         size_t first = static_cast<size_t>(net >> (Bits - kRootBits));
+         size_t count = size_t{1} << (kRootBits - len);
+         for (size_t i = first; i < first + count; ++i)
+            paintSlot(root_[i], pred, value);
+         return;
       }
-      // True (and the value in *v) when all 256 slots hold the same leaf.
-      bool uniform(uint32_t* v) const {
-         if (expanded) {
-            for (unsigned i = 1; i < 256; ++i)
-               if (vals[i] != vals[0]) return false;
-         } else if (vals.size() != 1) {
-            return false;
+      uint32_t& top = root_[static_cast<size_t>(net >> (Bits - kRootBits))];
+      paintBelow(top, net, len, Bits - kRootBits, pred, value);
+   }
+   // `slot` covers the bits above `shift`; the prefix ends below it.
+   template <class Pred>
+   void paintBelow(uint32_t& slot, Key net, int len, int shift, Pred const& pred, uint32_t value) {
+      if (!(slot & kChild)) {
+         if (!pred(slot)) return;  // nothing to repaint below a leaf we keep
+         slot = newNode(slot);
+      }
+      int const depthBits = Bits - shift;  // bits decided above this node
+      int const nodeShift = shift - 8;
+      editNode(slot, [&](uint32_t* s) {
+         unsigned idx = static_cast<unsigned>(net >> nodeShift) & 0xff;
+         if (len <= depthBits + 8) {
+            unsigned count = 1u << (depthBits + 8 - len);
+            for (unsigned i = idx; i < idx + count; ++i)
+               paintSlot(s[i], pred, value);
+         } else {
+            paintBelow(s[idx], net, len, nodeShift, pred, value);
          }
-         *v = vals[0];
-         return !(*v & kChild);
-      }
-   };
+      });
+   }
 
    static size_t hashOf(Key net, int len) {
       uint64_t x = static_cast<uint64_t>(net);
@@ -243,117 +374,15 @@ private:
       --routes_;
    }
 
-   uint32_t newNode(uint32_t fill) {
-      uint32_t n;
-      if (!freeNodes_.empty()) {
-         n = freeNodes_.back();
-         freeNodes_.pop_back();
-      } else {
-         n = static_cast<uint32_t>(nodes_.size());
-         nodes_.emplace_back();
-      }
-      Node& node = nodes_[n];
-      if (bulk_) {
-         node.vals.assign(256, fill);
-         node.expanded = true;
-      } else {
-         std::memset(node.bits, 0, sizeof node.bits);
-         node.bits[0] = 1;
-         std::memset(node.pre, 0, sizeof node.pre);
-         node.vals.assign(1, fill);
-         node.expanded = false;
-      }
-      return n | kChild;
-   }
-   void freeNode(uint32_t n) {
-      nodes_[n].vals = {};
-      nodes_[n].expanded = false;
-      freeNodes_.push_back(n);
-   }
-
-   // Runs fn on node n's 256 slots, then stores them back.
-   template <class Fn>
-   void editNode(uint32_t n, Fn&& fn) {
-      if (nodes_[n].expanded) {
-         uint32_t* slots = nodes_[n].vals.data();  // the buffer survives nodes_ growing
-         fn(slots);
-         return;
-      }
-      std::array<uint32_t, 256> tmp;
-      nodes_[n].expandInto(tmp.data());
-      fn(tmp.data());
-      nodes_[n].compressFrom(tmp.data());
-   }
-
-   // Replaces, in the slot and in everything below it, each leaf value v with paint(v) true.
-   template <class Pred>
-   void paintSlot(uint32_t& slot, Pred const& pred, uint32_t value) {
-      if (slot & kChild) {
-         uint32_t n = slot & ~kChild;
-         editNode(n, [&](uint32_t* s) {
-            for (unsigned i = 0; i < 256; ++i)
-               paintSlot(s[i], pred, value);
-         });
-         foldIfUniform(slot);
-      } else if (pred(slot)) {
-         slot = value;
-      }
-   }
-   void foldIfUniform(uint32_t& slot) {
-      if (bulk_) return;  // a bulk load only adds, and checks nothing until it ends
-      uint32_t n = slot & ~kChild, v;
-      if (nodes_[n].uniform(&v)) {
-         freeNode(n);
-         slot = v;
-      }
-   }
-
-   // Paints the slots that prefix (net, len) covers, at the depth where it ends.
-   template <class Pred>
-   void paintPrefix(Key net, int len, Pred const& pred, uint32_t value) {
-      if (len <= kRootBits) {
-         size_t first = static_cast<size_t>(net >> (Bits - kRootBits));
-         size_t count = size_t{1} << (kRootBits - len);
-         for (size_t i = first; i < first + count; ++i)
-            paintSlot(root_[i], pred, value);
-         return;
-      }
-      uint32_t& top = root_[static_cast<size_t>(net >> (Bits - kRootBits))];
-      paintBelow(top, net, len, Bits - kRootBits, pred, value);
-   }
-   // `slot` covers the bits above `shift`; the prefix ends below it.
-   template <class Pred>
-   void paintBelow(uint32_t& slot, Key net, int len, int shift, Pred const& pred, uint32_t value) {
-      if (!(slot & kChild)) {
-         if (!pred(slot)) return;  // nothing to repaint below a leaf we keep
-         uint32_t child = newNode(slot);
-         slot = child;
-      }
-      uint32_t n = slot & ~kChild;
-      int const depthBits = Bits - shift;  // bits decided above this node
-      int const nodeShift = shift - 8;
-      editNode(n, [&](uint32_t* s) {
-         unsigned idx = static_cast<unsigned>(net >> nodeShift) & 0xff;
-         if (len <= depthBits + 8) {
-            unsigned count = 1u << (depthBits + 8 - len);
-            for (unsigned i = idx; i < idx + count; ++i)
-               paintSlot(s[i], pred, value);
-         } else {
-            paintBelow(s[idx], net, len, nodeShift, pred, value);
-         }
-      });
-      foldIfUniform(slot);
-   }
-
    std::vector<uint32_t> root_;
-   std::vector<Node> nodes_;
-   std::vector<uint32_t> freeNodes_;
+   std::vector<uint64_t> pool_;
+   std::vector<std::vector<uint32_t>> free_;  // free blocks by size in words
+   size_t nodes_ = 0;
    std::vector<Key> nets_;
    std::vector<uint8_t> lens_;
    std::vector<RouteId> freeIds_;
    std::vector<RouteId> index_;
    size_t routes_ = 0;
-   bool bulk_ = false;
 };
 
 using Lpm4 = LpmTrie<uint32_t, 32>;

@@ -71,29 +71,18 @@ void TrieGen::load() {
    lpm4_.clear();
    lpm6_.clear();
    if (!table_) return;
-   // Shortest first: a bulk load then only ever paints over shorter routes.
-   std::vector<GenPrefix const*> order;
-   order.reserve(table_->size());
-   for (auto const& [p, r] : table_->routes())
-      order.push_back(&p);
-   std::array<size_t, 130> counts{};
-   for (auto const* p : order)
-      ++counts[p->len + 1];
-   for (size_t i = 1; i < counts.size(); ++i)
-      counts[i] += counts[i - 1];
-   std::vector<GenPrefix const*> sorted(order.size());
-   for (auto const* p : order)
-      sorted[counts[p->len]++] = p;
    if (af_ == Konet::AddressFamily::ipv4) {
-      lpm4_.beginBulk();
-      for (auto const* p : sorted)
-         lpm4_.insert(lpmKey4(p->network), p->len);
-      lpm4_.endBulk();
+      std::vector<std::pair<uint32_t, uint8_t>> routes;
+      routes.reserve(table_->size());
+      for (auto const& [p, r] : table_->routes())
+         routes.emplace_back(lpmKey4(p.network), p.len);
+      lpm4_.build(std::move(routes));
    } else {
-      lpm6_.beginBulk();
-      for (auto const* p : sorted)
-         lpm6_.insert(lpmKey6(p->network), p->len);
-      lpm6_.endBulk();
+      std::vector<std::pair<unsigned __int128, uint8_t>> routes;
+      routes.reserve(table_->size());
+      for (auto const& [p, r] : table_->routes())
+         routes.emplace_back(lpmKey6(p.network), p.len);
+      lpm6_.build(std::move(routes));
    }
 }
 

@@ -54,6 +54,9 @@ public:
    // The table's route for `p` changed: the trie follows it and reports it.
    void fibRouteChanged(GenPrefix const& p);
    size_t memoryBytes() const;
+   // The lookup structures themselves (benchmarks).
+   Lpm4 const& lpm4() const { return lpm4_; }
+   Lpm6 const& lpm6() const { return lpm6_; }
 
 private:
    Mox::Name const name_;

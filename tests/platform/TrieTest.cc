@@ -70,16 +70,17 @@ void checkAgainstReference(uint32_t seed, int routes, int rounds, bool bulk) {
    };
    Lpm t;
    Reference<Key, Bits> ref;
-   if (bulk) t.beginBulk();
-   std::vector<std::pair<int, Key>> initial;
    for (int i = 0; i < routes; ++i)
-      initial.push_back(randRoute());
-   std::sort(initial.begin(), initial.end());
-   for (auto const& r : initial) {
-      t.insert(r.second, r.first);
-      ref.routes.insert(r);
+      ref.routes.insert(randRoute());
+   if (bulk) {
+      std::vector<std::pair<Key, uint8_t>> all;
+      for (auto const& [len, net] : ref.routes)
+         all.emplace_back(net, static_cast<uint8_t>(len));
+      t.build(all);
+   } else {
+      for (auto const& [len, net] : ref.routes)
+         t.insert(net, len);
    }
-   if (bulk) t.endBulk();
    ASSERT_EQ(t.routes(), ref.routes.size());
    probe(t, ref);
    for (int round = 0; round < rounds; ++round) {

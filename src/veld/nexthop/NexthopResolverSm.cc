@@ -151,7 +151,7 @@ bool NexthopResolverSm::isIgnoredRoute(GenPrefix const& prefix) const {
 }
 
 void NexthopResolverSm::reviewNexthopIs(Konet::IpGenAddr const& addr) {
-   reviewNexthop_.insert(addr);
+   if (reviewNexthop_.insert(addr)) reviewQueue_.push_back(addr);
 }
 
 void NexthopResolverSm::scheduleReview() {
@@ -227,8 +227,9 @@ void NexthopResolverSm::handleNexthopReview() {
    auto& task = *reviewNexthopTask_;
    uint32_t count = 0;
    while (!reviewNexthop_.empty()) {
-      auto addr = *reviewNexthop_.begin();
-      reviewNexthop_.erase(reviewNexthop_.begin());
+      auto addr = reviewQueue_.front();
+      reviewQueue_.pop_front();
+      reviewNexthop_.erase(addr);
       processNexthop(addr);
       task.taskWorkCountInc();
       ++count;

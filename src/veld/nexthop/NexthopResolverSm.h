@@ -18,7 +18,7 @@
 // change is walked, and so are /0 and the host prefix of a configured nexthop.
 #pragma once
 
-#include <set>
+#include <deque>
 
 #include "konet/VrfName.h"
 #include "mox/Bolt.h"
@@ -116,7 +116,9 @@ private:
    Mox::Ptr<TrieGen> trie6_;
    NexthopTrie nexthopTrie4_;
    NexthopTrie nexthopTrie6_;
-   std::set<Konet::IpGenAddr> reviewNexthop_;
+   // The review set, in the order of arrival.
+   Mox::HashSet<Konet::IpGenAddr> reviewNexthop_;
+   std::deque<Konet::IpGenAddr> reviewQueue_;
    Mox::HashMap<Konet::IpGenAddr, GenPrefix> matched_;
 };
 
