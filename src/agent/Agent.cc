@@ -24,6 +24,8 @@ Agent::Agent(AgentOptions options) : options_(std::move(options)), mirrors_(loop
 
 Agent::~Agent() {
    // The machines go before the helpers whose entities they watch; the kernel stays.
+   control_.reset();
+   nexthops_.reset();
    ipIntfVrfReactor_ = nullptr;
    vrfRootSm_ = nullptr;
    root_ = nullptr;
@@ -50,6 +52,8 @@ int Agent::start(Configuration const& config) {
    vrfs_->runPending();  // the VRFs' namespaces and statuses before the machines
    buildLibrary();
    mover_ = std::make_unique<IntfNamespaceMover>(e_, mirrors_);
+   nexthops_ = std::make_unique<Nexthops>(e_, loop_, mirrors_, *vrfs_);
+   nexthops_->configIs(writer_->current());
    if (applied && !(*applied == config)) apply(config);
    recordApplied();
    return 0;
@@ -203,6 +207,7 @@ void Agent::buildLibrary() {
 
 ConfigDiff Agent::apply(Configuration const& config) {
    auto diff = writer_->apply(config);
+   if (nexthops_) nexthops_->configIs(config);
    recordApplied();
    Mox::logMessage(Mox::LogSeverity::notice, "VELD-CONFIG",
                    "configuration applied: " + diff.summary());
@@ -276,6 +281,17 @@ int Agent::serve() {
                  (err == EADDRINUSE ? "another veld answers there" : std::strerror(err)));
          return err;
       }
+      // A subscription keeps its connection: its client's changes are pushed there.
+      control_->streamHandlerIs(
+          [this](std::string const& line, int stream) -> std::optional<std::string> {
+             auto parsed = parseControlRequest(line);
+             if (!parsed.request || !parsed.request->subscribe) return std::nullopt;
+             nexthops_->subscriberIs(stream, parsed.request->client);
+             return dumpJson(nlohmann::json{{"subscribed", parsed.request->client}}) + "\n";
+          },
+          [this](int stream) { nexthops_->subscriberDel(stream); });
+      nexthops_->pushIs(
+          [this](int stream, std::string const& text) { control_->push(stream, text); });
    }
    return 0;
 }

@@ -31,6 +31,7 @@
 #include "agent/IntfNamespaceMover.h"
 #include "agent/IntfStatusPublisher.h"
 #include "agent/KernelMirrors.h"
+#include "agent/Nexthops.h"
 #include "agent/VrfNamespaces.h"
 #include "veld/config/IpIntfVrfReactor.h"
 #include "veld/ipv4/IpIntfSm.h"
@@ -68,6 +69,7 @@ public:
    Entities& entities() { return e_; }
    KernelMirrors& mirrors() { return mirrors_; }
    VrfNamespaces& vrfNamespaces() { return *vrfs_; }
+   Nexthops& nexthops() { return *nexthops_; }
 
    // Every configured address is in the kernel and published, every device in its VRF's
    // namespace (up there when its interface is routed), every backlog empty.
@@ -79,6 +81,7 @@ public:
    // The configuration file, what is in force, and the errors of the last reload if it was
    // refused.
    nlohmann::json showConfig() const;
+   nlohmann::json showNexthops(std::string const& vrf) const;
    // Answers one control-socket request line with a JSON document.
    std::string handleRequest(std::string const& line) const;
    static std::string socketPath(std::string const& runDir) { return runDir + "/veld.sock"; }
@@ -105,6 +108,7 @@ private:
    Mox::Ptr<Veld::Root> root_;
    Mox::Ptr<Veld::VrfRootSm> vrfRootSm_;
    Mox::Ptr<Veld::IpIntfVrfReactor> ipIntfVrfReactor_;
+   std::unique_ptr<Nexthops> nexthops_;
    std::unique_ptr<ControlServer> control_;
    Konet::Fd signals_;
    Konet::Fd inotify_;

@@ -58,6 +58,8 @@ std::string configurationToJson(Configuration const& config) {
    for (auto const& [name, v] : config.vrfs) {
       Json j = {{"ipv4Routing", v.ipv4Routing}, {"ipv6Routing", v.ipv6Routing}};
       if (!v.netNs.empty()) j["namespace"] = v.netNs;
+      for (auto const& a : v.nexthops)
+         j["nexthops"].push_back(a.toString());
       vrfs[name.name()] = j;
    }
    doc["vrfs"] = vrfs;

@@ -38,6 +38,8 @@ struct VrfSettings {
    bool ipv6Routing = false;
    // The VRF's network namespace; empty: the agent's default name for the VRF.
    std::string netNs;
+   // Addresses whose resolution through the VRF's routes the agent tracks (client "config").
+   std::set<Konet::IpGenAddr> nexthops;
    friend bool operator==(VrfSettings const&, VrfSettings const&) = default;
 };
 

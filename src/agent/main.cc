@@ -3,7 +3,7 @@
 //    veld run --config FILE [--run-dir DIR] [--trace Facility/level,...]
 //    veld demo [--config FILE] [--trace ...]
 //    veld check FILE
-//    veld show interfaces|vrfs|backlog|config [--json] [--run-dir DIR]
+//    veld show interfaces|vrfs|backlog|config|nexthops [--vrf V] [--json] [--run-dir DIR]
 #include <CLI/CLI.hpp>
 #include <cstdio>
 #include <cstring>
@@ -76,10 +76,15 @@ int run(std::string const& path, std::string const& runDir, std::string const& n
    return 0;
 }
 
-int show(std::string const& what, bool json, std::string const& runDir) {
+int show(std::string const& what, std::string const& vrf, bool json, std::string const& runDir) {
    std::string answer;
    auto path = VeldAgent::Agent::socketPath(runDir);
    auto request = ControlRequest{*showWhatFromName(what)};
+   if (!vrf.empty() && request.show != ShowWhat::nexthops) {
+      std::fprintf(stderr, "veld show: --vrf goes with nexthops only\n");
+      return 1;
+   }
+   request.vrf = vrf;
    if (int err = controlRequest(path, controlRequestText(request), &answer)) {
       std::fprintf(stderr, "veld show: no agent answers at %s: %s\n", path.c_str(),
                    std::strerror(err));
@@ -133,9 +138,11 @@ int main(int argc, char** argv) {
    checkCmd->add_option("file", configPath, "the configuration file")->required();
 
    auto* showCmd = app.add_subcommand("show", "ask a running agent");
-   showCmd->add_option("what", what, "interfaces, vrfs, backlog or config")
+   std::string showVrf;
+   showCmd->add_option("what", what, "interfaces, vrfs, backlog, config or nexthops")
        ->required()
-       ->check(CLI::IsMember({"interfaces", "vrfs", "backlog", "config"}));
+       ->check(CLI::IsMember({"interfaces", "vrfs", "backlog", "config", "nexthops"}));
+   showCmd->add_option("--vrf", showVrf, "nexthops: of this VRF only");
    showCmd->add_flag("--json", json, "print the agent's JSON answer");
    showCmd->add_option("--run-dir", runDir, "the running agent's run directory")
        ->capture_default_str();
@@ -148,5 +155,5 @@ int main(int argc, char** argv) {
    }
    if (*demoCmd) return runDemo(configPath);
    if (*checkCmd) return check(configPath);
-   return show(what, json, runDir);
+   return show(what, showVrf, json, runDir);
 }
