@@ -53,6 +53,9 @@ int Agent::start(Configuration const& config) {
    buildLibrary();
    mover_ = std::make_unique<IntfNamespaceMover>(e_, mirrors_);
    nexthops_ = std::make_unique<Nexthops>(e_, loop_, mirrors_, *vrfs_);
+   nexthops_->pushIs([this](int stream, std::string const& text) {
+      if (control_) control_->push(stream, text);
+   });
    nexthops_->configIs(writer_->current());
    if (applied && !(*applied == config)) apply(config);
    recordApplied();
@@ -285,13 +288,13 @@ int Agent::serve() {
       control_->streamHandlerIs(
           [this](std::string const& line, int stream) -> std::optional<std::string> {
              auto parsed = parseControlRequest(line);
-             if (!parsed.request || !parsed.request->subscribe) return std::nullopt;
+             if (!parsed.request || !parsed.request->subscribe || !nexthops_) return std::nullopt;
              nexthops_->subscriberIs(stream, parsed.request->client);
              return dumpJson(nlohmann::json{{"subscribed", parsed.request->client}}) + "\n";
           },
-          [this](int stream) { nexthops_->subscriberDel(stream); });
-      nexthops_->pushIs(
-          [this](int stream, std::string const& text) { control_->push(stream, text); });
+          [this](int stream) {
+             if (nexthops_) nexthops_->subscriberDel(stream);
+          });
    }
    return 0;
 }
