@@ -9,10 +9,13 @@
 // The control plane is an open-addressing index (prefix -> route id, 4 bytes a slot) over
 // per-route arrays (network and length).
 //
-// Chosen over the alternatives we measured or sized: a full 2^24 first level costs 64 MiB
-// with 32-bit route ids; a one-bit binary trie needs a dependent read per bit; a path-
-// compressed binary trie still ~20 reads for IPv4. Figures (bench_nexthop, 1,000,000 IPv4
-// and 223,000 IPv6 routes, one core): see the closing comment of bench/bench_nexthop.cc.
+// Chosen over the alternatives by size and reads: a full 2^24 first level costs 64 MiB with
+// 32-bit route ids; a one-bit binary trie needs a dependent read per bit; a path-compressed
+// binary trie still about 20 for IPv4. Figures (bench_nexthop, synthetic table of 1,000,000
+// IPv4 and 223,000 IPv6 routes, one core, CPU time on a shared 2-core machine): 21 M IPv4
+// and 7.4 M IPv6 random lookups/s, 0.09 of a binary trie's lookup time, 27 bytes per IPv4
+// route (index and per-route arrays included; 152 per IPv6 route), both tries built from
+// their tables in 0.37 s.
 #pragma once
 
 #include <algorithm>
