@@ -215,9 +215,13 @@ void NexthopResolverSm::handleTrie(Konet::AddressFamily af) {
       MOX_TRACE(th, 5, " trie removed, affected " << cb.count() << " entries");
       return;
    }
-   NexthopTrieCallback cb(this);
-   nexthopTrieOf(af).walkAll(cb);
-   MOX_TRACE(th, 5, " trie created, affected " << cb.count() << " entries");
+   // Every nexthop is reviewed against the new trie; when all of them wait for review
+   // already (the first pass), walking would add nothing.
+   if (reviewNexthop_.size() < nexthopTrie4_.size() + nexthopTrie6_.size()) {
+      NexthopTrieCallback cb(this);
+      nexthopTrieOf(af).walkAll(cb);
+      MOX_TRACE(th, 5, " trie created, affected " << cb.count() << " entries");
+   }
    scheduleReview();
 }
 
