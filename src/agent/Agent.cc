@@ -26,6 +26,8 @@ Agent::~Agent() {
    // The machines go before the helpers whose entities they watch; the kernel stays.
    ribVrfCabinet_ = nullptr;  // leaves the daemons as they are
    ribFiles_.reset();
+   control_.reset();
+   nexthops_.reset();
    ipIntfVrfReactor_ = nullptr;
    vrfRootSm_ = nullptr;
    root_ = nullptr;
@@ -84,6 +86,11 @@ int Agent::start(Configuration const& config) {
       }
    }
    mover_ = std::make_unique<IntfNamespaceMover>(e_, mirrors_);
+   nexthops_ = std::make_unique<Nexthops>(e_, loop_, mirrors_, *vrfs_);
+   nexthops_->pushIs([this](int stream, std::string const& text) {
+      if (control_) control_->push(stream, text);
+   });
+   nexthops_->configIs(writer_->current());
    if (applied && !(*applied == config)) apply(config);
    recordApplied();
    return 0;
@@ -249,6 +256,7 @@ ConfigDiff Agent::apply(Configuration const& config) {
    if (dhcp_) dhcp_->stopUnwanted(config);
    auto diff = writer_->apply(config);
    if (dhcp_) dhcp_->sync(config);
+   if (nexthops_) nexthops_->configIs(config);
    recordApplied();
    Mox::logMessage(Mox::LogSeverity::notice, "VELD-CONFIG",
                    "configuration applied: " + diff.summary());
@@ -322,6 +330,17 @@ int Agent::serve() {
                  (err == EADDRINUSE ? "another veld answers there" : std::strerror(err)));
          return err;
       }
+      // A subscription keeps its connection: its client's changes are pushed there.
+      control_->streamHandlerIs(
+          [this](std::string const& line, int stream) -> std::optional<std::string> {
+             auto parsed = parseControlRequest(line);
+             if (!parsed.request || !parsed.request->subscribe || !nexthops_) return std::nullopt;
+             nexthops_->subscriberIs(stream, parsed.request->client);
+             return dumpJson(nlohmann::json{{"subscribed", parsed.request->client}}) + "\n";
+          },
+          [this](int stream) {
+             if (nexthops_) nexthops_->subscriberDel(stream);
+          });
    }
    return 0;
 }

@@ -35,6 +35,7 @@
 #include "agent/IntfStatusPublisher.h"
 #include "agent/KernelMirrors.h"
 #include "agent/RoutingAgentFiles.h"
+#include "agent/Nexthops.h"
 #include "agent/VrfNamespaces.h"
 #include "veld/config/IpAddrConfigSelectorSm.h"
 #include "veld/config/IpIntfVrfReactor.h"
@@ -77,6 +78,7 @@ public:
    VrfNamespaces& vrfNamespaces() { return *vrfs_; }
    // The DHCP clients; null without a run directory.
    DhcpClients* dhcpClients() { return dhcp_.get(); }
+   Nexthops& nexthops() { return *nexthops_; }
 
    // Every configured address is in the kernel and published, every device in its VRF's
    // namespace (up there when its interface is routed), every backlog empty.
@@ -93,6 +95,7 @@ public:
    nlohmann::json showConfig() const;
    // Each routing daemon configured in a VRF, with its launch state; the switchover flag.
    nlohmann::json showRoutingAgents() const;
+   nlohmann::json showNexthops(std::string const& vrf) const;
    // Answers one control-socket request line with a JSON document.
    std::string handleRequest(std::string const& line) const;
    static std::string socketPath(std::string const& runDir) { return runDir + "/veld.sock"; }
@@ -124,6 +127,7 @@ private:
    Mox::Ptr<Veld::IpIntfVrfReactor> ipIntfVrfReactor_;
    std::unique_ptr<RoutingAgentFiles> ribFiles_;  // with a run directory
    Mox::Ptr<Veld::RibVrfCabinet> ribVrfCabinet_;
+   std::unique_ptr<Nexthops> nexthops_;
    std::unique_ptr<ControlServer> control_;
    Konet::Fd signals_;
    Konet::Fd inotify_;

@@ -311,11 +311,25 @@ Json Agent::showConfig() const {
                {"refusedErrors", refused}};
 }
 
+nlohmann::json Agent::showNexthops(std::string const& vrf) const {
+   return nexthops_ ? nexthops_->show(vrf) : Json{{"nexthops", Json::array()}};
+}
+
 std::string Agent::handleRequest(std::string const& line) const {
    auto parsed = parseControlRequest(line);
    Json out;
    if (!parsed.request) {
       out = Json{{"error", parsed.errors.front().toString()}};
+   } else if (parsed.request->subscribe) {
+      out = Json{{"error", "/subscribe: a subscription needs the agent's control socket"}};
+   } else if (auto const& set = parsed.request->nexthops) {
+      auto const& r = *parsed.request;
+      if (r.client == Nexthops::kConfigClient) {
+         out = Json{{"error", "/nexthops/client: \"config\" is the configuration's own client"}};
+      } else {
+         nexthops_->clientNexthopsIs(r.client, L3::VrfName(r.vrf), *set);
+         out = Json{{"client", r.client}, {"vrf", r.vrf}, {"nexthops", set->size()}};
+      }
    } else {
       if (parsed.request->switchover) {
          // The flag is the agent's to set; the machines that read it follow.
@@ -337,6 +351,8 @@ std::string Agent::handleRequest(std::string const& line) const {
             break;
          case ShowWhat::routingAgents:
             out = showRoutingAgents();
+         case ShowWhat::nexthops:
+            out = showNexthops(parsed.request->vrf);
             break;
       }
    }

@@ -59,6 +59,8 @@ std::string configurationToJson(Configuration const& config) {
       Json j = {{"ipv4Routing", v.ipv4Routing}, {"ipv6Routing", v.ipv6Routing}};
       if (!v.netNs.empty()) j["namespace"] = v.netNs;
       if (!v.routingAgents.empty()) j["routingAgents"] = v.routingAgents;
+      for (auto const& a : v.nexthops)
+         j["nexthops"].push_back(a.toString());
       vrfs[name.name()] = j;
    }
    doc["vrfs"] = vrfs;

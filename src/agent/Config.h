@@ -40,6 +40,8 @@ struct VrfSettings {
    std::string netNs;
    // The routing daemons to run in the VRF ("Bgp", "Ospf", ...).
    std::set<std::string> routingAgents;
+   // Addresses whose resolution through the VRF's routes the agent tracks (client "config").
+   std::set<Konet::IpGenAddr> nexthops;
    friend bool operator==(VrfSettings const&, VrfSettings const&) = default;
 };
 

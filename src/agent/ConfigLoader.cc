@@ -157,6 +157,20 @@ public:
       return a;
    }
 
+   // A nexthop: an address of either family, not a prefix.
+   std::optional<Konet::IpGenAddr> nexthop(Json const& v, std::string const& p) {
+      auto text = string(v, p);
+      if (!text) return std::nullopt;
+      std::string why;
+      auto a = Konet::IpGenAddr::parse(*text, &why);
+      if (!a) {
+         error(p, inQuotes(*text) + " is not an IPv4 or IPv6 address" +
+                      (why.empty() ? std::string() : " (" + why + ")"));
+         return std::nullopt;
+      }
+      return a;
+   }
+
    template <class T, class Read>
    void list(Json const& obj, std::string const& p, char const* key, std::set<T>* out, Read read) {
       optional(obj, p, key, [&](Json const& v, std::string const& vp) {
@@ -326,7 +340,8 @@ char const* vrfNameProblem(std::string_view name) {
 
 void readVrf(Checker& c, Json const& v, std::string const& p, bool isDefault, VrfSettings* out) {
    if (!c.isObject(v, p)) return;
-   c.knownKeys(v, p, {"ipv4Routing", "ipv6Routing", "namespace", "routingAgents"});
+   c.knownKeys(v, p, {"ipv4Routing", "ipv6Routing", "namespace", "routingAgents", "nexthops"});
+   c.list(v, p, "nexthops", &out->nexthops, &Checker::nexthop);
    c.boolean(v, p, "ipv4Routing", &out->ipv4Routing);
    c.boolean(v, p, "ipv6Routing", &out->ipv6Routing);
    c.optional(v, p, "namespace", [&](Json const& n, std::string const& np) {

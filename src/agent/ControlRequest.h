@@ -2,8 +2,11 @@
 // from outside (agent/JsonRead.h), so that no request, however malformed, can stop the
 // agent; a bad one is answered with its error and its place.
 //
-//    {"show": "interfaces"}    also "vrfs", "backlog", "config", "routing-agents"
+//    {"show": "interfaces"}    also "vrfs", "backlog", "config", "routing-agents", "nexthops"
+//    {"show": "nexthops", "vrf": "red"}
 //    {"switchover": true}      sets the switchover flag (false clears it)
+//    {"nexthops": {"client": "bgp", "vrf": "red", "set": ["10.0.0.1", "2001:db8::1"]}}
+//    {"subscribe": "bgp"}      the connection stays open: one JSON line per change
 #pragma once
 
 #include <optional>
@@ -12,18 +15,28 @@
 #include <vector>
 
 #include "agent/JsonRead.h"
+#include "konet/IpAddr.h"
 
 namespace VeldAgent {
 
 // The longest request line the agent reads.
 inline constexpr size_t kMaxRequestBytes = 4096;
 
-enum class ShowWhat { interfaces, vrfs, backlog, config, routingAgents };
+enum class ShowWhat { interfaces, vrfs, backlog, config, routingAgents, nexthops };
 
+// A show (the default), the switchover flag set (switchover present), a client's nexthops
+// of a VRF set (nexthops present), or a subscription to a client's resolution changes
+// (subscribe).
 struct ControlRequest {
+   ControlRequest() = default;
+   explicit ControlRequest(ShowWhat what) : show(what) {}
    ShowWhat show = ShowWhat::interfaces;
    // Set: the request sets the switchover flag to this value (and shows nothing).
    std::optional<bool> switchover;
+   std::string vrf;     // show nexthops of one VRF; the VRF of a nexthops request
+   std::string client;  // of a nexthops request or a subscription
+   bool subscribe = false;
+   std::optional<std::vector<Konet::IpGenAddr>> nexthops;
    friend bool operator==(ControlRequest const&, ControlRequest const&) = default;
 };
 

@@ -75,6 +75,17 @@ void ControlServer::serve(int fd, uint32_t events) {
    auto it = connections_.find(fd);
    if (it == connections_.end()) return;
    auto& c = *it->second;
+   if (c.streaming) {
+      if (events & (EPOLLHUP | EPOLLERR)) return close(fd);
+      if (events & EPOLLIN) {
+         char buf[1024];
+         ssize_t n;
+         while ((n = ::read(fd, buf, sizeof buf)) > 0) {
+         }
+         if (n == 0 || (n < 0 && errno != EAGAIN)) return close(fd);
+      }
+      return flush(fd, c);
+   }
    if (c.out.empty()) {
       char buf[1024];
       ssize_t n = -1;
@@ -85,27 +96,63 @@ void ControlServer::serve(int fd, uint32_t events) {
       if (c.in.size() > kMaxRequestBytes) {
          c.out = "{\"error\": \"request too long\"}\n";
       } else if (auto nl = c.in.find('\n'); nl != std::string::npos || n == 0) {
-         c.out = handler_(c.in.substr(0, nl));
+         auto request = c.in.substr(0, nl);
+         std::optional<std::string> first;
+         if (stream_ && n != 0) first = stream_(request, fd);
+         if (first) {
+            c.streaming = true;
+            c.out = *first;
+            c.in.clear();
+            return flush(fd, c);
+         }
+         c.out = handler_(request);
       } else {
          return;  // more to come
       }
       loop_.modify(fd, EPOLLOUT);
    }
    if (!(events & (EPOLLOUT | EPOLLIN))) return close(fd);
+   flush(fd, c);
+}
+
+void ControlServer::flush(int fd, Connection& c) {
    while (c.sent < c.out.size()) {
       ssize_t n = ::send(fd, c.out.data() + c.sent, c.out.size() - c.sent, MSG_NOSIGNAL);
       if (n < 0) {
-         if (errno == EAGAIN) return;
+         if (errno == EAGAIN) {
+            loop_.modify(fd, c.streaming ? EPOLLIN | EPOLLOUT : EPOLLOUT);
+            return;
+         }
          return close(fd);
       }
       c.sent += static_cast<size_t>(n);
    }
-   close(fd);
+   if (!c.streaming) return close(fd);
+   c.out.clear();
+   c.sent = 0;
+   loop_.modify(fd, EPOLLIN);
+}
+
+bool ControlServer::push(int stream, std::string const& text) {
+   auto it = connections_.find(stream);
+   if (it == connections_.end() || !it->second->streaming) return false;
+   auto& c = *it->second;
+   // A subscriber that stops reading is cut off rather than buffered without end.
+   if (c.out.size() - c.sent > (4u << 20)) {
+      close(stream);
+      return false;
+   }
+   c.out += text;
+   flush(stream, c);
+   return true;
 }
 
 void ControlServer::close(int fd) {
+   auto it = connections_.find(fd);
+   bool streaming = it != connections_.end() && it->second->streaming;
    loop_.remove(fd);
    connections_.erase(fd);
+   if (streaming && ended_) ended_(fd);
 }
 
 int controlRequest(std::string const& path, std::string const& request, std::string* out) {

@@ -186,6 +186,28 @@ std::string renderRoutingAgents(Json const& answer) {
           "\n";
 }
 
+std::string renderNexthops(Json const& answer) {
+   Table t({"VRF", "Client", "Nexthop", "Covering prefix", "Via"});
+   for (auto const& n : answer.at("nexthops")) {
+      std::string via;
+      if (n.at("resolved").get<bool>()) {
+         for (auto const& v : n.at("vias")) {
+            auto gw = v.at("gateway").get<std::string>();
+            auto dev = v.at("device").get<std::string>();
+            std::string one = gw.empty() ? "directly connected" : gw;
+            if (!dev.empty()) one += ", " + dev;
+            via += (via.empty() ? "" : "; ") + one;
+         }
+      }
+      t.row({n.at("vrf").get<std::string>(), n.at("client").get<std::string>(),
+             n.at("nexthop").get<std::string>(),
+             n.at("resolved").get<bool>() ? n.at("prefix").get<std::string>()
+                                          : "unresolved: " + n.at("reason").get<std::string>(),
+             orDash(via)});
+   }
+   return t.render();
+}
+
 std::string renderAnswer(ShowWhat what, Json const& answer) {
    try {
       switch (what) {
@@ -199,6 +221,8 @@ std::string renderAnswer(ShowWhat what, Json const& answer) {
             return renderConfig(answer);
          case ShowWhat::routingAgents:
             return renderRoutingAgents(answer);
+         case ShowWhat::nexthops:
+            return renderNexthops(answer);
       }
    } catch (Json::exception const&) {
    }

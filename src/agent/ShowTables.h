@@ -22,6 +22,7 @@ private:
 };
 
 std::string renderInterfaces(nlohmann::json const& answer);
+std::string renderNexthops(nlohmann::json const& answer);
 std::string renderVrfs(nlohmann::json const& answer);
 std::string renderBacklog(nlohmann::json const& answer);
 std::string renderConfig(nlohmann::json const& answer);

@@ -3,7 +3,8 @@
 //    veld run --config FILE [--run-dir DIR] [--trace Facility/level,...]
 //    veld demo [--config FILE] [--trace ...]
 //    veld check FILE
-//    veld show interfaces|vrfs|backlog|config|routing-agents [--json] [--run-dir DIR]
+//    veld show interfaces|vrfs|backlog|config|routing-agents|nexthops [--vrf V] [--json]
+//              [--run-dir DIR]
 //    veld switchover [--clear] [--run-dir DIR]
 #include <CLI/CLI.hpp>
 #include <cstdio>
@@ -77,10 +78,15 @@ int run(std::string const& path, std::string const& runDir, std::string const& n
    return 0;
 }
 
-int show(std::string const& what, bool json, std::string const& runDir) {
+int show(std::string const& what, std::string const& vrf, bool json, std::string const& runDir) {
    std::string answer;
    auto path = VeldAgent::Agent::socketPath(runDir);
    auto request = showRequest(*showWhatFromName(what));
+   if (!vrf.empty() && request.show != ShowWhat::nexthops) {
+      std::fprintf(stderr, "veld show: --vrf goes with nexthops only\n");
+      return 1;
+   }
+   request.vrf = vrf;
    if (int err = controlRequest(path, controlRequestText(request), &answer)) {
       std::fprintf(stderr, "veld show: no agent answers at %s: %s\n", path.c_str(),
                    std::strerror(err));
@@ -153,9 +159,12 @@ int main(int argc, char** argv) {
    checkCmd->add_option("file", configPath, "the configuration file")->required();
 
    auto* showCmd = app.add_subcommand("show", "ask a running agent");
-   showCmd->add_option("what", what, "interfaces, vrfs, backlog, config or routing-agents")
+   std::string showVrf;
+   showCmd->add_option("what", what, "interfaces, vrfs, backlog, config, routing-agents or nexthops")
        ->required()
-       ->check(CLI::IsMember({"interfaces", "vrfs", "backlog", "config", "routing-agents"}));
+       ->check(CLI::IsMember(
+           {"interfaces", "vrfs", "backlog", "config", "routing-agents", "nexthops"}));
+   showCmd->add_option("--vrf", showVrf, "nexthops: of this VRF only");
    showCmd->add_flag("--json", json, "print the agent's JSON answer");
    showCmd->add_option("--run-dir", runDir, "the running agent's run directory")
        ->capture_default_str();
@@ -176,5 +185,5 @@ int main(int argc, char** argv) {
    if (*demoCmd) return runDemo(configPath);
    if (*checkCmd) return check(configPath);
    if (*ssoCmd) return switchover(!clear, runDir);
-   return show(what, json, runDir);
+   return show(what, showVrf, json, runDir);
 }

@@ -142,6 +142,21 @@ TEST(ConfigLoader, RefusesUnknownAndRepeatedRoutingAgents) {
                          "/vrfs/red/routingAgents/0", "must be a string, not a number"));
 }
 
+TEST(ConfigLoader, ReadsNexthopsAndRefusesBadOnesAtTheirPlace) {
+   auto r = parseConfiguration(R"({"vrfs": {"red": {"nexthops": ["10.0.0.1", "2001:db8::1"]}}})");
+   ASSERT_TRUE(r.config) << r.errors.front().toString();
+   EXPECT_EQ(r.config->vrfs.at(L3::VrfName("red")).nexthops.size(), 2u);
+   auto again = parseConfiguration(configurationToJson(*r.config));
+   ASSERT_TRUE(again.config);
+   EXPECT_EQ(*again.config, *r.config);
+   EXPECT_TRUE(refusedAt(R"({"vrfs": {"red": {"nexthops": ["10.0.0.1", "10.0.0.1"]}}})",
+                         "/vrfs/red/nexthops/1", "listed twice"));
+   EXPECT_TRUE(refusedAt(R"({"vrfs": {"red": {"nexthops": ["10.0.0.0/8"]}}})",
+                         "/vrfs/red/nexthops/0", "not an IPv4 or IPv6 address"));
+   EXPECT_TRUE(refusedAt(R"({"vrfs": {"red": {"nexthops": "10.0.0.1"}}})", "/vrfs/red/nexthops",
+                         "must be an array"));
+}
+
 TEST(ConfigLoader, RefusesConflictsBetweenPlaces) {
    EXPECT_TRUE(refusedAt(intf(R"({"address": "10.0.0.1/24"})", R"(, "vrf": "red")"),
                          "/interfaces/Ethernet1/vrf", "not configured under /vrfs"));

@@ -111,21 +111,51 @@ TEST(ControlRequest, ReadsEachShowAndRefusesTheRestWithItsPlace) {
       EXPECT_FALSE(p.request);
       return p.errors.empty() ? std::string("accepted") : p.errors.front().toString();
    };
-   EXPECT_EQ(
-       refused(R"({"show": "routes"})"),
-       R"(/show: shows one of interfaces, vrfs, backlog, config, routing-agents; not "routes")");
-   EXPECT_EQ(refused(R"({"show": 1})"),
-             "/show: shows one of interfaces, vrfs, backlog, config, routing-agents; not a number");
+   EXPECT_EQ(refused(R"({"show": "routes"})"),
+             R"(/show: shows one of interfaces, vrfs, backlog, config, routing-agents, nexthops; )"
+             R"(not "routes")");
+   EXPECT_EQ(refused(R"({"show": 1})"), "/show: shows one of interfaces, vrfs, backlog, config, "
+                                        "routing-agents, nexthops; not a number");
    EXPECT_EQ(refused(R"({"shout": "vrfs"})"),
-             R"(/shout: unknown request "shout" (known: show, switchover))");
+             R"(/shout: unknown request "shout" (known: show, switchover, nexthops, subscribe))");
    EXPECT_EQ(refused(R"({"switchover": "yes"})"), "/switchover: is true or false, not a string");
-   EXPECT_EQ(refused(R"({"show": "vrfs", "x": 1})").substr(0, 40),
-             "(document): a request is an object with ");
+   EXPECT_EQ(refused(R"({"show": "vrfs", "x": 1})"), R"(/x: unknown member "x")");
    EXPECT_EQ(refused("show interfaces").substr(0, 32), "(document): not valid JSON at li");
    EXPECT_EQ(refused(R"({"show": 1e999})"),
              R"(/show: the number "1e999" is too large (at line 1, column 10))");
    EXPECT_EQ(refused(std::string(kMaxRequestBytes + 1, ' ')),
              "(document): the document is larger than 4096 bytes");
+}
+
+TEST(ControlRequest, NexthopRequestsReadBackAndNameTheirFaults) {
+   for (auto const* line :
+        {R"({"show": "nexthops", "vrf": "red"})", R"({"subscribe": "bgp"})",
+         R"({"nexthops": {"client": "bgp", "vrf": "red", "set": ["10.0.0.1", "2001:db8::1"]}})",
+         R"({"nexthops": {"client": "bgp", "vrf": "red", "set": []}})"}) {
+      auto parsed = parseControlRequest(line);
+      ASSERT_TRUE(parsed.request) << line;
+      auto again = parseControlRequest(controlRequestText(*parsed.request));
+      ASSERT_TRUE(again.request) << line;
+      EXPECT_EQ(*again.request, *parsed.request) << line;
+   }
+   auto set =
+       parseControlRequest(R"({"nexthops": {"client": "b", "vrf": "v", "set": ["10.0.0.1"]}})");
+   ASSERT_TRUE(set.request && set.request->nexthops);
+   EXPECT_EQ(set.request->nexthops->size(), 1u);
+   auto refused = [](std::string_view line) {
+      auto p = parseControlRequest(line);
+      return p.errors.empty() ? std::string("accepted") : p.errors.front().toString();
+   };
+   EXPECT_EQ(refused(R"({"show": "vrfs", "vrf": "red"})"), R"(/vrf: unknown member "vrf")");
+   EXPECT_EQ(refused(R"({"subscribe": "a b"})"),
+             "/subscribe: a client name has letters, digits and -_. only");
+   EXPECT_EQ(
+       refused(R"({"nexthops": {"client": "b", "vrf": "v", "set": ["10.0.0.1", "10.0.0.1"]}})"),
+       R"(/nexthops/set/1: "10.0.0.1" is listed twice)");
+   EXPECT_EQ(refused(R"({"nexthops": {"client": "b", "vrf": "v", "set": ["10.0.0.0/8"]}})"),
+             R"(/nexthops/set/0: "10.0.0.0/8" is not an IPv4 or IPv6 address)");
+   EXPECT_EQ(refused(R"({"nexthops": {"client": "b", "set": []}})"),
+             R"(/nexthops: names its VRF ("vrf"))");
 }
 
 }  // namespace
