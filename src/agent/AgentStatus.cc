@@ -351,6 +351,7 @@ std::string Agent::handleRequest(std::string const& line) const {
             break;
          case ShowWhat::routingAgents:
             out = showRoutingAgents();
+            break;
          case ShowWhat::nexthops:
             out = showNexthops(parsed.request->vrf);
             break;
