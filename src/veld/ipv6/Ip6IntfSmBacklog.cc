@@ -1,0 +1,132 @@
+// Ip6IntfSm: the kernel-work backlog, drained in time-bounded runs inside the VRF's namespace.
+#include <vector>
+
+#include "mox/Trace.h"
+#include "veld/ipv6/Ip6IntfSm.h"
+
+namespace Veld {
+
+namespace {
+Mox::TraceHandle th("VeldIp6");
+}
+
+Ip6IntfSm::KernelUpdateCodefEntry& Ip6IntfSm::entryFor(Konet::IntfId const& intf) {
+   auto [entry, inserted] = ip6IntfKernelUpdateCodefList_.emplace(intf);
+   if (inserted) {
+      entry->intf = intf;
+      if (in_.warpState && ip6IntfKernelUpdateCodefList_.size() == 1) {
+         in_.warpState->backlogEmptyIs(warpKey(), false);
+      }
+   }
+   return *entry;
+}
+
+void Ip6IntfSm::armBacklogTimer() {
+   if (!backlogTimer_ || backlogTimer_->armed()) return;
+   backlogTimer_->timeMinIs(Mox::System::currentTime() + backlogRetryDelay_);
+}
+
+void Ip6IntfSm::doScheduleKernelAddrUpdate(Konet::IntfId const& intf) {
+   MOX_TRACE(th, 7, "doScheduleKernelAddrUpdate for " << intf);
+   auto& entry = entryFor(intf);
+   entry.addrUpdatePending = true;
+   entry.statusUpdatePending = true;
+   entry.procUpdatePending = true;
+   armBacklogTimer();
+}
+
+void Ip6IntfSm::doScheduleKernelProcUpdate(Konet::IntfId const& intf) {
+   MOX_TRACE(th, 7, "doScheduleKernelProcUpdate for " << intf);
+   entryFor(intf).procUpdatePending = true;
+   armBacklogTimer();
+}
+
+void Ip6IntfSm::handleBacklogTimer() { processIp6IntfKernelUpdateCodefList(); }
+
+bool Ip6IntfSm::entryFailed(KernelUpdateCodefEntry& entry, int err, double now) {
+   if (entry.tries == 0) entry.firstFailureTime = now;
+   entry.lastError = err;
+   ++errors_;
+   if (++entry.tries < maxKernelUpdateTries_) return false;
+   std::string text = "Abandoned write, error = " + std::to_string(entry.lastError) + " for " +
+                      entry.intf.name() + " after " + std::to_string(now - entry.firstFailureTime) +
+                      " seconds";
+   MOX_TRACE(th, 0, text);
+   Mox::logMessage(Mox::LogSeverity::warning, "VELD-PROC-ABANDONED", text);
+   entry.tries = 0;
+   return true;
+}
+
+void Ip6IntfSm::runEntry(KernelUpdateCodefEntry& entry) {
+   if (entry.procUpdatePending) {
+      int err = doUpdateProc(entry.intf);
+      if (err == 0) {
+         entry.procUpdatePending = false;
+         entry.tries = 0;
+      } else if (entryFailed(entry, err, Mox::System::currentTime())) {
+         entry.procUpdatePending = false;
+      }
+   }
+   if (entry.addrUpdatePending) {
+      if (!doUpdateKernelAddrIntf(entry.intf)) entry.addrUpdatePending = false;
+   }
+   entry.statusUpdatePending = entry.addrUpdatePending;  // the address update writes the status
+}
+
+// Each entry at most once per run, from the bookmark round to it; an entry deferred in a run
+// waits for the next one.
+void Ip6IntfSm::processIp6IntfKernelUpdateCodefList() {
+   MOX_TRACE_FN(th, " vrf " << in_.vrfName << " entries " << ip6IntfKernelUpdateCodefList_.size());
+   ++runs_;
+   double const start = Mox::System::currentTime();
+   auto& list = ip6IntfKernelUpdateCodefList_;
+   std::vector<Konet::IntfId> order;
+   order.reserve(list.size());
+   auto resume = bookmark_ ? list.at(*bookmark_) : list.begin();
+   for (auto it = resume; it != list.end(); ++it)
+      order.push_back(it->first);
+   for (auto it = list.begin(); it != resume; ++it)
+      order.push_back(it->first);
+   bookmark_.reset();
+   for (size_t i = 0; i < order.size(); ++i) {
+      if (start + backlogSlice_ <= Mox::System::currentTime()) {
+         bookmark_ = order[i];
+         break;
+      }
+      auto* entry = list.find(order[i]);
+      if (!entry) continue;
+      ++itemsProcessed_;
+      {
+         auto inNs = kernelIo().enterNamespace(
+             nsName(), entry->tries ? nullptr : ": Failed to setns to NS: ");
+         if (inNs->ok()) {
+            runEntry(*entry);
+         } else if (entryFailed(*entry, inNs->error(), Mox::System::currentTime())) {
+            *entry = KernelUpdateCodefEntry{.intf = entry->intf};
+         }
+      }
+      entry = list.find(order[i]);
+      if (entry && entry->idle()) list.erase(order[i]);
+   }
+   if (!list.empty()) {
+      backlogTimer_->timeMinIs(Mox::System::currentTime() + backlogRetryDelay_);
+      return;
+   }
+   MOX_TRACE(th, 5, "Backlog queue empty for ip6IntfSm");
+   if (in_.warpState) in_.warpState->backlogEmptyIs(warpKey(), true);
+   backlogTimer_->timeMinIs(Mox::kInfinity);
+}
+
+void Ip6IntfSm::verifyBacklogQueue() {
+   MOX_TRACE_FN(th, " vrf " << in_.vrfName);
+   if (configIntf_.empty()) {
+      MOX_TRACE(th, 5, "No L3 interfaces in ip6IntfSm. Skipping WARP check.");
+      if (in_.warpState) in_.warpState->backlogEmptyIs(warpKey(), true);
+      return;
+   }
+   if (in_.warpState) {
+      in_.warpState->backlogEmptyIs(warpKey(), ip6IntfKernelUpdateCodefList_.empty());
+   }
+}
+
+}  // namespace Veld
