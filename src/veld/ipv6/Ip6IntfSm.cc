@@ -223,6 +223,12 @@ Ip6IntfSm::Ip6IntfSm(Inputs inputs, bool standbyMode)
       r.kniIpState =
           Reactors::on<Reactors::MoxKniIpState>(this, kniRoot_->status()->ipState().table());
    }
+   if (kniRoot_) {
+      auto table = kniRoot_->status()->ipState();
+      for (auto it = table.begin(); it != table.end(); ++it) {
+         if (it.value().key.addr.isV6()) handleAddr(it.value().key);
+      }
+   }
    r.routing = Reactors::on<Reactors::MoxRouting>(this, in_.routingInfoConfig);
    r.ip6Config = Reactors::on<Reactors::MoxIp6Config>(this, in_.ip6Config);
    r.ip6Enable = Reactors::on<Reactors::MoxIp6Enable>(this, in_.ip6Enable);
@@ -375,11 +381,9 @@ void Ip6IntfSm::doUpdateIp6StatusAddr(Konet::IntfId const& intf) {
    }
    if (!write)
       MOX_TRACE(th, 5, "doUpdateIp6StatusAddr Standby Veld skipping larder update for " << intf);
-   auto g = in_.addrMap->genAddr(kniIntf.key);
    Ip6::AddrSet held;
-   if (g) {
-      for (auto const& a : g->addr6Iterator()) {
-         uint32_t flags = g->addr6Flags(a);
+   if (auto const* kernel = kernelAddrs6(kniIntf.key)) {
+      for (auto const& [a, flags] : *kernel) {
          MOX_TRACE(th, 7, a << " addr6flags is 0x" << std::hex << flags << std::dec);
          if (flags & kIfaDadFailed) {
             bool configured = config && (config->addr(a) || config->llAddrWithMask() == a);
@@ -508,6 +512,7 @@ void Ip6IntfSm::handleKernelRecord(KernelNetInfo::InterfaceKey key) {
          intf = in_.kniIntfStatusManager->deviceIntf((*gone)->kniIntf().deviceName);
       }
       kniIntfState_.erase(key);
+      kernelAddrs6_.erase(key);
       // What was written to the device's /proc files went with it.
       for (auto const& i : intfIp6KernelState_.keys()) {
          if (intfIp6KernelState_.find(i)->ifIndex() == key.ifIndex) {
@@ -551,13 +556,13 @@ void Ip6IntfSm::handleAddr(KernelNetInfo::IpKey const& ipKey) {
    bool assigned = state && state->assigned;
    MOX_TRACE_FN(th, " update addr: " << a << " flags: 0x" << std::hex << (state ? state->flags : 0)
                                      << std::dec << " assigned: " << assigned);
-   auto g = in_.addrMap->genAddr(ipKey.intfKey);
    if (assigned) {
-      if (!(g && g->addr6(a))) in_.addrMap->addAddr6(ipKey.intfKey, a);
-      in_.addrMap->updateAddr6Flags(ipKey, state->flags);
-   } else if (g && g->addr6(a)) {
-      in_.addrMap->delAddr6(ipKey.intfKey, a);
+      kernelAddrs6_.emplace(ipKey.intfKey).first->assign(a, state->flags);
+   } else if (auto* held = kernelAddrs6_.find(ipKey.intfKey)) {
+      held->erase(a);
+      if (held->empty()) kernelAddrs6_.erase(ipKey.intfKey);
    }
+   if (!initialized()) return;
    auto intf = in_.kniIntfStatusManager ? in_.kniIntfStatusManager->deviceIntf(rec.deviceName)
                                         : Konet::IntfId();
    if (!intf.empty() && configIntf_.contains(intf)) doScheduleKernelAddrUpdate(intf);

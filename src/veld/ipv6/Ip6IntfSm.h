@@ -52,13 +52,16 @@
 
 namespace Veld {
 
+// The IPv6 addresses the kernel holds on one device, with their flags (IFA_F_*).
+using KernelAddrs6 = Mox::HashMap<Konet::Ip6AddrWithMask, uint32_t>;
+
 // The link-local address of an interface: the configured one, else fe80:: with the modified
 // EUI-64 of the interface (::/64 when it has none).
 Konet::Ip6AddrWithMask ip6LinkLocal(Mox::Ptr<Interface::IntfStatus const> const& intfStatus,
                                     Mox::Ptr<Ip6::IntfConfig const> const& intfConfig);
 Interface::Eui64 toModifiedEui64(Interface::Eui64 eui64);
 bool isEui64Present(Mox::Ptr<Interface::IntfStatus const> const& intfStatus);
-bool linkLocalDadFailed(Mox::Ptr<IntfGenAddr const> const& intfGenAddr);
+bool linkLocalDadFailed(KernelAddrs6 const* kernelAddrs);
 // Joins (add) or leaves the multicast group of `addr` for the interface: the address itself
 // when it is a multicast one, else its solicited-node group. The zero address is ignored.
 void mcaddrUpdate(Konet::IntfId const& intf, Ip6::MulticastGroupsForApplications* groups,
@@ -157,6 +160,10 @@ public:
       return intfIp6KernelState_.find(intf);
    }
    ProcIpv6Set const& procIpv6Set() const { return procIpv6Set_; }
+   // What the kernel holds on a device, as the mirror's events tell (null: nothing).
+   KernelAddrs6 const* kernelAddrs6(KernelNetInfo::InterfaceKey key) const {
+      return kernelAddrs6_.find(key);
+   }
    // The configured addresses that failed DAD, kept out of the kernel until their
    // configuration changes or the link goes down and up.
    bool dadFailed(Konet::IntfId const& intf, Konet::Ip6AddrWithMask const& a) const;
@@ -246,7 +253,9 @@ private:
    ProcIpv6Set procIpv6Set_;
    // DAD failures seen, by interface: the address and whether it was logged.
    Mox::HashMap<Konet::IntfId, Mox::HashSet<Konet::Ip6AddrWithMask>> dadFailed_;
-   Mox::HashMap<Konet::IntfId, bool> running_;  // the device's running state last seen
+   Mox::HashMap<Konet::IntfId, bool> running_;
+   Mox::HashMap<KernelNetInfo::InterfaceKey, KernelAddrs6>
+       kernelAddrs6_;  // the device's running state last seen
    std::optional<Konet::IntfId> bookmark_;
    uint64_t runs_ = 0;
    uint64_t itemsProcessed_ = 0;

@@ -61,9 +61,9 @@ bool isEui64Present(Mox::Ptr<Interface::IntfStatus const> const& intfStatus) {
    return !eui64Absent(intfStatus->eui64());
 }
 
-bool linkLocalDadFailed(Mox::Ptr<IntfGenAddr const> const& intfGenAddr) {
-   if (!intfGenAddr) return false;
-   for (auto const& [a, flags] : intfGenAddr->addr6FlagsIterator()) {
+bool linkLocalDadFailed(KernelAddrs6 const* kernelAddrs) {
+   if (!kernelAddrs) return false;
+   for (auto const& [a, flags] : *kernelAddrs) {
       if (a.addr().isLinkLocal() && (flags & Ip6IntfSm::kIfaDadFailed)) return true;
    }
    return false;
@@ -267,7 +267,14 @@ bool Ip6IntfSm::doUpdateKernelAddrIntf(Konet::IntfId const& intf) {
       MOX_TRACE(th, 5, "Ipv6 not same vrf, returning.");
       return false;
    }
-   if (!config) {
+   if (!configEnable) {
+      // On through the override alone: nothing of the configuration is put on the device,
+      // and what the agent put there goes (its link-local address stays with IPv6).
+      if (auto const* own = in_.ownAddrs ? in_.ownAddrs->addrs(intf) : nullptr) {
+         for (auto const& a : own->keys()) {
+            if (!a.addr().isLinkLocal()) kernelAddrDel(kniIntf, intf, a);
+         }
+      }
       MOX_TRACE(th, 5, "Done handling ipv6 enable override, returning.");
       return false;
    }
@@ -280,17 +287,20 @@ bool Ip6IntfSm::doUpdateKernelAddrIntf(Konet::IntfId const& intf) {
       if (err)
          Mox::logFailure("VELD-NOARP", "Failed to change IFF_NOARP of " + dev + " to enabled", err);
    }
-   auto g = in_.addrMap->genAddrIs(kniIntf.key);
+   static KernelAddrs6 const kNone;
+   auto const* kernel = kernelAddrs6(kniIntf.key);
+   auto const& held = kernel ? *kernel : kNone;
    auto ll = ip6LinkLocal(intfStatus, config);
    MOX_TRACE(th, 6, "New LinkLocal Address: " << ll);
    bool running = kniIntf.running();
    bool haveLl = !ll.addr().isZero();
-   if (haveLl && running && !g->addr6(ll) && !dadFailed(intf, ll)) kernelAddrAdd(kniIntf, intf, ll);
+   if (haveLl && running && !held.contains(ll) && !dadFailed(intf, ll)) {
+      kernelAddrAdd(kniIntf, intf, ll);
+   }
 
    // 8. + 11. The kernel's addresses: SLAAC, configured and foreign ones stay; the agent's
    // own that are no longer configured go.
-   for (auto const& a : g->addr6Iterator().keys()) {
-      uint32_t flags = g->addr6Flags(a);
+   for (auto const& [a, flags] : held) {
       MOX_TRACE(th, 7, "Kernel addr: " << a);
       if (config->addr(a) || a == ll) {
          MOX_TRACE(th, 8, "Continue.Ignore address we expected to be configure");
@@ -317,7 +327,7 @@ bool Ip6IntfSm::doUpdateKernelAddrIntf(Konet::IntfId const& intf) {
    // Own addresses the kernel no longer holds are not own any more.
    if (auto const* own = in_.ownAddrs ? in_.ownAddrs->addrs(intf) : nullptr) {
       for (auto const& a : own->keys()) {
-         if (!config->addr(a) && a != ll && !g->addr6(a)) in_.ownAddrs->addrDel(intf, a);
+         if (!config->addr(a) && a != ll && !held.contains(a)) in_.ownAddrs->addrDel(intf, a);
       }
    }
    if (auto const* failed = dadFailed_.find(intf); failed && writeStatus) {
@@ -343,7 +353,15 @@ bool Ip6IntfSm::doUpdateKernelAddrIntf(Konet::IntfId const& intf) {
    }
 
    // 10. The global addresses.
-   bool llFailed = linkLocalDadFailed(g);
+   bool llFailed = linkLocalDadFailed(kernel);
+   // Global addresses wait until the kernel holds the link-local address and it is through
+   // DAD: the kernel's event about it brings the interface back.
+   auto const* llFlags = haveLl ? held.find(ll) : nullptr;
+   if (!llFailed && haveLl && (!llFlags || (*llFlags & kIfaTentative))) {
+      MOX_TRACE(th, 5, " Deferring adding addresses for " << intf << ": link-local tentative");
+      doUpdateIp6StatusAddr(intf);
+      return false;
+   }
    for (auto const& a : config->addrIterator()) {
       if (a.addr().isLinkLocal()) {
          MOX_TRACE(th, 7, "Ignoring Link local address configured. " << a);
@@ -354,7 +372,7 @@ bool Ip6IntfSm::doUpdateKernelAddrIntf(Konet::IntfId const& intf) {
          MOX_TRACE(th, 5, " link-local DAD failed, not adding config addr to Kernel: " << a);
          continue;
       }
-      if (dadFailed(intf, a) || g->addr6(a)) continue;
+      if (dadFailed(intf, a) || held.contains(a)) continue;
       if (kernelAddrAdd(kniIntf, intf, a) && writeStatus) {
          mcaddrUpdate(intf, in_.multicastGroups.ptr(), a.addr(), true);
       }
