@@ -3,12 +3,13 @@
 //
 //    routing knobs   -> Routing::KernelProtoConfig, Ip::Config (sendRedirects)
 //    each VRF        -> Routing::VrfInfoConfigDir, Routing6::VrfInfoConfigDir, VrfNamespaces
-//    each interface  -> Ip::Config (IpIntfConfig), L3::Intf::ConfigDir (its VRF),
+//    each interface  -> Ip::Config (IpIntfConfig), Ip6::Config (IntfConfig),
+//                       L3::Intf::ConfigDir (its VRF),
 //                       IntfStatusPublisher (forwarding model, device)
 //
 // VRFs are added before the interfaces that use them and removed after. Within an interface
 // every setter is silent when its value is unchanged, so a changed secondary notifies that
-// secondary only. IPv6, DHCP and unnumbered settings are not written yet.
+// secondary only. DHCP and unnumbered settings are not written yet.
 #pragma once
 
 #include "agent/Config.h"
@@ -33,6 +34,8 @@ private:
    void writeVrf(L3::VrfName const& name, VrfSettings const& v);
    void removeVrf(L3::VrfName const& name);
    void writeIntf(Konet::IntfId const& id, InterfaceSettings const& s);
+   void writeIntf6(Konet::IntfId const& id, Ipv6Settings const& v6,
+                   Mox::Ptr<L3::Intf::Config> const& l3);
    void removeIntf(Konet::IntfId const& id, InterfaceSettings const& old);
 
    Entities& e_;

@@ -13,6 +13,7 @@
 #include "platform/L3.h"
 #include "platform/ProxyArp.h"
 #include "platform/Routing.h"
+#include "veld/ipv6/Ip6OwnAddrs.h"
 
 namespace VeldAgent {
 
@@ -42,6 +43,9 @@ struct Entities {
    Mox::Ptr<Ip::AllVrfStatusGlobal> vrfStatusGlobal;
    Mox::Ptr<ProxyArp::VirtualMacStatus> virtualMac;
    Mox::Ptr<Ip6::Ip6Enable> ip6Enable;
+   // The IPv6 addresses the agent added, seeded at start from the configuration it applied
+   // before it stopped.
+   Mox::Ptr<Veld::Ip6OwnAddrs> ip6OwnAddrs;
 
    // What the library writes: per producer, then merged.
    Mox::Ptr<Ip::IpInputStatusDir> ipInputStatus;

@@ -1,6 +1,8 @@
 // The IPv6 machine programming the real kernel: link-local and global addresses, whose
 // addresses are whose, link and IPv6 flaps, DAD failures and autoconfigured addresses.
 #include <gtest/gtest.h>
+#include <linux/netlink.h>
+#include <linux/rtnetlink.h>
 #include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -15,6 +17,39 @@ namespace {
 constexpr uint32_t kDadFailed = Veld::Ip6IntfSm::kIfaDadFailed;
 
 class Ip6IntfSmKernelTest : public Ip6IntfSmFixture {};
+
+// Counts the kernel's IPv6 address additions and deletions on one device, as any netlink
+// listener sees them.
+class AddrListener {
+public:
+   explicit AddrListener(int ifindex) : ifindex_(ifindex) {
+      fd_ = ::socket(AF_NETLINK, SOCK_RAW | SOCK_NONBLOCK | SOCK_CLOEXEC, NETLINK_ROUTE);
+      sockaddr_nl sa{};
+      sa.nl_family = AF_NETLINK;
+      sa.nl_groups = RTMGRP_IPV6_IFADDR;
+      EXPECT_EQ(::bind(fd_, reinterpret_cast<sockaddr*>(&sa), sizeof sa), 0);
+   }
+   ~AddrListener() { ::close(fd_); }
+   // The events since the last call: (additions, deletions).
+   std::pair<int, int> drain() {
+      int added = 0, deleted = 0;
+      alignas(nlmsghdr) char buf[16384];
+      for (ssize_t n; (n = ::recv(fd_, buf, sizeof buf, 0)) > 0;) {
+         for (auto* h = reinterpret_cast<nlmsghdr*>(buf); NLMSG_OK(h, size_t(n));
+              h = NLMSG_NEXT(h, n)) {
+            auto* ifa = static_cast<ifaddrmsg*>(NLMSG_DATA(h));
+            if (int(ifa->ifa_index) != ifindex_) continue;
+            added += h->nlmsg_type == RTM_NEWADDR;
+            deleted += h->nlmsg_type == RTM_DELADDR;
+         }
+      }
+      return {added, deleted};
+   }
+
+private:
+   int fd_ = -1;
+   int ifindex_;
+};
 
 TEST_F(Ip6IntfSmKernelTest, LinkLocalIsTheModifiedEui64AndGlobalsFollowTheConfiguration) {
    auto e1 = addIntf("Ethernet1");
@@ -149,10 +184,12 @@ TEST_F(Ip6IntfSmKernelTest, ARestartKeepsWhatTheAgentAddedAndDeletesOnlyThat) {
    // The same configuration: nothing added, nothing deleted.
    io.ops.clear();
    io.adds = io.dels = 0;
+   AddrListener listener(e1.veth.ifindex);
    restart();
    settle();
    EXPECT_EQ(io.adds, 0);
    EXPECT_EQ(io.dels, 0);
+   EXPECT_EQ(listener.drain(), std::make_pair(0, 0));
    EXPECT_EQ(statusAddrs(e1.id), kernelAddrs(e1.veth.ifindex));
 
    // Changed while the agent was away: its own address goes, the foreign one stays.
