@@ -226,7 +226,7 @@ private:
    KernelUpdateCodefEntry& entryFor(Konet::IntfId const& intf);
    void armBacklogTimer();
    void runEntry(KernelUpdateCodefEntry& entry);
-   bool entryFailed(KernelUpdateCodefEntry& entry, int err, double now);
+   bool entryFailed(KernelUpdateCodefEntry& entry, int err, double now, char const* what);
    int writeSetting(Konet::IntfId const& intf, IntfIp6KernelState& state,
                     IntfIp6KernelState::Setting s, char const* dir, std::string const& dev,
                     char const* file, std::string const& value, std::string const& trace);

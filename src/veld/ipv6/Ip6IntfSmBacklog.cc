@@ -2,6 +2,7 @@
 #include <vector>
 
 #include "mox/Trace.h"
+#include "veld/KernelBacklog.h"
 #include "veld/ipv6/Ip6IntfSm.h"
 
 namespace Veld {
@@ -43,18 +44,8 @@ void Ip6IntfSm::doScheduleKernelProcUpdate(Konet::IntfId const& intf) {
 
 void Ip6IntfSm::handleBacklogTimer() { processIp6IntfKernelUpdateCodefList(); }
 
-bool Ip6IntfSm::entryFailed(KernelUpdateCodefEntry& entry, int err, double now) {
-   if (entry.tries == 0) entry.firstFailureTime = now;
-   entry.lastError = err;
-   ++errors_;
-   if (++entry.tries < maxKernelUpdateTries_) return false;
-   std::string text = "Abandoned write, error = " + std::to_string(entry.lastError) + " for " +
-                      entry.intf.name() + " after " + std::to_string(now - entry.firstFailureTime) +
-                      " seconds";
-   MOX_TRACE(th, 0, text);
-   Mox::logMessage(Mox::LogSeverity::warning, "VELD-PROC-ABANDONED", text);
-   entry.tries = 0;
-   return true;
+bool Ip6IntfSm::entryFailed(KernelUpdateCodefEntry& entry, int err, double now, char const* what) {
+   return backlogEntryFailed(entry, err, now, what, maxKernelUpdateTries_, errors_, th);
 }
 
 void Ip6IntfSm::runEntry(KernelUpdateCodefEntry& entry) {
@@ -63,7 +54,7 @@ void Ip6IntfSm::runEntry(KernelUpdateCodefEntry& entry) {
       if (err == 0) {
          entry.procUpdatePending = false;
          entry.tries = 0;
-      } else if (entryFailed(entry, err, Mox::System::currentTime())) {
+      } else if (entryFailed(entry, err, Mox::System::currentTime(), "write")) {
          entry.procUpdatePending = false;
       }
    }
@@ -80,13 +71,7 @@ void Ip6IntfSm::processIp6IntfKernelUpdateCodefList() {
    ++runs_;
    double const start = Mox::System::currentTime();
    auto& list = ip6IntfKernelUpdateCodefList_;
-   std::vector<Konet::IntfId> order;
-   order.reserve(list.size());
-   auto resume = bookmark_ ? list.at(*bookmark_) : list.begin();
-   for (auto it = resume; it != list.end(); ++it)
-      order.push_back(it->first);
-   for (auto it = list.begin(); it != resume; ++it)
-      order.push_back(it->first);
+   auto order = backlogRunOrder(list, bookmark_);
    bookmark_.reset();
    for (size_t i = 0; i < order.size(); ++i) {
       if (start + backlogSlice_ <= Mox::System::currentTime()) {
@@ -98,10 +83,10 @@ void Ip6IntfSm::processIp6IntfKernelUpdateCodefList() {
       ++itemsProcessed_;
       {
          auto inNs = kernelIo().enterNamespace(
-             nsName(), entry->tries ? nullptr : ": Failed to setns to NS: ");
+             nsName(), entry->tries ? nullptr : "processIp6IntfKernelUpdateCodefList");
          if (inNs->ok()) {
             runEntry(*entry);
-         } else if (entryFailed(*entry, inNs->error(), Mox::System::currentTime())) {
+         } else if (entryFailed(*entry, inNs->error(), Mox::System::currentTime(), "setns")) {
             *entry = KernelUpdateCodefEntry{.intf = entry->intf};
          }
       }
