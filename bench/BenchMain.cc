@@ -3,6 +3,8 @@
 #include <benchmark/benchmark.h>
 
 #include <cstdio>
+#include <cstdlib>
+#include <fstream>
 #include <map>
 #include <string>
 
@@ -44,4 +46,15 @@ int benchMain(int argc, char** argv) {
    benchmark::RunSpecifiedBenchmarks(&reporter);
    benchmark::Shutdown();
    return 0;
+}
+
+void benchIpv6Off() {
+   for (char const* conf : {"all", "default"}) {
+      std::ofstream(std::string("/proc/sys/net/ipv6/conf/") + conf + "/disable_ipv6") << "1";
+   }
+}
+
+void benchProfile(bool on) {
+   static char const* fifo = std::getenv("BENCH_PERF_CTL");
+   if (fifo) std::ofstream(fifo) << (on ? "enable\n" : "disable\n") << std::flush;
 }

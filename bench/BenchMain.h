@@ -4,3 +4,13 @@
 #pragma once
 
 int benchMain(int argc, char** argv);
+
+// Turns IPv6 off in the calling thread's network namespace, for devices made from now on and
+// those already there. The IPv4 benchmarks call it before making their devices: otherwise the
+// kernel's duplicate address detection and multicast reports for thousands of new links run
+// while they measure, and take the RTNL lock from the work being measured.
+void benchIpv6Off();
+
+// Profiling only what is measured: with BENCH_PERF_CTL naming the control FIFO of
+// `perf record --delay=-1 --control=fifo:FIFO`, turns sampling on or off; without it, nothing.
+void benchProfile(bool on);

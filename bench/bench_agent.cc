@@ -74,6 +74,7 @@ World& world() {
          w.problem = std::string("no private namespaces: ") + std::strerror(errno);
          return w;
       }
+      benchIpv6Off();
       ::mkdir(kNetNsDir, 0755);
       ::mount("veldbench", kNetNsDir, "tmpfs", 0, "mode=0755");
       int err = 0;

@@ -44,6 +44,7 @@ string(REPLACE "/etc/veld/" "${CMAKE_INSTALL_FULL_SYSCONFDIR}/veld/" VELD_UNIT_T
 file(GENERATE OUTPUT ${PROJECT_BINARY_DIR}/veld.service CONTENT "${VELD_UNIT_TEXT}")
 install(FILES ${PROJECT_BINARY_DIR}/veld.service DESTINATION lib/systemd/system)
 install(FILES ${PROJECT_SOURCE_DIR}/examples/demo.json ${PROJECT_SOURCE_DIR}/examples/switch.json
+              ${PROJECT_SOURCE_DIR}/examples/dhcp.json
    DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples)
 
 # veld(8), from the program's own --help texts (not in sanitized builds, whose program

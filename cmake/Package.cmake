@@ -17,4 +17,6 @@ if(VELD_DPKG_SHLIBDEPS)
 else()
    set(CPACK_DEBIAN_PACKAGE_DEPENDS "libc6, libstdc++6, libgcc-s1, libmnl0, libnftables1")
 endif()
+# Interfaces configured with `dhcp` need the DHCP client the agent runs.
+set(CPACK_DEBIAN_PACKAGE_RECOMMENDS udhcpc)
 include(CPack)

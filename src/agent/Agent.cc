@@ -27,6 +27,9 @@ Agent::~Agent() {
    ipIntfVrfReactor_ = nullptr;
    vrfRootSm_ = nullptr;
    root_ = nullptr;
+   unnumbered_ = nullptr;
+   addrSelector_ = nullptr;
+   dhcp_.reset();
    mover_.reset();
    control_.reset();
    if (signals_) loop_.remove(signals_.get());
@@ -47,7 +50,12 @@ int Agent::start(Configuration const& config) {
    // meanwhile (an interface, a VRF) is taken out of the kernel like any other change.
    auto applied = appliedBefore();
    if (applied) seedIp6OwnAddrs(*applied);
+   if (!options_.runDir.empty()) {
+      dhcp_ = std::make_unique<DhcpClients>(loop_, e_, mirrors_, *vrfs_, options_.runDir);
+      if (dhcp_->start() != 0) dhcp_.reset();
+   }
    writer_->apply(applied ? *applied : config);
+   if (dhcp_) dhcp_->sync(applied ? *applied : config);
    vrfs_->runPending();  // the VRFs' namespaces and statuses before the machines
    buildLibrary();
    mover_ = std::make_unique<IntfNamespaceMover>(e_, mirrors_);
@@ -104,6 +112,11 @@ void Agent::buildLibrary() {
    auto const defaultNs = Konet::NamespaceName::defaultNamespace();
    auto const defaultVrf = L3::VrfName::defaultVrf();
    Mox::Ptr<KernelNetInfo::Status const> kni = mirrors_.mirror(defaultNs)->status();
+
+   // The address selection first: the IPv4 configuration that the machines below read is
+   // complete, with every primary address from its source, before they start.
+   addrSelector_ = Veld::IpAddrConfigSelectorSmIs(e_.cliIpConfig, e_.dhclientStatus,
+                                                  e_.lenderToBorrowers, e_.ipConfig);
 
    root_ = Veld::rootFactory();
    root_->schedulerIs(e_.scheduler);
@@ -177,6 +190,9 @@ void Agent::buildLibrary() {
                        .ownAddrs = e_.ip6OwnAddrs},
                       false);
    root_->ipIntfStatusSmIs(e_.ipInputStatus, e_.ipConfig, e_.ipStatus);
+   // Borrowers follow their lenders' published status.
+   unnumbered_ = Veld::IpUnnumbered::IpIntfSmIs(e_.ipStatus);
+   unnumbered_->lenderToBorrowersStatusIs(e_.lenderToBorrowers);
    root_->l3IntfStatusSmIs(e_.l3InputStatus, e_.l3Status);
    root_->loopbackIntfSmIs({.loopbackIntfConfigDir = e_.loopbackConfig,
                             .allIntfNamespaceConfigDir = e_.intfNamespaceConfig,
@@ -237,8 +253,12 @@ void Agent::buildLibrary() {
        Veld::IpIntfVrfReactorIs(e_.ipConfig, e_.vrfStatusLocal, e_.intfNamespaceConfig);
 }
 
+// DHCP clients leave before the configuration changes (an address taken away first, so
+// that the new source writes last) and come after it (their VRF's namespace known).
 ConfigDiff Agent::apply(Configuration const& config) {
+   if (dhcp_) dhcp_->stopUnwanted(config);
    auto diff = writer_->apply(config);
+   if (dhcp_) dhcp_->sync(config);
    recordApplied();
    Mox::logMessage(Mox::LogSeverity::notice, "VELD-CONFIG",
                    "configuration applied: " + diff.summary());

@@ -26,16 +26,19 @@
 #include "agent/ConfigWriter.h"
 #include "agent/ControlRequest.h"
 #include "agent/ControlServer.h"
+#include "agent/DhcpClients.h"
 #include "agent/Entities.h"
 #include "agent/EventLoop.h"
 #include "agent/IntfNamespaceMover.h"
 #include "agent/IntfStatusPublisher.h"
 #include "agent/KernelMirrors.h"
 #include "agent/VrfNamespaces.h"
+#include "veld/config/IpAddrConfigSelectorSm.h"
 #include "veld/config/IpIntfVrfReactor.h"
 #include "veld/ipv4/IpIntfSm.h"
 #include "veld/root/Root.h"
 #include "veld/root/VrfRootSm.h"
+#include "veld/unnumbered/IpIntfSm.h"
 
 namespace VeldAgent {
 
@@ -68,12 +71,17 @@ public:
    Entities& entities() { return e_; }
    KernelMirrors& mirrors() { return mirrors_; }
    VrfNamespaces& vrfNamespaces() { return *vrfs_; }
+   // The DHCP clients; null without a run directory.
+   DhcpClients* dhcpClients() { return dhcp_.get(); }
 
    // Every configured address is in the kernel and published, every device in its VRF's
    // namespace (up there when its interface is routed), every backlog empty.
    bool converged() const;
 
    nlohmann::json showInterfaces() const;
+   // Where an interface's primary address comes from: configured, DHCP (with the lease's
+   // time left) or borrowed from its lender.
+   nlohmann::json addressSource(Konet::IntfId const& id, InterfaceSettings const& s) const;
    nlohmann::json showVrfs() const;
    nlohmann::json showBacklog() const;
    // The configuration file, what is in force, and the errors of the last reload if it was
@@ -103,6 +111,9 @@ private:
    std::unique_ptr<IntfStatusPublisher> intfs_;
    std::unique_ptr<ConfigWriter> writer_;
    std::unique_ptr<IntfNamespaceMover> mover_;
+   std::unique_ptr<DhcpClients> dhcp_;
+   Mox::Ptr<Veld::IpAddrConfigSelectorSm> addrSelector_;
+   Mox::Ptr<Veld::IpUnnumbered::IpIntfSm> unnumbered_;
    Mox::Ptr<Veld::Root> root_;
    Mox::Ptr<Veld::VrfRootSm> vrfRootSm_;
    Mox::Ptr<Veld::IpIntfVrfReactor> ipIntfVrfReactor_;

@@ -11,9 +11,11 @@ using Json = nlohmann::json;
 
 namespace {
 
-std::set<Konet::IpAddrWithMask> configuredV4(InterfaceSettings const& s) {
+// The configured addresses, with the primary from its source (`primary`, 0.0.0.0/0: none).
+std::set<Konet::IpAddrWithMask> configuredV4(InterfaceSettings const& s,
+                                             Konet::IpAddrWithMask primary) {
    std::set<Konet::IpAddrWithMask> out(s.ipv4.secondaries);
-   if (s.ipv4.address) out.insert(*s.ipv4.address);
+   if (primary.len()) out.insert(primary);
    if (s.ipv4.virtualAddress) out.insert(*s.ipv4.virtualAddress);
    out.insert(s.ipv4.virtualSecondaries.begin(), s.ipv4.virtualSecondaries.end());
    return out;
@@ -105,7 +107,9 @@ bool Agent::converged() const {
       auto const* mirror = mirrors_.mirror(ns);
       auto rec = mirror ? mirror->status()->interfaceByName(s.device) : KernelNetInfo::Interface();
       if (s.routed && !(rec.flags & KernelNetInfo::kIffUp)) return false;
-      auto want = configuredV4(s);
+      auto selected = e_.ipConfig->ipIntfConfig(id);
+      auto primary = selected ? selected->addrWithMask() : Konet::IpAddrWithMask();
+      auto want = configuredV4(s, primary);
       auto const& held = kernel[ns][s.device];
       auto ip = e_.ipStatus->intf(id);
       // Where no address belongs (a bridge port, a device without carrier), the kernel and
@@ -120,16 +124,35 @@ bool Agent::converged() const {
          continue;
       }
       if (held != want || !ip) return false;
-      if (ip->addrWithMask() != s.ipv4.address.value_or(Konet::IpAddrWithMask())) return false;
+      if (ip->addrWithMask() != primary) return false;
       // The configured primary is the kernel's primary of its subnet, not one of its
       // secondaries.
-      if (s.ipv4.address && secondaries[ns][s.device].count(*s.ipv4.address)) return false;
+      if (primary.len() && secondaries[ns][s.device].count(primary)) return false;
       if (ip->activeSecondaryWithMaskIterator().size() != s.ipv4.secondaries.size()) return false;
       for (auto const& a : s.ipv4.secondaries) {
          if (!ip->activeSecondaryWithMask(a)) return false;
       }
    }
    return true;
+}
+
+Json Agent::addressSource(Konet::IntfId const& id, InterfaceSettings const& s) const {
+   Json j;
+   if (s.ipv4.unnumbered) {
+      j["source"] = "unnumbered";
+      j["lender"] = s.ipv4.unnumbered->name();
+   } else if (s.ipv4.dhcp) {
+      j["source"] = "dhcp";
+      auto lease = dhcp_ ? dhcp_->show(id) : Json();
+      j["pending"] = lease.is_null() || lease.value("pending", true);
+      if (!lease.is_null() && lease.contains("leaseSecondsLeft")) {
+         j["leaseSecondsLeft"] = lease.at("leaseSecondsLeft");
+      }
+      if (!lease.is_null()) j["clientPid"] = lease.at("pid");
+   } else {
+      j["source"] = "configured";
+   }
+   return j;
 }
 
 Json Agent::showInterfaces() const {
@@ -159,6 +182,7 @@ Json Agent::showInterfaces() const {
       conf["directedBroadcast"] = s.ipv4.directedBroadcast;
       conf["attachedRoutes"] = s.ipv4.attachedRoutes;
       j["configured"] = conf;
+      j["addressSource"] = addressSource(id, s);
       if (auto ip = e_.ipStatus->intf(id)) {
          Json st;
          st["address"] = ip->addrWithMask().len() ? ip->addrWithMask().toString() : "";

@@ -4,9 +4,6 @@
 // writes the library's input entities; nothing else reads the file. Loading refuses the
 // whole document on the first class of problem it finds in each place and reports every
 // place, each with its JSON pointer (RFC 6901: "/interfaces/Ethernet3~11/ipv4/address").
-//
-// Settings that later work wires (DHCP, unnumbered) are validated and kept here, but not
-// written to the library yet.
 #pragma once
 
 #include <cstdint>
@@ -58,7 +55,7 @@ struct Ipv4Settings {
    uint16_t mssEgress = 0;
    bool directedBroadcast = false;
    bool attachedRoutes = true;
-   // Kept, not applied yet.
+   // The primary address from DHCP, or borrowed from another interface (the lender).
    bool dhcp = false;
    std::optional<Konet::IntfId> unnumbered;
    friend bool operator==(Ipv4Settings const&, Ipv4Settings const&) = default;

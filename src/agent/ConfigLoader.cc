@@ -503,9 +503,25 @@ void checkAcross(Checker& c, Configuration const& config) {
       if (!config.vrfs.count(s.vrf)) {
          c.error(at(p, "vrf"), "VRF " + inQuotes(s.vrf.name()) + " is not configured under /vrfs");
       }
-      if (s.ipv4.unnumbered && !config.interfaces.count(*s.ipv4.unnumbered)) {
-         c.error(at(at(p, "ipv4"), "unnumbered"),
-                 "interface " + inQuotes(s.ipv4.unnumbered->name()) + " is not configured");
+      if (s.ipv4.unnumbered) {
+         // One level of borrowing: a lender has an address of its own, and a borrower lends
+         // to nobody.
+         std::string up = at(at(p, "ipv4"), "unnumbered");
+         auto lender = config.interfaces.find(*s.ipv4.unnumbered);
+         if (lender == config.interfaces.end()) {
+            c.error(up, "interface " + inQuotes(s.ipv4.unnumbered->name()) + " is not configured");
+         } else if (lender->first == id) {
+            c.error(up, "an interface cannot borrow its own address");
+         } else if (lender->second.ipv4.unnumbered) {
+            c.error(up, "interface " + inQuotes(lender->first.name()) +
+                            " is unnumbered itself and has no address to lend");
+         }
+         for (auto const& [other, o] : config.interfaces) {
+            if (other == id || !o.ipv4.unnumbered || !(*o.ipv4.unnumbered == id)) continue;
+            c.error(up, "an interface that lends its address (to " + inQuotes(other.name()) +
+                            ") cannot borrow one");
+            break;
+         }
       }
       std::vector<std::pair<Konet::IpAddrWithMask, std::string>> own;
       std::string ip = at(p, "ipv4");

@@ -74,8 +74,15 @@ void ConfigWriter::writeIntf(Konet::IntfId const& id, InterfaceSettings const& s
    l3->vrfIs(s.vrf);
    // The status first: the machines meet the configuration with its device known.
    intfs_.intfIs(id, s);
-   auto c = e_.ipConfig->ipIntfConfigIs(id);
+   auto c = e_.cliIpConfig->ipIntfConfigIs(id);
    auto const& v4 = s.ipv4;
+   // The source first: the address selection then takes the address from it.
+   c->addrSourceIs(v4.dhcp         ? Ip::AddrSource::dhcp
+                   : v4.unnumbered ? Ip::AddrSource::none
+                                   : Ip::AddrSource::cli);
+   c->configSourceIs(v4.dhcp         ? Ip::ConfigSource::dhcp
+                     : v4.unnumbered ? Ip::ConfigSource::unnumbered
+                                     : Ip::ConfigSource::cli);
    c->addrWithMaskIs(v4.address.value_or(Konet::IpAddrWithMask()));
    syncSet(
        v4.secondaries, c->secondaryWithMaskIterator(),
@@ -95,7 +102,10 @@ void ConfigWriter::writeIntf(Konet::IntfId const& id, InterfaceSettings const& s
    c->maxMssIngressIs(v4.mssIngress);
    c->maxMssEgressIs(v4.mssEgress);
    c->directedBroadcastEnabledIs(v4.directedBroadcast);
-   c->attachedRoutesIs(v4.attachedRoutes);
+   // A borrower carries its lender's address without the lender's subnet route: the subnet
+   // is reached through the lender.
+   c->attachedRoutesIs(v4.attachedRoutes && !v4.unnumbered);
+   c->unnumberedIntfIdIs(v4.unnumbered.value_or(Konet::IntfId()));
    c->l3ConfigIs(l3);
    writeIntf6(id, s.ipv6, l3);
 }
@@ -119,7 +129,7 @@ void ConfigWriter::writeIntf6(Konet::IntfId const& id, Ipv6Settings const& v6,
 
 void ConfigWriter::removeIntf(Konet::IntfId const& id, InterfaceSettings const& old) {
    MOX_TRACE_FN(th, id);
-   e_.ipConfig->ipIntfConfigDel(id);
+   e_.cliIpConfig->ipIntfConfigDel(id);
    e_.ip6Config->intfDel(id);
    e_.l3Config->intfConfigDel(id);
    intfs_.intfDel(id, old);

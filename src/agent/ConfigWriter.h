@@ -3,13 +3,14 @@
 //
 //    routing knobs   -> Routing::KernelProtoConfig, Ip::Config (sendRedirects)
 //    each VRF        -> Routing::VrfInfoConfigDir, Routing6::VrfInfoConfigDir, VrfNamespaces
-//    each interface  -> Ip::Config (IpIntfConfig), Ip6::Config (IntfConfig),
-//                       L3::Intf::ConfigDir (its VRF),
+//    each interface  -> the command line's Ip::Config (IpIntfConfig, with its address
+//                       source and lender), Ip6::Config (IntfConfig), L3::Intf::ConfigDir
+//                       (its VRF),
 //                       IntfStatusPublisher (forwarding model, device)
 //
 // VRFs are added before the interfaces that use them and removed after. Within an interface
 // every setter is silent when its value is unchanged, so a changed secondary notifies that
-// secondary only. DHCP and unnumbered settings are not written yet.
+// secondary only. DHCP clients are DhcpClients' work.
 #pragma once
 
 #include "agent/Config.h"

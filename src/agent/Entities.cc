@@ -9,7 +9,10 @@ Entities::Entities()
       scheduler(make<Bolt::TaskScheduler>()),
       timerWheel(make<Bolt::TimerWheel>()),
       clock(make<Mox::Clock>()),
+      cliIpConfig(make<Ip::Config>()),
       ipConfig(make<Ip::Config>()),
+      dhclientStatus(make<Dhclient::Status>()),
+      lenderToBorrowers(make<Veld::IpUnnumbered::LenderToBorrowersStatus>()),
       ip6Config(make<Ip6::Config>()),
       l3Config(make<L3::Intf::ConfigDir>()),
       routingVrfConfig(make<Routing::VrfInfoConfigDir>()),
@@ -53,7 +56,10 @@ Entities::Entities()
    routingHardware->urpfSupportedIs(false);
 
    auto& l = *larder;
+   l.entityIs("ip/config/cli", cliIpConfig);
    l.entityIs("ip/config", ipConfig);
+   l.entityIs("dhclient/status", dhclientStatus);
+   l.entityIs("ip/unnumbered/status", lenderToBorrowers);
    l.entityIs("ip6/config", ip6Config);
    l.entityIs("l3/intf/config", l3Config);
    l.entityIs("routing/vrf/config", routingVrfConfig);

@@ -7,6 +7,7 @@
 #include "mox/Bolt.h"
 #include "mox/Larder.h"
 #include "platform/Agent.h"
+#include "platform/Dhclient.h"
 #include "platform/Interface.h"
 #include "platform/Ip.h"
 #include "platform/Ip6.h"
@@ -14,6 +15,7 @@
 #include "platform/ProxyArp.h"
 #include "platform/Routing.h"
 #include "veld/ipv6/Ip6OwnAddrs.h"
+#include "veld/unnumbered/LenderToBorrowersStatus.h"
 
 namespace VeldAgent {
 
@@ -25,8 +27,13 @@ struct Entities {
    Mox::Ptr<Bolt::TimerWheel> timerWheel;
    Mox::Ptr<Mox::Clock> clock;
 
-   // Configuration.
+   // Configuration. The interfaces' IPv4 configuration is written to cliIpConfig; the
+   // address selection copies it to ipConfig, which the rest of the library reads, with each
+   // primary address from its source (the command line, DHCP or a lender).
+   Mox::Ptr<Ip::Config> cliIpConfig;
    Mox::Ptr<Ip::Config> ipConfig;
+   Mox::Ptr<Dhclient::Status> dhclientStatus;  // written by DhcpClients
+   Mox::Ptr<Veld::IpUnnumbered::LenderToBorrowersStatus> lenderToBorrowers;
    Mox::Ptr<Ip6::Config> ip6Config;
    Mox::Ptr<L3::Intf::ConfigDir> l3Config;
    Mox::Ptr<Routing::VrfInfoConfigDir> routingVrfConfig;  // the default VRF's entry always exists

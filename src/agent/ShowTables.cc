@@ -60,11 +60,23 @@ std::string settings(Json const& i) {
    return out;
 }
 
+// Where the primary address comes from: "configured", "dhcp, 3580 s left", "dhcp, pending",
+// "borrowed from Loopback0".
+std::string sourceOf(Json const& i) {
+   if (!i.contains("addressSource")) return "";
+   auto const& src = i.at("addressSource");
+   auto source = src.value("source", "");
+   if (source == "unnumbered") return "borrowed from " + src.value("lender", "");
+   if (source != "dhcp") return source;
+   if (src.value("pending", true)) return "dhcp, pending";
+   return "dhcp, " + std::to_string(src.value("leaseSecondsLeft", 0)) + " s left";
+}
+
 }  // namespace
 
 std::string renderInterfaces(Json const& answer) {
-   Table t({"Interface", "VRF", "Device", "Namespace", "Link", "MTU", "Primary", "Secondaries",
-            "Kernel", "Settings"});
+   Table t({"Interface", "VRF", "Device", "Namespace", "Link", "MTU", "Primary", "Source",
+            "Secondaries", "Kernel", "Settings"});
    for (auto const& i : answer.at("interfaces")) {
       std::string primary, secondaries, kernel;
       auto const& st = i.at("status");
@@ -117,7 +129,7 @@ std::string renderInterfaces(Json const& answer) {
       t.row({i.at("interface").get<std::string>(), i.at("vrf").get<std::string>(),
              i.at("device").get<std::string>(), orDash(i.at("namespace").get<std::string>()),
              i.at("operUp").get<bool>() ? "up" : "down", std::to_string(i.at("mtu").get<int>()),
-             primary, orDash(secondaries), kernel, orDash(settings(i))});
+             primary, orDash(sourceOf(i)), orDash(secondaries), kernel, orDash(settings(i))});
    }
    return t.render();
 }

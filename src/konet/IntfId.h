@@ -39,6 +39,8 @@ private:
 };
 
 std::ostream& operator<<(std::ostream& os, IntfId const& id);
+// What traces record of it (mox/TraceArg.h): what it prints.
+inline std::string_view traceText(IntfId const& id) { return id.name(); }
 
 }  // namespace Konet
 

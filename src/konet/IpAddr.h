@@ -16,6 +16,7 @@
 #include <string_view>
 
 #include "konet/AddressFamily.h"
+#include "mox/TraceArg.h"
 
 namespace Konet {
 
@@ -115,6 +116,18 @@ private:
 std::ostream& operator<<(std::ostream& os, IpAddr a);
 std::ostream& operator<<(std::ostream& os, Ip6Addr const& a);
 std::ostream& operator<<(std::ostream& os, IpGenAddr const& a);
+
+}  // namespace Konet
+
+// Addresses are all in their bytes: traces keep them so until a dump prints them.
+template <>
+inline constexpr bool Mox::traceByValue<Konet::IpAddr> = true;
+template <>
+inline constexpr bool Mox::traceByValue<Konet::Ip6Addr> = true;
+template <>
+inline constexpr bool Mox::traceByValue<Konet::IpGenAddr> = true;
+
+namespace Konet {
 
 // Mixes a 64-bit value for hash tables whose keys are addresses (consecutive addresses
 // must spread over buckets).

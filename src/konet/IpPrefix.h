@@ -14,6 +14,7 @@
 #include <string_view>
 
 #include "konet/IpAddr.h"
+#include "mox/TraceArg.h"
 
 namespace Konet {
 
@@ -112,6 +113,15 @@ std::ostream& operator<<(std::ostream& os, Prefix const& p);
 std::ostream& operator<<(std::ostream& os, Ip6Prefix const& p);
 
 }  // namespace Konet
+
+template <>
+inline constexpr bool Mox::traceByValue<Konet::IpAddrWithMask> = true;
+template <>
+inline constexpr bool Mox::traceByValue<Konet::Ip6AddrWithMask> = true;
+template <>
+inline constexpr bool Mox::traceByValue<Konet::Prefix> = true;
+template <>
+inline constexpr bool Mox::traceByValue<Konet::Ip6Prefix> = true;
 
 template <>
 struct std::hash<Konet::IpAddrWithMask> {

@@ -42,6 +42,7 @@ private:
 };
 
 std::ostream& operator<<(std::ostream& os, NamespaceName const& ns);
+inline std::string_view traceText(NamespaceName const& ns) { return ns.name(); }
 
 }  // namespace Konet
 

@@ -37,6 +37,7 @@ private:
 };
 
 std::ostream& operator<<(std::ostream& os, VrfName const& v);
+inline std::string_view traceText(VrfName const& v) { return v.name(); }
 
 }  // namespace L3
 

@@ -41,7 +41,19 @@ int makeNetNsDirShared() {
 
 Fd getns() { return Fd(::open("/proc/thread-self/ns/net", O_RDONLY | O_CLOEXEC)); }
 
-int setns(int fd) { return ::setns(fd, CLONE_NEWNET) == 0 ? 0 : errno; }
+namespace {
+thread_local uint64_t moves = 0;
+thread_local ProcSysDirCache* procSysDir = nullptr;
+}  // namespace
+
+int setns(int fd) {
+   ++moves;  // a failed setns may still have moved the thread: count it too
+   return ::setns(fd, CLONE_NEWNET) == 0 ? 0 : errno;
+}
+
+uint64_t netNsMoves() { return moves; }
+
+ProcSysDirCache* procSysDirCache() { return procSysDir; }
 
 int openNamedNamespace(NamespaceName const& name, Fd* out) {
    if (int rc = checkNamespaceName(name.name())) return rc;
@@ -93,7 +105,9 @@ int deleteNamedNamespace(NamespaceName const& name) {
    return ::unlink(path.c_str()) == 0 ? 0 : errno;
 }
 
-ScopedNetNs::ScopedNetNs(NamespaceName const& ns, char const* caller) {
+ScopedNetNs::ScopedNetNs(NamespaceName const& ns, char const* caller)
+    : outerProcSysDir_(procSysDir) {
+   procSysDir = &procSysDir_;
    if (ns.isDefault()) return;
    saved_ = getns();
    error_ = saved_ ? setnsByName(ns) : errno;
@@ -106,6 +120,7 @@ ScopedNetNs::ScopedNetNs(NamespaceName const& ns, char const* caller) {
 }
 
 ScopedNetNs::~ScopedNetNs() {
+   procSysDir = outerProcSysDir_;
    if (!saved_) return;
    if (int rc = setns(saved_.get()); rc != 0) {
       std::fprintf(stderr, "ScopedNetNs: cannot return to the saved namespace (err: %d)\n", rc);

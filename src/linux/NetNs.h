@@ -12,6 +12,9 @@
 // a path: an unsafe name is EINVAL.
 #pragma once
 
+#include <cstdint>
+#include <string>
+
 #include "konet/NamespaceName.h"
 #include "linux/Fd.h"
 
@@ -23,6 +26,20 @@ inline constexpr char kNetNsDir[] = "/run/netns";
 Fd getns();
 // Moves the calling thread into the namespace of `fd` (from getns or openNamedNamespace).
 int setns(int fd);
+// Counts the calling thread's moves between namespaces through this layer: what was opened
+// under /proc/sys/net at one count belongs to the namespace the thread is in while the
+// count stays the same.
+uint64_t netNsMoves();
+
+// The /proc/sys/net directory that the thread wrote in last (ProcSys.cc), kept only while a
+// ScopedNetNs holds the thread in one namespace.
+struct ProcSysDirCache {
+   std::string path;  // with its trailing '/'
+   uint64_t moves = 0;
+   Fd fd;
+};
+// The innermost ScopedNetNs's cache of the calling thread; null outside every scope.
+ProcSysDirCache* procSysDirCache();
 // Moves the calling thread into the named namespace. The default names have no file: they
 // are EINVAL here (ScopedNetNs treats them as "stay").
 int setnsByName(NamespaceName const& name);
@@ -59,6 +76,8 @@ public:
 private:
    Fd saved_;
    int error_ = 0;
+   ProcSysDirCache procSysDir_;
+   ProcSysDirCache* outerProcSysDir_;
 };
 
 }  // namespace Konet

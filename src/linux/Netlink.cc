@@ -2,6 +2,7 @@
 
 #include <sys/socket.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <cstring>
@@ -109,6 +110,59 @@ int netlinkRequest(int sock, nlmsghdr* nlh, mnl_cb_t cb, void* data) {
       int rc = mnl_cb_run(rxBuf, len, seq, 0, cb, data);
       if (rc == MNL_CB_ERROR) return errno ? errno : EPROTO;
       if (rc == MNL_CB_STOP) return 0;
+   }
+}
+
+void netlinkRequestAll(int sock, std::vector<NetlinkBuf>& requests, std::vector<int>* results) {
+   // A datagram's acknowledgements wait in the socket's receive buffer until read: a few
+   // dozen fit in any buffer, whatever its size.
+   constexpr size_t kPerDatagram = 32;
+   results->assign(requests.size(), 0);
+   alignas(nlmsghdr) static thread_local char txBuf[kPerDatagram * sizeof(NetlinkBuf)];
+   uint32_t seqs[kPerDatagram];
+   for (size_t first = 0; first < requests.size(); first += kPerDatagram) {
+      size_t count = std::min(kPerDatagram, requests.size() - first);
+      size_t len = 0;
+      for (size_t i = 0; i < count; ++i) {
+         nlmsghdr* nlh = requests[first + i].header();
+         nlh->nlmsg_seq = seqs[i] = nextNetlinkSeq();
+         std::memcpy(txBuf + len, nlh, nlh->nlmsg_len);
+         len += MNL_ALIGN(nlh->nlmsg_len);
+      }
+      bool answered[kPerDatagram] = {};
+      // The exchange failed: whatever is not answered yet failed with it.
+      auto fail = [&](int err) {
+         for (size_t i = first; i < requests.size(); ++i) {
+            if (i >= first + count || !answered[i - first]) (*results)[i] = err;
+         }
+      };
+      ssize_t sent;
+      do {
+         sent = ::send(sock, txBuf, len, 0);
+      } while (sent < 0 && errno == EINTR);
+      if (sent < 0) return fail(errno);
+      if (static_cast<size_t>(sent) != len) return fail(EIO);
+      for (size_t open = count; open;) {
+         ssize_t n = ::recv(sock, rxBuf, kRxBufSize, 0);
+         if (n < 0) {
+            if (errno == EINTR) continue;
+            return fail(errno == EAGAIN || errno == EWOULDBLOCK ? ETIMEDOUT : errno);
+         }
+         if (!wellFramed(rxBuf, static_cast<size_t>(n))) continue;
+         int left = static_cast<int>(n);
+         for (auto const* nlh = reinterpret_cast<nlmsghdr const*>(rxBuf); mnl_nlmsg_ok(nlh, left);
+              nlh = mnl_nlmsg_next(nlh, &left)) {
+            if (nlh->nlmsg_type != NLMSG_ERROR || nlh->nlmsg_len < NLMSG_LENGTH(sizeof(nlmsgerr))) {
+               continue;
+            }
+            auto i = static_cast<size_t>(std::find(seqs, seqs + count, nlh->nlmsg_seq) - seqs);
+            if (i == count || answered[i]) continue;  // a late answer to something else
+            auto const* err = static_cast<nlmsgerr const*>(mnl_nlmsg_get_payload(nlh));
+            (*results)[first + i] = -err->error;
+            answered[i] = true;
+            --open;
+         }
+      }
    }
 }
 

@@ -13,6 +13,7 @@
 #include <linux/netlink.h>
 
 #include <cstdint>
+#include <vector>
 
 #include "konet/NamespaceName.h"
 #include "linux/Fd.h"
@@ -49,11 +50,21 @@ inline int netlinkDump(int sock, nlmsghdr* nlh, mnl_cb_t cb, void* data) {
 
 // Room for any request built here, aligned for nlmsghdr.
 struct NetlinkBuf {
+   nlmsghdr* header() { return reinterpret_cast<nlmsghdr*>(bytes); }
    alignas(nlmsghdr) char bytes[512];
 };
 
 // Starts a request in `buf`: header with type and flags, then a zeroed family header of
 // `extraHeader` bytes. Returns the header; the family header follows it.
 nlmsghdr* startRequest(NetlinkBuf& buf, uint16_t type, uint16_t flags, size_t extraHeader);
+
+// Sends every request of `requests` (built with startRequest, each with NLM_F_ACK; sequence
+// numbers are set here), several to a datagram, and reads their acknowledgements, matched
+// by sequence number: (*results)[i] is 0 or the errno of requests[i]. The kernel takes a
+// datagram's requests one after the other, each as if it came alone: a failed one does not
+// stop the next, and the order is kept. A failure of the exchange itself (send, receive,
+// timeout) is the result of every request not answered yet. About twice the rate of one
+// request per round trip.
+void netlinkRequestAll(int sock, std::vector<NetlinkBuf>& requests, std::vector<int>* results);
 
 }  // namespace Konet

@@ -64,6 +64,15 @@ int ipAddrAdd(int sock, int ifindex, IpAddrWithMask const& addr, uint32_t ifaFla
                                                                       addr, ifaFlags)));
 }
 
+void ipAddrAddAll(int sock, std::vector<IpAddrAdd> const& adds, std::vector<int>* results) {
+   std::vector<NetlinkBuf> requests(adds.size());
+   for (size_t i = 0; i < adds.size(); ++i)
+      buildIpAddrMsg(requests[i], RTM_NEWADDR, adds[i].ifindex, adds[i].addr, adds[i].ifaFlags);
+   netlinkRequestAll(sock, requests, results);
+   for (int& rc : *results)
+      rc = addrResult(RTM_NEWADDR, rc);
+}
+
 int ipAddrDel(int sock, int ifindex, IpAddrWithMask const& addr) {
    NetlinkBuf buf;
    return addrResult(RTM_DELADDR,

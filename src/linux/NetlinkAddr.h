@@ -1,8 +1,8 @@
 // Interface addresses over rtnetlink: add, delete, flush, dump.
 //
-// One request at a time, acknowledged. Adding an address the device already has
-// (EEXIST) and deleting one it does not have (EADDRNOTAVAIL) are successes: the kernel is
-// in the state asked for. Everything returns 0 or a positive errno.
+// One request at a time, acknowledged (or many in one go, ipAddrAddAll). Adding an address the
+// device already has (EEXIST) and deleting one it does not have (EADDRNOTAVAIL) are successes: the
+// kernel is in the state asked for. Everything returns 0 or a positive errno.
 #pragma once
 
 #include <linux/netlink.h>
@@ -20,6 +20,14 @@ namespace Konet {
 // `ifaFlags` (IFA_F_NOPREFIXROUTE...) go in an IFA_FLAGS attribute when set.
 int ipAddrAdd(int sock, int ifindex, IpAddrWithMask const& addr, uint32_t ifaFlags = 0);
 int ipAddrDel(int sock, int ifindex, IpAddrWithMask const& addr);
+// Many adds at once, in their order, several to a datagram (netlinkRequestAll):
+// (*results)[i] is what ipAddrAdd would have returned for adds[i].
+struct IpAddrAdd {
+   int ifindex;
+   IpAddrWithMask addr;
+   uint32_t ifaFlags = 0;
+};
+void ipAddrAddAll(int sock, std::vector<IpAddrAdd> const& adds, std::vector<int>* results);
 // `ifaFlags` (IFA_F_NODAD, IFA_F_NOPREFIXROUTE...) go in an IFA_FLAGS attribute when set.
 int ip6AddrAdd(int sock, int ifindex, Ip6AddrWithMask const& addr, uint32_t ifaFlags = 0);
 int ip6AddrDel(int sock, int ifindex, Ip6AddrWithMask const& addr);

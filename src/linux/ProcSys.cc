@@ -36,15 +36,42 @@ int checkPath(std::string_view path) {
    return EINVAL;
 }
 
-int writeFile(std::string const& path, std::string_view value) {
-   Fd fd(::open(path.c_str(), O_WRONLY | O_CLOEXEC));
-   if (!fd) return errno;
+int writeTo(Fd const& fd, std::string_view value) {
    ssize_t n;
    do {
       n = ::write(fd.get(), value.data(), value.size());
    } while (n < 0 && errno == EINTR);
    if (n < 0) return errno;
    return static_cast<size_t>(n) == value.size() ? 0 : EIO;
+}
+
+// Settings are written in runs of one directory (a device's settings one after the other),
+// and opening each file by its full path walks seven directories every time. Inside a
+// ScopedNetNs the thread keeps the directory it wrote in last open, so that the next file
+// of that directory is one step away. The directory belongs to the namespace the thread
+// was in when it opened it (netNsMoves), and a device that went takes its directory
+// along: the kernel answers ENOENT for any file in it, even once a device of the same name
+// is back, and the full path is walked again.
+int writeFile(std::string const& path, std::string_view value) {
+   auto* cache = procSysDirCache();
+   if (!cache) {
+      Fd fd(::open(path.c_str(), O_WRONLY | O_CLOEXEC));
+      return fd ? writeTo(fd, value) : errno;
+   }
+   auto slash = path.rfind('/');
+   std::string_view dir(path.data(), slash + 1);
+   char const* file = path.c_str() + slash + 1;
+   if (cache->fd && cache->moves == netNsMoves() && cache->path == dir) {
+      Fd fd(::openat(cache->fd.get(), file, O_WRONLY | O_CLOEXEC));
+      if (fd) return writeTo(fd, value);
+      if (errno != ENOENT) return errno;
+   }
+   cache->fd.reset(::open(std::string(dir).c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+   if (!cache->fd) return errno;
+   cache->path = dir;
+   cache->moves = netNsMoves();
+   Fd fd(::openat(cache->fd.get(), file, O_WRONLY | O_CLOEXEC));
+   return fd ? writeTo(fd, value) : errno;
 }
 
 std::string trimDir(std::string_view dir) {

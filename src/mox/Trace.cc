@@ -8,6 +8,7 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <sstream>
 
 namespace Mox {
 namespace {
@@ -123,35 +124,90 @@ std::vector<std::string> traceFacilities() {
 }
 
 namespace {
-thread_local std::vector<std::unique_ptr<std::ostringstream>> traceStreams;
+// What a trace is being built in, kept for reuse by this thread, one per nesting level (a
+// trace made while another's arguments are evaluated): building a stream for every trace
+// costs more than formatting the trace.
+struct TraceScratch {
+   std::ostringstream stream;  // the text of a trace that the sink writes
+   std::string record;         // the pieces of one that only the ring buffer keeps
+};
+thread_local std::vector<std::unique_ptr<TraceScratch>> traceScratch;
 thread_local size_t traceDepth = 0;
 }  // namespace
+
+std::ostringstream& TraceOut::scratch() {
+   thread_local std::ostringstream os;
+   os.str(std::string());
+   os.clear();
+   os.flags(std::ios_base::dec | std::ios_base::skipws);
+   os.precision(6);
+   os.fill(' ');
+   return os;
+}
+
+TraceOut& TraceOut::operator<<(std::ios_base& (*manip)(std::ios_base&)) {
+   if (stream_) {
+      *stream_ << manip;
+   } else {
+      Ringlog::putPiece(*record_, Ringlog::Piece::iosManip, &manip, sizeof manip);
+   }
+   return *this;
+}
+
+TraceOut& TraceOut::operator<<(std::ostream& (*manip)(std::ostream&)) {
+   if (stream_) {
+      *stream_ << manip;
+   } else {
+      Ringlog::putPiece(*record_, Ringlog::Piece::streamManip, &manip, sizeof manip);
+   }
+   return *this;
+}
 
 TraceHelper::TraceHelper(TraceHandle const& handle, int level, char const* file, int line,
                          char const* function, Ringlog::MsgDesc* desc)
     : handle_(handle), level_(level), file_(file), line_(line), function_(function), desc_(desc) {
-   if (traceStreams.size() <= traceDepth) {
-      traceStreams.push_back(std::make_unique<std::ostringstream>());
+   if (traceScratch.size() <= traceDepth) traceScratch.push_back(std::make_unique<TraceScratch>());
+   auto& scratch = *traceScratch[traceDepth++];
+   if (!handle_.traceEnabled(level_)) {
+      // Only the ring buffer keeps this one: its arguments wait for a dump as they are.
+      scratch.record.clear();
+      out_.record_ = &scratch.record;
+      return;
    }
-   stream_ = traceStreams[traceDepth++].get();
+   stream_ = &scratch.stream;
    stream_->str(std::string());
    stream_->clear();
    stream_->flags(std::ios_base::dec | std::ios_base::skipws);
    stream_->precision(6);
    stream_->fill(' ');
+   out_.stream_ = stream_;
 }
 
 TraceHelper::~TraceHelper() {
-   std::string text = stream_->str();
    --traceDepth;
+   bool ring = Ringlog::isOpen() && level_ <= Ringlog::level() && desc_;
+   if (!stream_) {
+      if (!ring) return;
+      // The message takes its slot now, so that the ring holds traces in the order they
+      // end; the slot's buffer keeps its size from earlier messages: nothing is allocated.
+      auto& slot = Ringlog::defaultBuf()->startMsg(*desc_);
+      Ringlog::putPiece(slot, Ringlog::Piece::field, nullptr, 0);
+      Ringlog::putPiece(slot, Ringlog::Piece::staticText, &function_, sizeof function_);
+      Ringlog::putPiece(slot, Ringlog::Piece::field, nullptr, 0);
+      slot.append(*out_.record_);
+      Ringlog::defaultBuf()->endMsg();
+      return;
+   }
+   std::string text = stream_->str();
    if (handle_.traceEnabled(level_)) {
       currentSink->write(
           TraceRecord{handle_.facility(), level_, baseName(file_), line_, function_, text});
    }
-   if (Ringlog::isOpen() && level_ <= Ringlog::level() && desc_) {
+   if (ring) {
       auto* buf = Ringlog::defaultBuf();
-      buf->startMsg(*desc_);
-      buf->put(function_);
+      auto& record = buf->startMsg(*desc_);
+      Ringlog::putPiece(record, Ringlog::Piece::field, nullptr, 0);
+      Ringlog::putPiece(record, Ringlog::Piece::staticText, &function_, sizeof function_);
       buf->put(text);
       buf->endMsg();
    }
@@ -221,28 +277,94 @@ MsgDesc::MsgDesc(char const* file, int line, char const* format)
 
 RingBuf::RingBuf(size_t capacity) : ring_(std::max<size_t>(capacity, 1)) {}
 
-void RingBuf::startMsg(MsgDesc const& desc) {
+std::string& RingBuf::startMsg(MsgDesc const& desc) {
    Msg& m = ring_[next_];
    m.desc = &desc;
    m.time = Mox::steadySeconds();
-   m.args.clear();
+   m.args.clear();  // keeps its capacity: a full ring allocates nothing more
+   next_ = (next_ + 1) % ring_.size();
+   count_ = std::min(count_ + 1, ring_.size());
    open_ = &m;
+   return m.args;
 }
 
 void RingBuf::put(std::string_view arg) {
    if (!open_) return;
-   if (!open_->args.empty()) open_->args += " | ";
-   open_->args.append(arg);
+   putPiece(open_->args, Piece::field, nullptr, 0);
+   putText(open_->args, arg);
 }
 
-void RingBuf::put(int64_t arg) { put(std::string_view(std::to_string(arg))); }
-
-void RingBuf::endMsg() {
+void RingBuf::put(int64_t arg) {
    if (!open_) return;
-   open_ = nullptr;
-   next_ = (next_ + 1) % ring_.size();
-   count_ = std::min(count_ + 1, ring_.size());
+   putPiece(open_->args, Piece::field, nullptr, 0);
+   ValuePrinter print = &printValue<int64_t>;
+   putPiece(open_->args, Piece::value, &print, sizeof print);
+   open_->args += static_cast<char>(sizeof arg);
+   open_->args.append(reinterpret_cast<char const*>(&arg), sizeof arg);
 }
+
+void RingBuf::endMsg() { open_ = nullptr; }
+
+namespace {
+
+// Prints a message's pieces as formatting them at once would have: one stream for the
+// message, with the format a trace starts with.
+void printPieces(std::string const& pieces, std::string& out) {
+   std::ostringstream os;
+   os.precision(6);
+   bool first = true;
+   char const* p = pieces.data();
+   char const* end = p + pieces.size();
+   auto take = [&](void* to, size_t size) {
+      std::memcpy(to, p, size);
+      p += size;
+   };
+   while (p < end) {
+      auto tag = static_cast<Piece>(*p++);
+      switch (tag) {
+         case Piece::field:
+            if (!first) os << " | ";
+            first = false;
+            break;
+         case Piece::text: {
+            uint32_t size;
+            take(&size, sizeof size);
+            os.write(p, size);
+            p += size;
+            break;
+         }
+         case Piece::staticText: {
+            char const* text;
+            take(&text, sizeof text);
+            os << text;
+            break;
+         }
+         case Piece::value: {
+            ValuePrinter print;
+            take(&print, sizeof print);
+            auto size = static_cast<uint8_t>(*p++);
+            print(os, p);
+            p += size;
+            break;
+         }
+         case Piece::iosManip: {
+            std::ios_base& (*manip)(std::ios_base&);
+            take(&manip, sizeof manip);
+            os << manip;
+            break;
+         }
+         case Piece::streamManip: {
+            std::ostream& (*manip)(std::ostream&);
+            take(&manip, sizeof manip);
+            os << manip;
+            break;
+         }
+      }
+   }
+   out += os.view();
+}
+
+}  // namespace
 
 std::string RingBuf::dump() const {
    std::string out;
@@ -258,7 +380,7 @@ std::string RingBuf::dump() const {
       out += ' ';
       out += m.desc->format();
       out += " | ";
-      out += m.args;
+      printPieces(m.args, out);
       out += '\n';
    }
    return out;

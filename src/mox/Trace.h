@@ -7,15 +7,49 @@
 #pragma once
 
 #include <cstdint>
+#include <cstring>
 #include <functional>
+#include <new>
 #include <sstream>
 #include <string>
 #include <string_view>
 #include <vector>
 
+#include "mox/TraceArg.h"
+
 namespace Ringlog {
 class MsgDesc;
+
+// A message's arguments as the ring keeps them: fields (" | " between them in a dump),
+// each a run of pieces, each piece a tag and its bytes.
+enum class Piece : char {
+   field,        // a new field starts
+   text,         // uint32 length, the bytes
+   staticText,   // a char const* to text that lives as long as the program
+   value,        // printer, uint8 size, the value's bytes
+   iosManip,     // std::ios_base& (*)(std::ios_base&)
+   streamManip,  // std::ostream& (*)(std::ostream&)
+};
+using ValuePrinter = void (*)(std::ostream&, void const*);
+
+template <class T>
+void printValue(std::ostream& os, void const* bytes) {
+   static_assert(std::is_trivially_copyable_v<T>);
+   alignas(T) unsigned char copy[sizeof(T)];
+   std::memcpy(copy, bytes, sizeof(T));
+   os << *std::launder(reinterpret_cast<T const*>(copy));
 }
+
+inline void putPiece(std::string& record, Piece tag, void const* bytes, size_t size) {
+   record += static_cast<char>(tag);
+   record.append(static_cast<char const*>(bytes), size);
+}
+inline void putText(std::string& record, std::string_view text) {
+   auto size = static_cast<uint32_t>(text.size());
+   putPiece(record, Piece::text, &size, sizeof size);
+   record.append(text);
+}
+}  // namespace Ringlog
 
 namespace Mox {
 
@@ -70,7 +104,42 @@ bool traceLevelsFromString(std::string_view levels);
 TraceSink* traceSinkIs(TraceSink* sink);
 std::vector<std::string> traceFacilities();
 
-// Collects one trace line; emits it on destruction.
+// Where a trace's `<<` arguments go: into the text of a trace that the sink writes, or,
+// for a trace that only the ring buffer keeps, into its record as they are (TraceArg.h).
+class TraceOut {
+public:
+   template <class T>
+   TraceOut& operator<<(T const& v) {
+      if (stream_) {
+         *stream_ << v;
+      } else if constexpr (std::is_convertible_v<T const&, std::string_view>) {
+         Ringlog::putText(*record_, std::string_view(v));
+      } else if constexpr (requires { traceText(v); }) {
+         Ringlog::putText(*record_, traceText(v));
+      } else if constexpr (traceByValue<T>) {
+         static_assert(sizeof(T) < 256);
+         Ringlog::ValuePrinter print = &Ringlog::printValue<T>;
+         Ringlog::putPiece(*record_, Ringlog::Piece::value, &print, sizeof print);
+         *record_ += static_cast<char>(sizeof(T));
+         record_->append(reinterpret_cast<char const*>(&v), sizeof(T));
+      } else {
+         auto& os = scratch();
+         os << v;
+         Ringlog::putText(*record_, os.view());
+      }
+      return *this;
+   }
+   TraceOut& operator<<(std::ios_base& (*manip)(std::ios_base&));
+   TraceOut& operator<<(std::ostream& (*manip)(std::ostream&));
+
+private:
+   friend class TraceHelper;
+   static std::ostringstream& scratch();  // emptied, with the default format
+   std::ostream* stream_ = nullptr;
+   std::string* record_ = nullptr;
+};
+
+// Collects one trace; emits it on destruction.
 class TraceHelper {
 public:
    TraceHelper(TraceHandle const& handle, int level, char const* file, int line,
@@ -78,7 +147,7 @@ public:
    ~TraceHelper();
    TraceHelper(TraceHelper const&) = delete;
    TraceHelper& operator=(TraceHelper const&) = delete;
-   std::ostream& stream() { return *stream_; }
+   TraceOut& stream() { return out_; }
 
 private:
    TraceHandle const& handle_;
@@ -87,9 +156,8 @@ private:
    int line_;
    char const* function_;
    Ringlog::MsgDesc* desc_;
-   // A stream of this thread kept for reuse, one per nesting level: building a stream for
-   // every trace costs more than formatting the trace.
-   std::ostringstream* stream_;
+   std::ostringstream* stream_ = nullptr;  // for a trace the sink writes
+   TraceOut out_;
 };
 
 // Operator log messages: always emitted (to stderr and the log sink), rate limited per
@@ -148,7 +216,10 @@ private:
 class RingBuf {
 public:
    explicit RingBuf(size_t capacity);
-   void startMsg(MsgDesc const& desc);
+   // Starts a message; returns its record, to which pieces may be added until the next
+   // message starts (Piece).
+   std::string& startMsg(MsgDesc const& desc);
+   // A field of text or a number.
    void put(std::string_view arg);
    void put(int64_t arg);
    void endMsg();
@@ -161,7 +232,7 @@ private:
    struct Msg {
       MsgDesc const* desc = nullptr;
       double time = 0.0;
-      std::string args;
+      std::string args;  // pieces
    };
    std::vector<Msg> ring_;
    size_t next_ = 0;

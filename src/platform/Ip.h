@@ -35,6 +35,14 @@ constexpr auto moxEnumNames(ConfigSource) {
 }
 inline std::ostream& operator<<(std::ostream& os, ConfigSource v) { return Mox::streamEnum(os, v); }
 
+// Which source gives an interface its primary address.
+enum class AddrSource : uint8_t { cli = 0, dhcp = 1, none = 2 };
+constexpr auto moxEnumNames(AddrSource) {
+   return Mox::EnumNames<AddrSource, 3>{
+       {{AddrSource::cli, "cli"}, {AddrSource::dhcp, "dhcp"}, {AddrSource::none, "none"}}};
+}
+inline std::ostream& operator<<(std::ostream& os, AddrSource v) { return Mox::streamEnum(os, v); }
+
 using AddrSet = Mox::HashSet<Konet::IpAddrWithMask>;
 
 // The IPv4 configuration of one interface.
@@ -60,6 +68,8 @@ public:
       virtual void onUnnumberedIntfId() {}
       virtual void onForceDpRoutingEnabled() {}
       virtual void onL3Config() {}
+      virtual void onAddrSource() {}
+      virtual void onScope() {}
    };
 
    explicit IpIntfConfig(Konet::IntfId intf) : intf_(std::move(intf)) {}
@@ -142,6 +152,12 @@ public:
    void l3ConfigIs(Mox::Ptr<L3::Intf::Config const> const& v) {
       setAttr(l3Config_, v, &NotifieeConst::onL3Config);
    }
+   // The source of the primary address: this entry's addrWithMask, or the DHCP lease.
+   AddrSource addrSource() const { return addrSource_; }
+   void addrSourceIs(AddrSource v) { setAttr(addrSource_, v, &NotifieeConst::onAddrSource); }
+   // The scope of the interface's addresses (RT_SCOPE_*; 0 is universe).
+   uint8_t scope() const { return scope_; }
+   void scopeIs(uint8_t v) { setAttr(scope_, v, &NotifieeConst::onScope); }
 
 private:
    Konet::IntfId const intf_;
@@ -163,6 +179,8 @@ private:
    Konet::IntfId unnumberedIntfId_;
    bool forceDpRoutingEnabled_ = false;
    Mox::Ptr<L3::Intf::Config const> l3Config_;
+   AddrSource addrSource_ = AddrSource::cli;
+   uint8_t scope_ = 0;
 };
 
 // The IPv4 configuration of the switch.

@@ -19,6 +19,11 @@ int KernelIo::ipAddrAdd(int sock, int ifindex, Konet::IpAddrWithMask const& addr
    return Konet::ipAddrAdd(sock, ifindex, addr, ifaFlags);
 }
 
+void KernelIo::ipAddrAddAll(int sock, std::vector<Konet::IpAddrAdd> const& adds,
+                            std::vector<int>* results) {
+   Konet::ipAddrAddAll(sock, adds, results);
+}
+
 int KernelIo::ipAddrDel(int sock, int ifindex, Konet::IpAddrWithMask const& addr) {
    return Konet::ipAddrDel(sock, ifindex, addr);
 }

@@ -13,6 +13,7 @@
 #include "konet/IpPrefix.h"
 #include "konet/NamespaceName.h"
 #include "linux/NetNs.h"
+#include "linux/NetlinkAddr.h"
 #include "linux/NftMss.h"
 #include "linux/ProcSys.h"
 
@@ -29,6 +30,9 @@ public:
    virtual int writeProcSys(std::string_view path, std::string_view value);
    virtual int ipAddrAdd(int sock, int ifindex, Konet::IpAddrWithMask const& addr,
                          uint32_t ifaFlags);
+   // Many adds at once (Konet::ipAddrAddAll); (*results)[i] is what ipAddrAdd gives adds[i].
+   virtual void ipAddrAddAll(int sock, std::vector<Konet::IpAddrAdd> const& adds,
+                             std::vector<int>* results);
    virtual int ipAddrDel(int sock, int ifindex, Konet::IpAddrWithMask const& addr);
    virtual int ip6AddrAdd(int sock, int ifindex, Konet::Ip6AddrWithMask const& addr);
    virtual int ip6AddrDel(int sock, int ifindex, Konet::Ip6AddrWithMask const& addr);
@@ -59,6 +63,13 @@ public:
    int ipAddrAdd(int sock, int ifindex, Konet::IpAddrWithMask const& addr,
                  uint32_t ifaFlags) override {
       return inner_.ipAddrAdd(sock, ifindex, addr, ifaFlags);
+   }
+   // A decorator sees every add on its own: the adds go one by one through ipAddrAdd.
+   void ipAddrAddAll(int sock, std::vector<Konet::IpAddrAdd> const& adds,
+                     std::vector<int>* results) override {
+      results->clear();
+      for (auto const& a : adds)
+         results->push_back(ipAddrAdd(sock, a.ifindex, a.addr, a.ifaFlags));
    }
    int ipAddrDel(int sock, int ifindex, Konet::IpAddrWithMask const& addr) override {
       return inner_.ipAddrDel(sock, ifindex, addr);

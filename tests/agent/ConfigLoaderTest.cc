@@ -205,6 +205,34 @@ TEST(ConfigLoader, ReadsAndChecksIpv6) {
    EXPECT_TRUE(parseConfiguration(two("2001:db8::1/64", "2001:db8::1/64", "red")).config);
 }
 
+TEST(ConfigLoader, RefusesBorrowingMoreThanOneLevel) {
+   // Ethernet1 lends, Ethernet2 borrows from it and lends to Ethernet3.
+   auto chain = [](char const* borrow1) {
+      return std::string(R"({"interfaces": {
+         "Ethernet1": {"device": "et1", "ipv4": )") +
+             borrow1 + R"(},
+         "Ethernet2": {"device": "et2", "ipv4": {"unnumbered": "Ethernet1"}},
+         "Ethernet3": {"device": "et3", "ipv4": {"unnumbered": "Ethernet2"}}}})";
+   };
+   auto doc = chain(R"({"address": "10.0.0.1/24"})");
+   EXPECT_TRUE(
+       refusedAt(doc, "/interfaces/Ethernet3/ipv4/unnumbered",
+                 "interface \"Ethernet2\" is unnumbered itself and has no address to lend"));
+   EXPECT_TRUE(
+       refusedAt(doc, "/interfaces/Ethernet2/ipv4/unnumbered",
+                 "an interface that lends its address (to \"Ethernet3\") cannot borrow one"));
+   EXPECT_EQ(errorsOf(doc).size(), 2u);
+   EXPECT_TRUE(refusedAt(intf(R"({"unnumbered": "Ethernet1"})"),
+                         "/interfaces/Ethernet1/ipv4/unnumbered",
+                         "an interface cannot borrow its own address"));
+   // Two borrowers of one lender, which takes its address from DHCP: fine.
+   EXPECT_TRUE(parseConfiguration(R"({"interfaces": {
+      "Ethernet1": {"device": "et1", "ipv4": {"dhcp": true}},
+      "Ethernet2": {"device": "et2", "ipv4": {"unnumbered": "Ethernet1"}},
+      "Ethernet3": {"device": "et3", "ipv4": {"unnumbered": "Ethernet1"}}}})")
+                   .config);
+}
+
 TEST(ConfigDiff, NamesEachChangedPlace) {
    auto base = *parseConfiguration(R"({"vrfs": {"red": {}, "blue": {}}, "interfaces": {
       "Ethernet1": {"device": "et1", "ipv4": {"address": "10.0.0.1/24"}},

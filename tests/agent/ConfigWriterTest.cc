@@ -74,13 +74,13 @@ protected:
 
 TEST_F(ConfigWriterTest, WritesTheConfigurationToTheLibrarysInputs) {
    writer.apply(parse("10.0.0.2/24"));
-   auto c1 = e.ipConfig->ipIntfConfig(e1);
+   auto c1 = e.cliIpConfig->ipIntfConfig(e1);
    ASSERT_TRUE(c1);
    EXPECT_EQ(c1->addrWithMask().toString(), "10.0.0.1/24");
    EXPECT_TRUE(c1->secondaryWithMask(*Konet::IpAddrWithMask::parse("10.0.0.2/24")));
    EXPECT_TRUE(c1->proxyArpEnabled());
    EXPECT_EQ(c1->l3Config()->vrf(), L3::VrfName("default"));
-   auto c2 = e.ipConfig->ipIntfConfig(e2);
+   auto c2 = e.cliIpConfig->ipIntfConfig(e2);
    EXPECT_EQ(c2->urpf().mode, Urpf::UrpfMode::loose);
    EXPECT_EQ(c2->l3Config()->vrf(), L3::VrfName("red"));
    EXPECT_TRUE(e.routingVrfConfig->vrfConfig(L3::VrfName("red"))->routing());
@@ -91,12 +91,34 @@ TEST_F(ConfigWriterTest, WritesTheConfigurationToTheLibrarysInputs) {
    EXPECT_EQ(e.allIntfStatus->intfStatus(e1)->deviceName(), "");
 }
 
+TEST_F(ConfigWriterTest, WritesEachInterfacesAddressSource) {
+   auto r = parseConfiguration(R"({"interfaces": {
+      "Ethernet1": {"device": "et1", "ipv4": {"dhcp": true}},
+      "Ethernet2": {"device": "et2", "ipv4": {"unnumbered": "Ethernet1"}}}})");
+   ASSERT_TRUE(r.config);
+   writer.apply(*r.config);
+   auto c1 = e.cliIpConfig->ipIntfConfig(e1);
+   auto c2 = e.cliIpConfig->ipIntfConfig(e2);
+   ASSERT_TRUE(c1 && c2);
+   EXPECT_EQ(c1->addrSource(), Ip::AddrSource::dhcp);
+   EXPECT_EQ(c1->configSource(), Ip::ConfigSource::dhcp);
+   EXPECT_TRUE(c1->attachedRoutes());
+   EXPECT_EQ(c2->addrSource(), Ip::AddrSource::none);
+   EXPECT_EQ(c2->unnumberedIntfId(), e1);
+   EXPECT_FALSE(c2->attachedRoutes());  // the lender's subnet is reached through the lender
+
+   writer.apply(parse("10.0.0.2/24"));  // both back on the command line
+   EXPECT_EQ(c1->addrSource(), Ip::AddrSource::cli);
+   EXPECT_TRUE(c2->unnumberedIntfId().empty());
+   EXPECT_TRUE(c2->attachedRoutes());
+}
+
 TEST_F(ConfigWriterTest, AReloadNotifiesOnlyWhatChanged) {
    writer.apply(parse("10.0.0.2/24"));
    ConfigCounter c1, c2;
    StatusCounter s2;
-   c1.notifierIs(e.ipConfig->ipIntfConfig(e1));
-   c2.notifierIs(e.ipConfig->ipIntfConfig(e2));
+   c1.notifierIs(e.cliIpConfig->ipIntfConfig(e1));
+   c2.notifierIs(e.cliIpConfig->ipIntfConfig(e2));
    s2.notifierIs(e.allIntfStatus->intfStatus(e2));
 
    auto diff = writer.apply(parse("10.0.0.3/24"));
@@ -124,7 +146,7 @@ TEST_F(ConfigWriterTest, ARemovedInterfaceLeavesTheConfiguration) {
    next.interfaces.erase(e2);
    next.vrfs.erase(L3::VrfName("red"));
    writer.apply(next);
-   EXPECT_FALSE(e.ipConfig->ipIntfConfig(e2));
+   EXPECT_FALSE(e.cliIpConfig->ipIntfConfig(e2));
    EXPECT_FALSE(e.l3Config->intfConfig(e2));
    EXPECT_FALSE(e.routingVrfConfig->vrfConfig(L3::VrfName("red")));
    // Its status stays until its addresses are gone from the kernel (here: at once, on the

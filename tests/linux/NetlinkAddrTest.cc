@@ -119,6 +119,42 @@ std::vector<std::pair<uint16_t, AddrInfo>> drainNotifications(int sock) {
    return out;
 }
 
+// Many adds in one go: over several datagrams, in their order (the first of a subnet is its
+// primary), each with its own result, a failed one in the middle stopping nothing.
+TEST_F(NetlinkAddrTest, AddAllKeepsTheOrderAndEachRequestsResult) {
+   Veth veth = createVeth();
+   ASSERT_EQ(ipAddrAdd(sock(), veth.ifindex, v4("10.9.0.3/24")), 0);
+   std::vector<IpAddrAdd> adds;
+   for (int i = 1; i <= 40; ++i) {
+      std::string a = "10.1." + std::to_string(i) + ".1/24";
+      adds.push_back({veth.ifindex, v4(a.c_str())});
+   }
+   adds.push_back({veth.ifindex, v4("10.9.0.3/24")});  // there already: done
+   adds.push_back({999999, v4("10.8.0.1/24")});        // no such device
+   adds.push_back({veth.ifindex, v4("10.1.1.2/24")});  // a secondary of the first
+   adds.push_back({veth.ifindex, v4("10.7.0.1/24"), IFA_F_NOPREFIXROUTE});
+   std::vector<int> results;
+   ipAddrAddAll(sock(), adds, &results);
+   ASSERT_EQ(results.size(), adds.size());
+   for (size_t i = 0; i < adds.size(); ++i)
+      EXPECT_EQ(results[i], i == 41 ? ENODEV : 0) << adds[i].addr;
+
+   auto now = addrs(veth.ifindex, AF_INET);
+   EXPECT_EQ(now.size(), 43u);
+   for (auto const& i : now) {
+      if (i.addr.toString() == "10.1.1.2") {
+         EXPECT_TRUE(i.flags & IFA_F_SECONDARY);
+      } else {
+         EXPECT_FALSE(i.flags & IFA_F_SECONDARY) << i.addr.toString();
+      }
+      EXPECT_EQ(bool(i.flags & IFA_F_NOPREFIXROUTE), i.addr.toString() == "10.7.0.1");
+   }
+
+   // Nothing is left behind on the socket: the next request gets its own answer.
+   EXPECT_EQ(ipAddrDel(sock(), veth.ifindex, v4("10.7.0.1/24")), 0);
+   EXPECT_EQ(addrs(veth.ifindex, AF_INET).size(), 42u);
+}
+
 TEST_F(NetlinkAddrTest, FlushRemovesPrimariesAndSecondariesWithoutPromotion) {
    NamespaceName ns = createNamespace();
    Veth veth = createVeth();

@@ -86,5 +86,44 @@ TEST_F(ProcSysTest, IfconfListsInterfacesWithIpv4Addresses) {
    EXPECT_EQ(entries[0].addr.toString(), "198.51.100.7");
 }
 
+// Inside a namespace scope the writer keeps the last directory open: a write must still
+// reach the device of that name now (one deleted and made again under the same name) and
+// the namespace the thread is in now (one entered within the scope).
+TEST_F(ProcSysTest, AKeptDirectoryNeverWritesToAGoneDeviceOrAnotherNamespace) {
+   ScopedNetNs scope{NamespaceName()};
+   Veth veth = createVeth();
+   std::string dir = std::string(V4_PROC_CONF) + "/" + veth.name + "/";
+   ASSERT_EQ(writeProcSys(dir + "arp_ignore", "1"), 0);
+   ASSERT_EQ(writeProcSys(dir + "arp_announce", "2"), 0);
+   EXPECT_EQ(readIn(NamespaceName(), dir + "arp_announce"), "2");
+
+   ASSERT_EQ(deleteLink(sock(), veth.ifindex), 0);
+   EXPECT_EQ(writeProcSys(dir + "arp_ignore", "2"), ENOENT) << "the device is gone";
+   ASSERT_EQ(createVethPair(sock(), veth.name, veth.peer), 0);
+   ASSERT_EQ(writeProcSys(dir + "arp_ignore", "2"), 0);
+   EXPECT_EQ(readIn(NamespaceName(), dir + "arp_ignore"), "2") << "the new device has it";
+
+   // The same path in another namespace is another device's.
+   NamespaceName ns = createNamespace();
+   int ifindex = 0;
+   ASSERT_EQ(linkIndex(sock(), veth.peer, &ifindex), 0);
+   ASSERT_EQ(moveLinkToNamedNetNs(sock(), ifindex, ns), 0);
+   std::string peerDir = std::string(V4_PROC_CONF) + "/" + veth.peer + "/";
+   {
+      ScopedNetNs there(ns);
+      ASSERT_TRUE(there.ok());
+      ASSERT_EQ(writeProcSys(peerDir + "arp_ignore", "1"), 0);
+   }
+   EXPECT_EQ(writeProcSys(peerDir + "arp_ignore", "2"), ENOENT) << "not in this namespace";
+   {
+      ScopedNetNs there(ns);
+      ASSERT_EQ(writeProcSys(peerDir + "arp_announce", "1"), 0);
+      ScopedNetNs back{NamespaceName()};  // default: stays, with a scope of its own
+      ASSERT_EQ(writeProcSys(peerDir + "arp_ignore", "2"), 0);
+   }
+   EXPECT_EQ(readIn(ns, peerDir + "arp_ignore"), "2");
+   EXPECT_EQ(readIn(ns, peerDir + "arp_announce"), "1");
+}
+
 }  // namespace
 }  // namespace KonetTest

@@ -36,6 +36,52 @@ struct Machine {
    void handleInitialized(int key) { MOX_TRACE_FN(th, " key " << key << " v " << sideEffect()); }
 };
 
+// Argument kinds a trace meets: kept as bytes, kept as text, formatted at once.
+struct Point {
+   int x, y;
+   friend std::ostream& operator<<(std::ostream& os, Point p) {
+      return os << "(" << p.x << "," << p.y << ")";
+   }
+};
+}  // namespace
+
+namespace {}  // namespace
+
+template <>
+inline constexpr bool Mox::traceByValue<Point> = true;
+
+namespace {
+
+struct Label {
+   std::string s;
+   friend std::ostream& operator<<(std::ostream& os, Label const& l) { return os << l.s; }
+};
+std::string_view traceText(Label const& l) { return l.s; }
+struct Opaque {  // neither: formatted when traced
+   std::vector<int> v;
+   friend std::ostream& operator<<(std::ostream& os, Opaque const& o) {
+      return os << "[" << o.v.size() << "]";
+   }
+};
+enum class Colour { red, green };
+std::ostream& operator<<(std::ostream& os, Colour c) {
+   return os << (c == Colour::red ? "red" : "green");
+}
+
+int nested() {
+   MOX_TRACE(th, 8, "inner " << 7);
+   return 3;
+}
+
+void everyKind(std::string const& name) {
+   MOX_TRACE(th, 8,
+             "p " << (Point{1, -2}) << " l " << Label{"Ethernet1"} << " o " << (Opaque{{1, 2}})
+                  << " c " << Colour::green << " d " << 0.1234567 << " b " << true << " ch " << 'x'
+                  << " u8 " << uint8_t(65) << " hex " << std::hex << 255 << std::dec << " n "
+                  << nested() << " tmp " << (name + "!").c_str() << " sv " << std::string_view(name)
+                  << " m " << Mox::String("str"));
+}
+
 }  // namespace
 
 TEST(Trace, DisabledCallSiteEvaluatesNothing) {
@@ -144,4 +190,49 @@ TEST(Dir, EntriesAreNotifiedPerNameAndPlacedUnderTheDir) {
    dir->entryDel("config");
    EXPECT_EQ(sub->parent(), nullptr);
    EXPECT_EQ(w->names, (std::vector<std::string>{"config", "config"}));
+}
+
+// A trace that only the ring buffer keeps records its arguments and is formatted when the
+// buffer is dumped: the dump shows exactly what formatting at once shows, whatever the
+// arguments were, temporaries and traces made while they were evaluated included.
+TEST(Trace, RingBufferDumpShowsWhatTheTraceWouldHaveSaid) {
+   Sinked s;
+   Mox::traceLevelIs("MoxTraceTest", 8);
+   everyKind("Ethernet9");
+   ASSERT_EQ(s.cap.records.size(), 2u);
+   std::string said = s.cap.records[1].text;
+   EXPECT_EQ(said,
+             "p (1,-2) l Ethernet1 o [2] c green d 0.123457 b 1 ch x u8 A hex ff n 3 tmp "
+             "Ethernet9! sv Ethernet9 m str");
+   Mox::traceLevelIs("MoxTraceTest", -1);
+
+   Ringlog::open(8);
+   {
+      std::string name = "Ethernet9";
+      everyKind(name);
+      name = "overwritten";  // what the trace saw is in its record already
+   }
+   std::string dump = Ringlog::defaultBuf()->dump();
+   EXPECT_NE(dump.find("| void {anonymous}::everyKind(const std::string&) | " + said + "\n"),
+             std::string::npos)
+       << dump;
+   EXPECT_NE(dump.find("| int {anonymous}::nested() | inner 7\n"), std::string::npos) << dump;
+   // The ring holds traces in the order they end: the one made while the other's
+   // arguments were evaluated first.
+   EXPECT_LT(dump.find("nested()"), dump.find("everyKind"));
+
+   // With the sink on as well, the ring keeps the same text.
+   Ringlog::defaultBuf()->clear();
+   Mox::traceLevelIs("MoxTraceTest", 8);
+   everyKind("Ethernet9");
+   auto withoutTimes = [](std::string text) {
+      std::string out;
+      for (size_t at = 0; at < text.size();) {
+         size_t eol = text.find('\n', at);
+         out += text.substr(text.find(' ', at), eol + 1 - text.find(' ', at));
+         at = eol + 1;
+      }
+      return out;
+   };
+   EXPECT_EQ(withoutTimes(Ringlog::defaultBuf()->dump()), withoutTimes(dump));
 }

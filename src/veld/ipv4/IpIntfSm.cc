@@ -294,6 +294,9 @@ void IpIntfSm::intfStatusEnsure(Konet::IntfId const& intf,
    MOX_TRACE(th, 5, " Creating ipIntfStatus for " << intf);
    addL3IntfStatus(intf, configVrf(config));
    addIpIntfStatus(intf, config);
+   // Addresses the kernel already holds (after a restart) are in the status from the start,
+   // so that whoever follows it (a borrower of this interface's address) sees no gap.
+   doUpdateIpStatusAddr(intf);
 }
 
 void IpIntfSm::urpfOnAnyIntfPublish(Konet::IntfId const& intf) {

@@ -197,9 +197,14 @@ public:
                              IntfIpKernelState& kernelState, std::string const& deviceName);
    // `ifaFlags`: IFA_F_NOPREFIXROUTE for an interface without attached routes.
    void delIpFromIntf(KernelNetInfo::Interface const& kniIntf, Konet::IpAddrWithMask const& addr);
-   int addIpToIntf(int sock, Konet::IpAddrWithMask const& addr, AddrMap& addrMap,
-                   KernelNetInfo::InterfaceKey ifKey, std::string const& deviceName,
-                   uint32_t ifaFlags = 0);
+   // Queues the add of an address the map does not show on the device yet; flushAdds sends
+   // the queue, in its order.
+   void addIpToIntf(Konet::IntfId const& intf, Konet::IpAddrWithMask const& addr,
+                    KernelNetInfo::InterfaceKey ifKey, std::string const& deviceName,
+                    uint32_t ifaFlags = 0);
+   // Sends the queued adds several to a datagram, notes each success in the address map and
+   // logs each failure, then writes the status of every interface that had adds queued.
+   void flushAdds();
    // Brings the device's MSS clamps in the namespace to `want`: logged and left to the next
    // visit when the kernel refuses.
    void doUpdateMss(std::string const& dev, Konet::MssClamp want);
@@ -332,6 +337,17 @@ private:
    uint64_t itemsProcessed_ = 0;
    uint64_t errors_ = 0;
    uint64_t procWritesSkipped_ = 0;
+   // Address adds queued by a backlog run: a run sends them in batches (kAddBatch, and what
+   // is left at its end), which takes the kernel half the time of one add per round trip.
+   static constexpr size_t kAddBatch = 64;
+   struct QueuedAdd {
+      KernelNetInfo::InterfaceKey ifKey;
+      std::string deviceName;
+      Konet::IpAddrWithMask addr;
+      uint32_t ifaFlags;
+   };
+   std::vector<QueuedAdd> queuedAdds_;
+   std::vector<Konet::IntfId> statusAfterAdds_;  // their interfaces, each once
    // The /proc files the agent wrote, by device (ifindex), since the device appeared.
    Mox::HashMap<uint32_t, Mox::HashSet<std::string>> procWrittenSinceLink_;
    struct DriftRepair {

@@ -112,6 +112,7 @@ void IpIntfSm::runEntry(KernelUpdateCodefEntry& entry) {
    }
    if (entry.addrUpdatePending) {
       if (!doUpdateKernelAddrIntf(entry.intf)) entry.addrUpdatePending = false;
+      if (queuedAdds_.size() >= kAddBatch) flushAdds();
    }
    entry.statusUpdatePending = false;  // the address update writes the status
 }
@@ -147,6 +148,7 @@ void IpIntfSm::processIpIntfKernelUpdateCodefList() {
       entry = list.find(order[i]);  // the work may have added entries
       if (entry && entry->idle()) list.erase(order[i]);
    }
+   flushAdds();
    if (!list.empty() || globalKnobsPending_) {
       // The next run: soon, unless every entry left waits for a repair that backs off.
       double soon = Mox::System::currentTime() + backlogRetryDelay_;

@@ -39,28 +39,48 @@ bool kernelHolds(KernelNetInfo::Interface const& kniIntf, char const* file,
 
 // ---- Addresses
 
-int IpIntfSm::addIpToIntf(int sock, Konet::IpAddrWithMask const& addr, AddrMap& addrMap,
-                          KernelNetInfo::InterfaceKey ifKey, std::string const& deviceName,
-                          uint32_t ifaFlags) {
-   auto g = addrMap.genAddr(ifKey);
+void IpIntfSm::addIpToIntf(Konet::IntfId const& intf, Konet::IpAddrWithMask const& addr,
+                           KernelNetInfo::InterfaceKey ifKey, std::string const& deviceName,
+                           uint32_t ifaFlags) {
+   auto g = in_.addrMap->genAddr(ifKey);
    if (g && g->addr(addr)) {
       MOX_TRACE(th, 7, "Adding ip addr " << addr << " to " << deviceName << " already exists");
-      return 0;
+      return;
    }
    MOX_TRACE(th, 5, "Adding ip addr " << addr << " to " << deviceName);
-   int err = kernelIo().ipAddrAdd(sock, static_cast<int>(ifKey.ifIndex), addr, ifaFlags);
-   if (err == 0) {
-      addrMap.addAddr(ifKey, addr);
-      return 0;
+   queuedAdds_.push_back({ifKey, deviceName, addr, ifaFlags});
+   if (statusAfterAdds_.empty() || statusAfterAdds_.back() != intf)
+      statusAfterAdds_.push_back(intf);
+}
+
+void IpIntfSm::flushAdds() {
+   if (!queuedAdds_.empty()) {
+      std::vector<Konet::IpAddrAdd> adds;
+      adds.reserve(queuedAdds_.size());
+      for (auto const& q : queuedAdds_)
+         adds.push_back({static_cast<int>(q.ifKey.ifIndex), q.addr, q.ifaFlags});
+      std::vector<int> results;
+      kernelIo().ipAddrAddAll(in_.netlinkSocket, adds, &results);
+      for (size_t i = 0; i < queuedAdds_.size(); ++i) {
+         auto const& q = queuedAdds_[i];
+         if (results[i] == 0) {
+            in_.addrMap->addAddr(q.ifKey, q.addr);
+         } else if (results[i] == EINVAL) {
+            Mox::logMessage(
+                Mox::LogSeverity::error, "VELD-ADDR",
+                "Failed to assign address " + q.addr.toString() + " to interface " + q.deviceName);
+         } else {
+            Mox::logFailure("VELD-ADDR", "Failed to update interface address of " + q.deviceName,
+                            results[i]);
+         }
+      }
+      queuedAdds_.clear();
    }
-   if (err == EINVAL) {
-      Mox::logMessage(
-          Mox::LogSeverity::error, "VELD-ADDR",
-          "Failed to assign address " + addr.toString() + " to interface " + deviceName);
-   } else {
-      Mox::logFailure("VELD-ADDR", "Failed to update interface address of " + deviceName, err);
-   }
-   return err;
+   // The status shows what the kernel holds now.
+   auto intfs = std::move(statusAfterAdds_);
+   statusAfterAdds_.clear();
+   for (auto const& intf : intfs)
+      doUpdateIpStatusAddr(intf);
 }
 
 Mox::HashSet<Konet::IpAddrWithMask> IpIntfSm::wantedAddrs(
@@ -251,7 +271,7 @@ bool IpIntfSm::doUpdateKernelAddrIntf(Konet::IntfId const& intf) {
       }
       // The primary first, so that the kernel makes it the primary of its subnet.
       auto add = [&](Konet::IpAddrWithMask const& a) {
-         if (a.len()) addIpToIntf(sock, a, *in_.addrMap, kniIntf.key, dev, ifaFlags);
+         if (a.len()) addIpToIntf(intf, a, kniIntf.key, dev, ifaFlags);
       };
       add(config->addrWithMask());
       for (auto const& a : config->secondaryWithMaskIterator())
@@ -259,7 +279,8 @@ bool IpIntfSm::doUpdateKernelAddrIntf(Konet::IntfId const& intf) {
       add(config->virtualAddrWithMask());
       for (auto const& a : config->virtualSecondaryWithMaskIterator())
          add(a);
-      doUpdateIpStatusAddr(intf);
+      // With adds queued, the status follows when they are sent.
+      if (statusAfterAdds_.empty() || statusAfterAdds_.back() != intf) doUpdateIpStatusAddr(intf);
       return false;
    }
 
