@@ -53,6 +53,7 @@ int Agent::start(Configuration const& config) {
    // kernel holds, and the configuration follows as a change of it: what was removed
    // meanwhile (an interface, a VRF) is taken out of the kernel like any other change.
    auto applied = appliedBefore();
+   if (applied) seedIp6OwnAddrs(*applied);
    if (!options_.runDir.empty()) {
       dhcp_ = std::make_unique<DhcpClients>(loop_, e_, mirrors_, *vrfs_, options_.runDir);
       if (dhcp_->start() != 0) dhcp_.reset();
@@ -94,6 +95,17 @@ int Agent::start(Configuration const& config) {
    if (applied && !(*applied == config)) apply(config);
    recordApplied();
    return 0;
+}
+
+// The IPv6 addresses the agent put on the interfaces before it stopped are its own: a
+// configuration changed meanwhile takes them out, and nobody else's are touched.
+void Agent::seedIp6OwnAddrs(Configuration const& applied) {
+   for (auto const& [id, s] : applied.interfaces) {
+      if (!s.ipv6.enable) continue;
+      for (auto const& a : s.ipv6.addresses)
+         e_.ip6OwnAddrs->addrIs(id, a);
+      if (s.ipv6.linkLocal) e_.ip6OwnAddrs->addrIs(id, *s.ipv6.linkLocal);
+   }
 }
 
 std::optional<Configuration> Agent::appliedBefore() const {
@@ -187,6 +199,29 @@ void Agent::buildLibrary() {
                       .urpfOnAllIntfStat = urpf,
                       .proxyArpVirtualMac = e_.virtualMac},
                      false);
+   root_->ip6IntfSmIs({.ip6Config = e_.ip6Config,
+                       .vrfIp6IntfConfig = vrfIp6Dir->vrfIpIntfConfig(defaultVrf),
+                       .addrMap = addrMap,
+                       .kernelIntfDir = kniMgr->deviceIntfStatusDir(),
+                       .routingInfoConfig = e_.routing6VrfConfig->vrfConfig(defaultVrf),
+                       .systemIntfIp6Status = e_.systemIp6Status,
+                       .localIntfIp6Status = e_.localIp6Status,
+                       .systemL3IntfStatus = e_.systemL3Status,
+                       .localL3IntfStatus = e_.localL3Status,
+                       .allVrfStatusLocal = e_.vrfStatusLocal,
+                       .multicastGroups = e_.ip6MulticastGroups,
+                       .netlinkSocket = root_->netlinkSocket(),
+                       .allIntfStatusDir = e_.allIntfStatus,
+                       .kniIntfStatusManager = kniMgr,
+                       .vrfName = defaultVrf,
+                       .warpState = warp,
+                       .timerWheel = e_.timerWheel,
+                       .updateIp6IntfStatusVrfReq = e_.updateIp6VrfRequests,
+                       .updateIp6IntfStatusReq = e_.updateIp6Requests,
+                       .urpfOnAllIntfStat = urpf6,
+                       .ip6Enable = e_.ip6Enable,
+                       .ownAddrs = e_.ip6OwnAddrs},
+                      false);
    root_->ipIntfStatusSmIs(e_.ipInputStatus, e_.ipConfig, e_.ipStatus);
    // Borrowers follow their lenders' published status.
    unnumbered_ = Veld::IpUnnumbered::IpIntfSmIs(e_.ipStatus);
@@ -244,7 +279,8 @@ void Agent::buildLibrary() {
         .urpfOnAllIntfStat6 = urpf6,
         .ip6EnableOverride = e_.ip6Enable,
         .intfStatusManagerRoot = managers,
-        .proxyArpVirtualMac = e_.virtualMac},
+        .proxyArpVirtualMac = e_.virtualMac,
+        .ip6OwnAddrs = e_.ip6OwnAddrs},
        false);
    ipIntfVrfReactor_ =
        Veld::IpIntfVrfReactorIs(e_.ipConfig, e_.vrfStatusLocal, e_.intfNamespaceConfig);

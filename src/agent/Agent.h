@@ -104,6 +104,7 @@ private:
    void buildLibrary();
    // The configuration in force when the agent last stopped (kept in the run directory).
    std::optional<Configuration> appliedBefore() const;
+   void seedIp6OwnAddrs(Configuration const& applied);
    void recordApplied() const;
    std::string appliedPath() const { return options_.runDir + "/applied.json"; }
    void dumpRingLog();

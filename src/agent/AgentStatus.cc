@@ -89,6 +89,15 @@ bool Agent::converged() const {
    for (auto const& [vrf, sm] : ipIntfSms()) {
       if (sm->ipIntfKernelUpdateCodefListSize()) return false;
    }
+   if (root_ && root_->ip6IntfSm() && root_->ip6IntfSm()->ip6IntfKernelUpdateCodefListSize()) {
+      return false;
+   }
+   for (auto const& [name, v] : config().vrfs) {
+      auto vrfRoot = vrfRootSm_ ? vrfRootSm_->vrfRoot(name) : nullptr;
+      if (vrfRoot && vrfRoot->ip6IntfSm() &&
+          vrfRoot->ip6IntfSm()->ip6IntfKernelUpdateCodefListSize())
+         return false;
+   }
    auto kernel = kernelAddrs(mirrors_);
    auto secondaries = kernelSecondaries(mirrors_);
    for (auto const& [id, s] : config().interfaces) {

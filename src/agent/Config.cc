@@ -47,6 +47,23 @@ Json ipv4Json(Ipv4Settings const& s) {
    return out;
 }
 
+Json ipv6Json(Ipv6Settings const& s) {
+   Json out = {{"enable", s.enable}, {"addresses", addrList(s.addresses)}};
+   if (s.linkLocal) out["linkLocal"] = s.linkLocal->toString();
+   if (s.acceptDad != Ip6::AcceptDadMode::dadDefault) {
+      static char const* const names[] = {"default", "disabled", "enabled", "strict"};
+      out["acceptDad"] = names[static_cast<int>(s.acceptDad)];
+   }
+   if (s.enhancedDad != Ip::TristateBool::isUnset) {
+      out["enhancedDad"] = s.enhancedDad == Ip::TristateBool::isTrue;
+   }
+   if (s.nsInterval) out["nsInterval"] = s.nsInterval;
+   if (s.nsSource) out["nsSource"] = s.nsSource->toString();
+   if (s.acceptRaDefaultRouter) out["acceptRaDefaultRouter"] = true;
+   if (s.slaac) out["slaac"] = true;
+   return out;
+}
+
 }  // namespace
 
 std::string configurationToJson(Configuration const& config) {
@@ -54,6 +71,7 @@ std::string configurationToJson(Configuration const& config) {
    doc["routing"] = {{"tcpReset", config.routing.tcpReset},
                      {"udpUnreachable", config.routing.udpUnreachable},
                      {"sendRedirects", config.routing.sendRedirects}};
+   if (config.routing.ipv6EnhancedDad) doc["routing"]["ipv6EnhancedDad"] = true;
    Json vrfs = Json::object();
    for (auto const& [name, v] : config.vrfs) {
       Json j = {{"ipv4Routing", v.ipv4Routing}, {"ipv6Routing", v.ipv6Routing}};
@@ -69,7 +87,7 @@ std::string configurationToJson(Configuration const& config) {
       Json j = {{"device", s.device}, {"routed", s.routed}, {"vrf", s.vrf.name()}};
       j["ipv4"] = ipv4Json(s.ipv4);
       if (s.ipv6 != Ipv6Settings()) {
-         j["ipv6"] = {{"enable", s.ipv6.enable}, {"addresses", addrList(s.ipv6.addresses)}};
+         j["ipv6"] = ipv6Json(s.ipv6);
       }
       intfs[id.name()] = j;
    }

@@ -4,9 +4,6 @@
 // writes the library's input entities; nothing else reads the file. Loading refuses the
 // whole document on the first class of problem it finds in each place and reports every
 // place, each with its JSON pointer (RFC 6901: "/interfaces/Ethernet3~11/ipv4/address").
-//
-// Settings that later work wires (IPv6) are validated and kept here, but not written to the
-// library yet.
 #pragma once
 
 #include <cstdint>
@@ -22,14 +19,16 @@
 #include "konet/IpPrefix.h"
 #include "konet/VrfName.h"
 #include "platform/Ip.h"
+#include "platform/Ip6.h"
 #include "platform/Urpf.h"
 
 namespace VeldAgent {
 
 struct RoutingSettings {
-   bool tcpReset = true;        // the kernel answers closed TCP ports with a reset
-   bool udpUnreachable = true;  // ... and closed UDP ports with ICMP port unreachable
-   bool sendRedirects = false;  // ICMP redirects, everywhere
+   bool tcpReset = true;          // the kernel answers closed TCP ports with a reset
+   bool udpUnreachable = true;    // ... and closed UDP ports with ICMP port unreachable
+   bool sendRedirects = false;    // ICMP redirects, everywhere
+   bool ipv6EnhancedDad = false;  // where an interface does not say
    friend bool operator==(RoutingSettings const&, RoutingSettings const&) = default;
 };
 
@@ -66,10 +65,16 @@ struct Ipv4Settings {
    friend bool operator==(Ipv4Settings const&, Ipv4Settings const&) = default;
 };
 
-// Kept, not applied yet.
 struct Ipv6Settings {
    bool enable = false;
-   std::set<Konet::Ip6AddrWithMask> addresses;
+   std::set<Konet::Ip6AddrWithMask> addresses;       // global ones
+   std::optional<Konet::Ip6AddrWithMask> linkLocal;  // none: from the EUI-64
+   Ip6::AcceptDadMode acceptDad = Ip6::AcceptDadMode::dadDefault;
+   Ip::TristateBool enhancedDad = Ip::TristateBool::isUnset;
+   uint32_t nsInterval = 0;  // milliseconds; 0: the kernel's
+   std::optional<Konet::Ip6Addr> nsSource;
+   bool acceptRaDefaultRouter = false;
+   bool slaac = false;  // addresses from router advertisements too
    friend bool operator==(Ipv6Settings const&, Ipv6Settings const&) = default;
 };
 

@@ -64,6 +64,16 @@ char const* typeName(Json const& v) {
 }
 
 // The schema walk: each getter checks one place and records what is wrong with it.
+// An interface's global address is a unicast address outside the link-local, loopback and
+// unspecified ones; its link-local address is one of fe80::/10.
+char const* ipv6GlobalProblem(Konet::Ip6Addr const& a) {
+   if (a.isZero()) return "is the unspecified address";
+   if (a.isMulticast()) return "is a multicast address";
+   if (a.isLoopback()) return "is the loopback address";
+   if (a.isLinkLocal()) return "is a link-local address (give it as linkLocal)";
+   return nullptr;
+}
+
 class Checker {
 public:
    std::vector<DocError> errors;
@@ -166,6 +176,16 @@ public:
       if (!a) {
          error(p, inQuotes(*text) + " is not an IPv4 or IPv6 address" +
                       (why.empty() ? std::string() : " (" + why + ")"));
+         return std::nullopt;
+      }
+      return a;
+   }
+
+   std::optional<Konet::Ip6AddrWithMask> ipv6Global(Json const& v, std::string const& p) {
+      auto a = ipv6(v, p);
+      if (!a) return a;
+      if (char const* why = ipv6GlobalProblem(a->addr())) {
+         error(p, inQuotes(a->toString()) + " " + why);
          return std::nullopt;
       }
       return a;
@@ -292,9 +312,65 @@ void readIpv4(Checker& c, Json const& v, std::string const& p, Ipv4Settings* out
 
 void readIpv6(Checker& c, Json const& v, std::string const& p, Ipv6Settings* out) {
    if (!c.isObject(v, p)) return;
-   c.knownKeys(v, p, {"enable", "addresses"});
+   c.knownKeys(v, p,
+               {"enable", "addresses", "linkLocal", "acceptDad", "enhancedDad", "nsInterval",
+                "nsSource", "acceptRaDefaultRouter", "slaac"});
    c.boolean(v, p, "enable", &out->enable);
-   c.list(v, p, "addresses", &out->addresses, &Checker::ipv6);
+   c.list(v, p, "addresses", &out->addresses, &Checker::ipv6Global);
+   c.optional(v, p, "linkLocal", [&](Json const& a, std::string const& ap) {
+      auto ll = c.ipv6(a, ap);
+      if (!ll) return;
+      if (!ll->addr().isLinkLocal()) {
+         c.error(ap, inQuotes(ll->toString()) + " is not a link-local address (fe80::/10)");
+      } else {
+         out->linkLocal = ll;
+      }
+   });
+   c.optional(v, p, "acceptDad", [&](Json const& a, std::string const& ap) {
+      auto text = c.string(a, ap);
+      if (!text) return;
+      static std::map<std::string, Ip6::AcceptDadMode> const modes{
+          {"default", Ip6::AcceptDadMode::dadDefault},
+          {"disabled", Ip6::AcceptDadMode::dadDisabled},
+          {"enabled", Ip6::AcceptDadMode::dadEnabled},
+          {"strict", Ip6::AcceptDadMode::dadStrict}};
+      auto m = modes.find(*text);
+      if (m == modes.end()) {
+         c.error(ap, inQuotes(*text) + " is not one of \"default\", \"disabled\", \"enabled\", " +
+                         "\"strict\"");
+      } else {
+         out->acceptDad = m->second;
+      }
+   });
+   c.optional(v, p, "enhancedDad", [&](Json const& n, std::string const& np) {
+      if (!n.is_boolean()) {
+         c.error(np, std::string("must be true or false, not ") + typeName(n));
+         return;
+      }
+      out->enhancedDad = n.get<bool>() ? Ip::TristateBool::isTrue : Ip::TristateBool::isFalse;
+   });
+   c.optional(v, p, "nsInterval", [&](Json const& n, std::string const& np) {
+      if (!n.is_number_integer() || n.get<int64_t>() < 1 || n.get<int64_t>() > 3600000) {
+         c.error(np, "must be a number of milliseconds from 1 to 3600000");
+         return;
+      }
+      out->nsInterval = static_cast<uint32_t>(n.get<int64_t>());
+   });
+   c.optional(v, p, "nsSource", [&](Json const& a, std::string const& ap) {
+      auto text = c.string(a, ap);
+      if (!text) return;
+      std::string why;
+      auto addr = Konet::Ip6Addr::parse(*text, &why);
+      if (!addr) {
+         c.error(ap, inQuotes(*text) + " is not an IPv6 address (" + why + ")");
+      } else if (addr->isZero() || addr->isMulticast()) {
+         c.error(ap, inQuotes(*text) + " is not a unicast address");
+      } else {
+         out->nsSource = addr;
+      }
+   });
+   c.boolean(v, p, "acceptRaDefaultRouter", &out->acceptRaDefaultRouter);
+   c.boolean(v, p, "slaac", &out->slaac);
 }
 
 void readInterface(Checker& c, Json const& v, std::string const& p, InterfaceSettings* out) {
@@ -375,10 +451,51 @@ void readVrf(Checker& c, Json const& v, std::string const& p, bool isDefault, Vr
 
 void readRouting(Checker& c, Json const& v, std::string const& p, RoutingSettings* out) {
    if (!c.isObject(v, p)) return;
-   c.knownKeys(v, p, {"tcpReset", "udpUnreachable", "sendRedirects"});
+   c.knownKeys(v, p, {"tcpReset", "udpUnreachable", "sendRedirects", "ipv6EnhancedDad"});
+   c.boolean(v, p, "ipv6EnhancedDad", &out->ipv6EnhancedDad);
    c.boolean(v, p, "tcpReset", &out->tcpReset);
    c.boolean(v, p, "udpUnreachable", &out->udpUnreachable);
    c.boolean(v, p, "sendRedirects", &out->sendRedirects);
+}
+
+// IPv6 between interfaces: an address once per VRF, and a prefix on one interface of a VRF.
+void checkIpv6Across(Checker& c, Configuration const& config) {
+   struct Owner {
+      Konet::IntfId intf;
+      std::string place;
+   };
+   std::map<std::pair<L3::VrfName, Konet::Ip6Addr>, Owner> addrs;
+   std::vector<std::tuple<L3::VrfName, Konet::Ip6Prefix, Owner>> prefixes;
+   for (auto const& [id, s] : config.interfaces) {
+      std::string p = at(at(at("/interfaces", id.name()), "ipv6"), "addresses");
+      size_t i = 0;
+      for (auto const& a : s.ipv6.addresses) {
+         Owner owner{id, p + "/" + std::to_string(i++)};
+         auto [it, fresh] = addrs.emplace(std::pair(s.vrf, a.addr()), owner);
+         if (!fresh) {
+            c.error(owner.place, "address " + a.addr().toString() + " is already configured at " +
+                                     it->second.place);
+            continue;
+         }
+         prefixes.emplace_back(s.vrf, a.subnet(), owner);
+      }
+   }
+   // Prefixes either nest or are apart: in (VRF, prefix) order every prefix that overlaps one
+   // follows it within its range.
+   std::sort(prefixes.begin(), prefixes.end(), [](auto const& x, auto const& y) {
+      return std::tie(std::get<0>(x), std::get<1>(x)) < std::tie(std::get<0>(y), std::get<1>(y));
+   });
+   for (size_t i = 0; i < prefixes.size(); ++i) {
+      auto const& [vrf, outer, owner] = prefixes[i];
+      for (size_t j = i + 1; j < prefixes.size(); ++j) {
+         auto const& [vrf2, inner, owner2] = prefixes[j];
+         if (vrf2 != vrf || !outer.contains(inner.network())) break;
+         if (owner2.intf == owner.intf) continue;
+         c.error(owner2.place, "prefix " + inner.toString() + " overlaps prefix " +
+                                   outer.toString() + " of " + owner.place);
+         break;
+      }
+   }
 }
 
 // The rules between places.
@@ -458,6 +575,7 @@ void checkAcross(Checker& c, Configuration const& config) {
          subnets.push_back({s.vrf, a.subnet().network().value(), a.len(), Owner{id, place}});
       }
    }
+   checkIpv6Across(c, config);
    // A subnet belongs to one interface of a VRF. Subnets either nest or are apart, so in
    // (VRF, network, length) order every subnet that overlaps one follows it within its range.
    std::sort(subnets.begin(), subnets.end(), [](Subnet const& x, Subnet const& y) {

@@ -49,6 +49,7 @@ void ConfigWriter::writeRouting(RoutingSettings const& r) {
    e_.kernelProto->tcpSendResetIs(r.tcpReset);
    e_.kernelProto->udpSendUnreachableIs(r.udpUnreachable);
    e_.ipConfig->sendRedirectsIs(r.sendRedirects);
+   e_.ip6Config->enhancedDadIs(r.ipv6EnhancedDad);
 }
 
 void ConfigWriter::writeVrf(L3::VrfName const& name, VrfSettings const& v) {
@@ -108,11 +109,30 @@ void ConfigWriter::writeIntf(Konet::IntfId const& id, InterfaceSettings const& s
    c->attachedRoutesIs(v4.attachedRoutes && !v4.unnumbered);
    c->unnumberedIntfIdIs(v4.unnumbered.value_or(Konet::IntfId()));
    c->l3ConfigIs(l3);
+   writeIntf6(id, s.ipv6, l3);
+}
+
+void ConfigWriter::writeIntf6(Konet::IntfId const& id, Ipv6Settings const& v6,
+                              Mox::Ptr<L3::Intf::Config> const& l3) {
+   auto c = e_.ip6Config->intfIs(id);
+   syncSet(
+       v6.addresses, c->addrIterator(), [&](auto const& a) { c->addrIs(a); },
+       [&](auto const& a) { c->addrDel(a); });
+   c->llAddrWithMaskIs(v6.linkLocal.value_or(Konet::Ip6AddrWithMask()));
+   c->addrSourceIs(v6.slaac ? Ip6::AddrSource::slaac : Ip6::AddrSource::manual);
+   c->acceptDadIs(v6.acceptDad);
+   c->enhancedDadIs(v6.enhancedDad);
+   c->nsRetransmitIntervalIs(v6.nsInterval);
+   c->nsSourceAddrIs(v6.nsSource.value_or(Konet::Ip6Addr()));
+   c->acceptRaDefRtrIs(v6.acceptRaDefaultRouter);
+   c->l3ConfigIs(l3);
+   c->enableIs(v6.enable);  // last: the interface is enabled with its whole configuration
 }
 
 void ConfigWriter::removeIntf(Konet::IntfId const& id, InterfaceSettings const& old) {
    MOX_TRACE_FN(th, id);
    e_.cliIpConfig->ipIntfConfigDel(id);
+   e_.ip6Config->intfDel(id);
    e_.l3Config->intfConfigDel(id);
    intfs_.intfDel(id, old);
 }

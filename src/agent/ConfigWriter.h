@@ -5,12 +5,13 @@
 //    each VRF        -> Routing::VrfInfoConfigDir, Routing6::VrfInfoConfigDir, VrfNamespaces,
 //                       VrfTypes::MultiAgentVrfProtoConfig (its routing daemons)
 //    each interface  -> the command line's Ip::Config (IpIntfConfig, with its address
-//                       source and lender), L3::Intf::ConfigDir (its VRF),
+//                       source and lender), Ip6::Config (IntfConfig), L3::Intf::ConfigDir
+//                       (its VRF),
 //                       IntfStatusPublisher (forwarding model, device)
 //
 // VRFs are added before the interfaces that use them and removed after. Within an interface
 // every setter is silent when its value is unchanged, so a changed secondary notifies that
-// secondary only. IPv6 settings are not written yet; DHCP clients are DhcpClients' work.
+// secondary only. DHCP clients are DhcpClients' work.
 #pragma once
 
 #include "agent/Config.h"
@@ -35,6 +36,8 @@ private:
    void writeVrf(L3::VrfName const& name, VrfSettings const& v);
    void removeVrf(L3::VrfName const& name);
    void writeIntf(Konet::IntfId const& id, InterfaceSettings const& s);
+   void writeIntf6(Konet::IntfId const& id, Ipv6Settings const& v6,
+                   Mox::Ptr<L3::Intf::Config> const& l3);
    void removeIntf(Konet::IntfId const& id, InterfaceSettings const& old);
 
    Entities& e_;

@@ -31,6 +31,7 @@ Entities::Entities()
       vrfStatusGlobal(make<Ip::AllVrfStatusGlobal>()),
       virtualMac(make<ProxyArp::VirtualMacStatus>()),
       ip6Enable(make<Ip6::Ip6Enable>()),
+      ip6OwnAddrs(make<Veld::Ip6OwnAddrs>()),
       ipInputStatus(make<Ip::IpInputStatusDir>()),
       ipStatus(make<Ip::Status>()),
       l3InputStatus(make<L3::Intf::InputStatusDir>()),

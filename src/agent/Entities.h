@@ -14,6 +14,7 @@
 #include "platform/L3.h"
 #include "platform/ProxyArp.h"
 #include "platform/Routing.h"
+#include "veld/ipv6/Ip6OwnAddrs.h"
 #include "veld/unnumbered/LenderToBorrowersStatus.h"
 #include "veld/redundancy/SsoConfig.h"
 
@@ -56,6 +57,9 @@ struct Entities {
    Mox::Ptr<Ip::AllVrfStatusGlobal> vrfStatusGlobal;
    Mox::Ptr<ProxyArp::VirtualMacStatus> virtualMac;
    Mox::Ptr<Ip6::Ip6Enable> ip6Enable;
+   // The IPv6 addresses the agent added, seeded at start from the configuration it applied
+   // before it stopped.
+   Mox::Ptr<Veld::Ip6OwnAddrs> ip6OwnAddrs;
 
    // What the library writes: per producer, then merged.
    Mox::Ptr<Ip::IpInputStatusDir> ipInputStatus;

@@ -43,7 +43,7 @@ IntfStatusPublisher::~IntfStatusPublisher() {
 Interface::Eui64 IntfStatusPublisher::eui64FromMac(std::array<uint8_t, 6> const& mac) {
    Interface::Eui64 eui{};
    if (mac == std::array<uint8_t, 6>{}) return eui;
-   eui = {static_cast<uint8_t>(mac[0] ^ 0x02), mac[1], mac[2], 0xff, 0xfe, mac[3], mac[4], mac[5]};
+   eui = {mac[0], mac[1], mac[2], 0xff, 0xfe, mac[3], mac[4], mac[5]};
    return eui;
 }
 

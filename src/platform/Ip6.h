@@ -1,6 +1,6 @@
-// IPv6 interface configuration and status, as far as the IPv4 path and the VRF roots read
-// them: the configuration's interfaces and their L3 configuration, and the status
-// directories handed to the IPv6 machines.
+// IPv6 interface configuration and status: the configuration of each interface and the
+// switch-wide defaults, each producer's interface status, the enable overrides other
+// programs ask for, and the multicast groups the interfaces join.
 #pragma once
 
 #include "konet/IntfId.h"
@@ -8,26 +8,97 @@
 #include "mox/Entity.h"
 #include "mox/HashMap.h"
 #include "mox/Name.h"
+#include "platform/Ip.h"
 #include "platform/L3.h"
 
 namespace Ip6 {
 
+// Duplicate address detection on an interface, written to accept_dad by its number: the
+// kernel's default (1), off (0), on (1), on and IPv6 off on a link-local failure (2).
+enum class AcceptDadMode : uint8_t {
+   dadDefault = 0,
+   dadDisabled = 1,
+   dadEnabled = 2,
+   dadStrict = 3
+};
+constexpr auto moxEnumNames(AcceptDadMode) {
+   using M = AcceptDadMode;
+   return Mox::EnumNames<M, 4>{{{M::dadDefault, "dadDefault"},
+                                {M::dadDisabled, "dadDisabled"},
+                                {M::dadEnabled, "dadEnabled"},
+                                {M::dadStrict, "dadStrict"}}};
+}
+inline std::ostream& operator<<(std::ostream& os, AcceptDadMode v) {
+   return Mox::streamEnum(os, v);
+}
+
+// Where an interface's global addresses come from: the configuration, or the router
+// advertisements of the link as well (stateless autoconfiguration).
+enum class AddrSource : uint8_t { manual = 0, slaac = 1 };
+constexpr auto moxEnumNames(AddrSource) {
+   return Mox::EnumNames<AddrSource, 2>{
+       {{AddrSource::manual, "manual"}, {AddrSource::slaac, "slaac"}}};
+}
+inline std::ostream& operator<<(std::ostream& os, AddrSource v) { return Mox::streamEnum(os, v); }
+
+using AddrSet = Mox::HashSet<Konet::Ip6AddrWithMask>;
+
+// The IPv6 configuration of one interface.
 class IntfConfig : public Mox::Entity {
 public:
    class NotifieeConst : public Mox::EntityNotifiee<IntfConfig> {
    public:
       virtual void onEnable() {}
       virtual void onAddr(Konet::Ip6AddrWithMask const&) {}
+      virtual void onLlAddrWithMask() {}
+      virtual void onAddrSource() {}
+      virtual void onAcceptDad() {}
+      virtual void onEnhancedDad() {}
+      virtual void onNsRetransmitInterval() {}
+      virtual void onNsSourceAddr() {}
+      virtual void onAcceptRaDefRtr() {}
+      virtual void onNoArp() {}
       virtual void onL3Config() {}
    };
    explicit IntfConfig(Konet::IntfId intf) : intf_(std::move(intf)) {}
    Konet::IntfId const& intf() const { return intf_; }
    bool enable() const { return enable_; }
    void enableIs(bool v) { setAttr(enable_, v, &NotifieeConst::onEnable); }
+   // The global addresses.
    bool addr(Konet::Ip6AddrWithMask const& a) const { return addr_.contains(a); }
    void addrIs(Konet::Ip6AddrWithMask const& a) { insertMember(addr_, a, &NotifieeConst::onAddr); }
    void addrDel(Konet::Ip6AddrWithMask const& a) { delMember(addr_, a, &NotifieeConst::onAddr); }
-   Mox::HashSet<Konet::Ip6AddrWithMask> const& addrIterator() const { return addr_; }
+   AddrSet const& addrIterator() const { return addr_; }
+   // An explicit link-local address (none: ::/0, the one from the EUI-64 is used).
+   Konet::Ip6AddrWithMask const& llAddrWithMask() const { return llAddrWithMask_; }
+   void llAddrWithMaskIs(Konet::Ip6AddrWithMask const& v) {
+      setAttr(llAddrWithMask_, v, &NotifieeConst::onLlAddrWithMask);
+   }
+   AddrSource addrSource() const { return addrSource_; }
+   void addrSourceIs(AddrSource v) { setAttr(addrSource_, v, &NotifieeConst::onAddrSource); }
+   AcceptDadMode acceptDad() const { return acceptDad_; }
+   void acceptDadIs(AcceptDadMode v) { setAttr(acceptDad_, v, &NotifieeConst::onAcceptDad); }
+   // Enhanced DAD (unset: the switch-wide default).
+   Ip::TristateBool enhancedDad() const { return enhancedDad_; }
+   void enhancedDadIs(Ip::TristateBool v) {
+      setAttr(enhancedDad_, v, &NotifieeConst::onEnhancedDad);
+   }
+   // Neighbour solicitations: the interval in milliseconds (0: the kernel's) and the source
+   // address (zero: the kernel's choice).
+   uint32_t nsRetransmitInterval() const { return nsRetransmitInterval_; }
+   void nsRetransmitIntervalIs(uint32_t v) {
+      setAttr(nsRetransmitInterval_, v, &NotifieeConst::onNsRetransmitInterval);
+   }
+   Konet::Ip6Addr const& nsSourceAddr() const { return nsSourceAddr_; }
+   void nsSourceAddrIs(Konet::Ip6Addr const& v) {
+      setAttr(nsSourceAddr_, v, &NotifieeConst::onNsSourceAddr);
+   }
+   // A default router learnt from router advertisements is accepted.
+   bool acceptRaDefRtr() const { return acceptRaDefRtr_; }
+   void acceptRaDefRtrIs(bool v) { setAttr(acceptRaDefRtr_, v, &NotifieeConst::onAcceptRaDefRtr); }
+   // isTrue sets IFF_NOARP on the device.
+   Ip::TristateBool noArp() const { return noArp_; }
+   void noArpIs(Ip::TristateBool v) { setAttr(noArp_, v, &NotifieeConst::onNoArp); }
    Mox::Ptr<L3::Intf::Config const> const& l3Config() const { return l3Config_; }
    void l3ConfigIs(Mox::Ptr<L3::Intf::Config const> const& v) {
       setAttr(l3Config_, v, &NotifieeConst::onL3Config);
@@ -36,7 +107,15 @@ public:
 private:
    Konet::IntfId const intf_;
    bool enable_ = false;
-   Mox::HashSet<Konet::Ip6AddrWithMask> addr_;
+   AddrSet addr_;
+   Konet::Ip6AddrWithMask llAddrWithMask_;
+   AddrSource addrSource_ = AddrSource::manual;
+   AcceptDadMode acceptDad_ = AcceptDadMode::dadDefault;
+   Ip::TristateBool enhancedDad_ = Ip::TristateBool::isUnset;
+   uint32_t nsRetransmitInterval_ = 0;
+   Konet::Ip6Addr nsSourceAddr_;
+   bool acceptRaDefRtr_ = false;
+   Ip::TristateBool noArp_ = Ip::TristateBool::isUnset;
    Mox::Ptr<L3::Intf::Config const> l3Config_;
 };
 
@@ -46,6 +125,7 @@ public:
    class NotifieeConst : public Mox::EntityNotifiee<Config> {
    public:
       virtual void onIntf(Konet::IntfId const&) {}
+      virtual void onEnhancedDad() {}
    };
    using Members = Mox::HashMap<Konet::IntfId, Mox::Ptr<IntfConfig>>;
    Mox::Ptr<IntfConfig> intf(Konet::IntfId const& id) const { return Mox::valueOr(intf_, id); }
@@ -54,35 +134,150 @@ public:
    }
    void intfDel(Konet::IntfId const& id) { delMember(intf_, id, &NotifieeConst::onIntf); }
    Members const& intfIterator() const { return intf_; }
+   // Enhanced DAD where an interface leaves it unset.
+   bool enhancedDad() const { return enhancedDad_; }
+   void enhancedDadIs(bool v) { setAttr(enhancedDad_, v, &NotifieeConst::onEnhancedDad); }
 
 private:
    Members intf_;
+   bool enhancedDad_ = false;
 };
 
-// Status entities of the IPv6 path, held here until the IPv6 machines use them.
+// The IPv6 status of one interface, as one producer writes it.
 class IntfStatus : public Mox::Entity {
 public:
+   class NotifieeConst : public Mox::EntityNotifiee<IntfStatus> {
+   public:
+      virtual void onAddr(Konet::Ip6AddrWithMask const&) {}
+      virtual void onDadFailedAddr(Konet::Ip6AddrWithMask const&) {}
+      virtual void onAcceptDad() {}
+      virtual void onEnhancedDad() {}
+      virtual void onNsRetransmitInterval() {}
+      virtual void onVrf() {}
+   };
    explicit IntfStatus(Konet::IntfId intf) : intf_(std::move(intf)) {}
    Konet::IntfId const& intf() const { return intf_; }
+   // The addresses the kernel holds on the interface, link-local ones included.
+   bool addrHas(Konet::Ip6AddrWithMask const& a) const { return addr_.contains(a); }
+   void addrIs(Konet::Ip6AddrWithMask const& a) { insertMember(addr_, a, &NotifieeConst::onAddr); }
+   void addrDel(Konet::Ip6AddrWithMask const& a) { delMember(addr_, a, &NotifieeConst::onAddr); }
+   AddrSet const& addrIterator() const { return addr_; }
+   // Configured addresses that failed duplicate address detection.
+   bool dadFailedAddr(Konet::Ip6AddrWithMask const& a) const { return dadFailed_.contains(a); }
+   void dadFailedAddrIs(Konet::Ip6AddrWithMask const& a) {
+      insertMember(dadFailed_, a, &NotifieeConst::onDadFailedAddr);
+   }
+   void dadFailedAddrDel(Konet::Ip6AddrWithMask const& a) {
+      delMember(dadFailed_, a, &NotifieeConst::onDadFailedAddr);
+   }
+   AddrSet const& dadFailedAddrIterator() const { return dadFailed_; }
+   AcceptDadMode acceptDad() const { return acceptDad_; }
+   void acceptDadIs(AcceptDadMode v) { setAttr(acceptDad_, v, &NotifieeConst::onAcceptDad); }
+   Ip::TristateBool enhancedDad() const { return enhancedDad_; }
+   void enhancedDadIs(Ip::TristateBool v) {
+      setAttr(enhancedDad_, v, &NotifieeConst::onEnhancedDad);
+   }
+   uint32_t nsRetransmitInterval() const { return nsRetransmitInterval_; }
+   void nsRetransmitIntervalIs(uint32_t v) {
+      setAttr(nsRetransmitInterval_, v, &NotifieeConst::onNsRetransmitInterval);
+   }
+   L3::VrfName const& vrf() const { return vrf_; }
+   void vrfIs(L3::VrfName const& v) { setAttr(vrf_, v, &NotifieeConst::onVrf); }
 
 private:
    Konet::IntfId const intf_;
+   AddrSet addr_;
+   AddrSet dadFailed_;
+   AcceptDadMode acceptDad_ = AcceptDadMode::dadDefault;
+   Ip::TristateBool enhancedDad_ = Ip::TristateBool::isUnset;
+   uint32_t nsRetransmitInterval_ = 0;
+   L3::VrfName vrf_;
 };
 
 namespace Input {
+// The IPv6 interface statuses of one producer.
 class Status : public Mox::Entity {
 public:
+   static constexpr Mox::AttrId kIntfStatus = 1;
+   class NotifieeConst : public Mox::EntityNotifiee<Status> {
+   public:
+      virtual void onIntfStatus(Konet::IntfId const&) {}
+   };
+   using Members = Mox::HashMap<Konet::IntfId, Mox::Ptr<IntfStatus>>;
    explicit Status(Mox::Name name = Mox::Name()) : name_(std::move(name)) {}
    Mox::Name const& name() const { return name_; }
+   Mox::Ptr<IntfStatus> intfStatus(Konet::IntfId const& id) const {
+      return Mox::valueOr(intfStatus_, id);
+   }
+   Mox::Ptr<IntfStatus> intfStatusIs(Konet::IntfId const& id) {
+      return instantiateMember<IntfStatus>(intfStatus_, id, kIntfStatus,
+                                           &NotifieeConst::onIntfStatus);
+   }
+   void intfStatusDel(Konet::IntfId const& id) {
+      delMember(intfStatus_, id, &NotifieeConst::onIntfStatus);
+   }
+   Members const& intfStatusIterator() const { return intfStatus_; }
 
 private:
    Mox::Name name_;
+   Members intfStatus_;
 };
 }  // namespace Input
 
+// The multicast groups each interface has joined for the applications.
+class MulticastGroupsForApplications : public Mox::Entity {
+public:
+   class NotifieeConst : public Mox::EntityNotifiee<MulticastGroupsForApplications> {
+   public:
+      virtual void onGroup(Konet::IntfId const&) {}
+   };
+   using Groups = Mox::HashSet<Konet::Ip6Addr>;
+   bool group(Konet::IntfId const& intf, Konet::Ip6Addr const& g) const {
+      auto const* s = groups_.find(intf);
+      return s && s->contains(g);
+   }
+   void groupIs(Konet::IntfId const& intf, Konet::Ip6Addr const& g) {
+      auto [s, fresh] = groups_.emplace(intf);
+      (void)fresh;
+      if (s->insert(g)) notify(&NotifieeConst::onGroup, intf);
+   }
+   void groupDel(Konet::IntfId const& intf, Konet::Ip6Addr const& g) {
+      auto* s = groups_.find(intf);
+      if (!s || !s->erase(g)) return;
+      if (s->empty()) groups_.erase(intf);
+      notify(&NotifieeConst::onGroup, intf);
+   }
+   void groupDelAll(Konet::IntfId const& intf) {
+      if (groups_.erase(intf)) notify(&NotifieeConst::onGroup, intf);
+   }
+   Groups const* groups(Konet::IntfId const& intf) const { return groups_.find(intf); }
+
+private:
+   Mox::HashMap<Konet::IntfId, Groups> groups_;
+};
+
+// IPv6 switched on for interfaces whatever their configuration says, because a program on
+// the switch needs it there.
+class Ip6Enable : public Mox::Entity {
+public:
+   class NotifieeConst : public Mox::EntityNotifiee<Ip6Enable> {
+   public:
+      virtual void onIntfEnable(Konet::IntfId const&) {}
+   };
+   bool intfEnable(Konet::IntfId const& intf) const { return Mox::valueOr(enable_, intf); }
+   void intfEnableIs(Konet::IntfId const& intf, bool v) {
+      setMember(enable_, intf, v, &NotifieeConst::onIntfEnable);
+   }
+   void intfEnableDel(Konet::IntfId const& intf) {
+      delMember(enable_, intf, &NotifieeConst::onIntfEnable);
+   }
+   Mox::HashMap<Konet::IntfId, bool> const& intfEnableIterator() const { return enable_; }
+
+private:
+   Mox::HashMap<Konet::IntfId, bool> enable_;
+};
+
 class Status : public Mox::Entity {};
 class Ip6InputStatusDir : public Mox::Entity {};
-class MulticastGroupsForApplications : public Mox::Entity {};
-class Ip6Enable : public Mox::Entity {};
 
 }  // namespace Ip6

@@ -32,6 +32,14 @@ int KernelIo::ipAddrDel(int sock, int ifindex, Konet::IpAddrWithMask const& addr
    return Konet::ipAddrDel(sock, ifindex, addr);
 }
 
+int KernelIo::ip6AddrAdd(int sock, int ifindex, Konet::Ip6AddrWithMask const& addr) {
+   return Konet::ip6AddrAdd(sock, ifindex, addr);
+}
+
+int KernelIo::ip6AddrDel(int sock, int ifindex, Konet::Ip6AddrWithMask const& addr) {
+   return Konet::ip6AddrDel(sock, ifindex, addr);
+}
+
 int KernelIo::setKintfFlags(int sock, int ifindex, uint32_t flags, uint32_t mask) {
    return Konet::setKintfFlags(sock, ifindex, flags, mask);
 }

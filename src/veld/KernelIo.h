@@ -35,6 +35,8 @@ public:
    virtual void ipAddrAddAll(int sock, std::vector<Konet::IpAddrAdd> const& adds,
                              std::vector<int>* results);
    virtual int ipAddrDel(int sock, int ifindex, Konet::IpAddrWithMask const& addr);
+   virtual int ip6AddrAdd(int sock, int ifindex, Konet::Ip6AddrWithMask const& addr);
+   virtual int ip6AddrDel(int sock, int ifindex, Konet::Ip6AddrWithMask const& addr);
    virtual int setKintfFlags(int sock, int ifindex, uint32_t flags, uint32_t mask);
    virtual int ipAddrFlush(int sock, int ifindex, std::string const& devName,
                            std::string const& ns);
@@ -75,6 +77,12 @@ public:
    }
    int ipAddrDel(int sock, int ifindex, Konet::IpAddrWithMask const& addr) override {
       return inner_.ipAddrDel(sock, ifindex, addr);
+   }
+   int ip6AddrAdd(int sock, int ifindex, Konet::Ip6AddrWithMask const& addr) override {
+      return inner_.ip6AddrAdd(sock, ifindex, addr);
+   }
+   int ip6AddrDel(int sock, int ifindex, Konet::Ip6AddrWithMask const& addr) override {
+      return inner_.ip6AddrDel(sock, ifindex, addr);
    }
    int setKintfFlags(int sock, int ifindex, uint32_t flags, uint32_t mask) override {
       return inner_.setKintfFlags(sock, ifindex, flags, mask);

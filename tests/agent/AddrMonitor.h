@@ -1,4 +1,5 @@
-// Every IPv4 address the kernel adds or deletes in a namespace from the monitor's creation on.
+// Every address the kernel adds or deletes in a namespace from the monitor's creation on (IPv4,
+// or the families of `groups`).
 #pragma once
 
 #include <gtest/gtest.h>
@@ -15,9 +16,10 @@ namespace VeldTest {
 
 class AddrMonitor {
 public:
-   explicit AddrMonitor(Konet::NamespaceName const& ns = Konet::NamespaceName()) {
+   explicit AddrMonitor(Konet::NamespaceName const& ns = Konet::NamespaceName(),
+                        uint32_t groups = RTMGRP_IPV4_IFADDR) {
       int err = 0;
-      sock_ = Konet::createNetlinkSocket(ns, RTMGRP_IPV4_IFADDR, 0, false, 1 << 20, &err);
+      sock_ = Konet::createNetlinkSocket(ns, groups, 0, false, 1 << 20, &err);
       EXPECT_TRUE(sock_) << err;
    }
    // The events received so far: "+10.0.0.1/24" or "-10.0.0.1/24".

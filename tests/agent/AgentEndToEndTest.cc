@@ -403,15 +403,17 @@ protected:
          "Ethernet2": {"device": ")" +
              et2.name + R"(", "ipv4": {"address": "10.2.0.1/24"}}}})";
    }
-   // The device's IPv4 addresses in `ns`; empty when it is not there.
-   Set kernelIn(Konet::NamespaceName const& where, std::string const& dev) {
+   // The device's IPv4 (or IPv6) addresses in `ns`; empty when it is not there.
+   Set kernelIn(Konet::NamespaceName const& where, std::string const& dev, int family = AF_INET) {
       int err = 0;
       auto s = Konet::createNetlinkSocket(where, 0, 2, true, 0, &err);
       int ifindex = 0;
       if (!s || Konet::linkIndex(s.get(), dev, &ifindex) != 0) return {};
       Set out;
-      for (auto const& a : addrs(ifindex, AF_INET, s.get()))
+      for (auto const& a : addrs(ifindex, family, s.get())) {
+         if (family == AF_INET6 && a.addr.v6().isLinkLocal()) continue;
          out.insert(a.addr.toString() + "/" + std::to_string(a.prefixLen));
+      }
       return out;
    }
    bool nsExists() const { return ::access(("/run/netns/" + ns.name()).c_str(), F_OK) == 0; }
@@ -491,6 +493,53 @@ TEST_F(AgentVrfEndToEnd, RestartWithAVrfIsHitless) {
    EXPECT_EQ(inRed.events(), std::vector<std::string>{});
    EXPECT_EQ(veld.show("backlog").at("procWrites"), 0) << "a restart wrote to /proc";
    EXPECT_EQ(kernelIn(ns, et1.name), (Set{"10.1.0.1/24", "10.1.1.1/24"}));
+}
+
+// IPv6 configuration reaches the kernel in the default VRF and in a VRF's namespace; a
+// restart on the same configuration touches no address, and one on a changed configuration
+// deletes exactly the address that went.
+TEST_F(AgentVrfEndToEnd, Ipv6ReachesBothVrfsAndRestartsAreHitless) {
+   auto text = [&](char const* more2) {
+      return R"({"vrfs": {"red": {"namespace": ")" + ns.name() +
+             R"(", "ipv6Routing": true}}, "interfaces": {
+         "Ethernet1": {"device": ")" +
+             et1.name + R"(", "vrf": "red", "ipv6": {"enable": true,
+             "addresses": ["2001:db8:1::1/64"], "acceptDad": "disabled"}},
+         "Ethernet2": {"device": ")" +
+             et2.name + R"(", "ipv6": {"enable": true, "acceptDad": "disabled",
+             "addresses": ["2001:db8:2::1/64")" +
+             more2 + R"(]}}}})";
+   };
+   startConverged(text(R"(, "2001:db8:2::2/64")"));
+   ASSERT_TRUE(KonetTest::waitFor([&] {
+      return kernelIn(ns, et1.name, AF_INET6) == Set{"2001:db8:1::1/64"} &&
+             kernelIn(Konet::NamespaceName(), et2.name, AF_INET6) ==
+                 Set{"2001:db8:2::1/64", "2001:db8:2::2/64"};
+   }));
+   std::string value;
+   Konet::readProcSys("/proc/sys/net/ipv6/conf/" + et2.name + "/accept_dad", &value);
+   EXPECT_EQ(value, "0");
+   Konet::readProcSys("/proc/sys/net/ipv6/conf/" + et2.name + "/forwarding", &value);
+   EXPECT_EQ(value, "0");  // the default VRF does not route IPv6 here
+
+   veld.kill9();
+   {
+      AddrMonitor inDefault(Konet::NamespaceName(), RTMGRP_IPV6_IFADDR);
+      AddrMonitor inRed(ns, RTMGRP_IPV6_IFADDR);
+      veld.start();
+      ASSERT_TRUE(veld.waitConverged());
+      EXPECT_EQ(inDefault.events(), std::vector<std::string>{});
+      EXPECT_EQ(inRed.events(), std::vector<std::string>{});
+      veld.kill9();
+   }
+   AddrMonitor inDefault(Konet::NamespaceName(), RTMGRP_IPV6_IFADDR);
+   veld.writeConfig(text(""));
+   veld.start();
+   ASSERT_TRUE(KonetTest::waitFor([&] {
+      return kernelIn(Konet::NamespaceName(), et2.name, AF_INET6) == Set{"2001:db8:2::1/64"};
+   }));
+   ASSERT_TRUE(veld.waitConverged());
+   EXPECT_EQ(inDefault.events(), std::vector<std::string>{"-2001:db8:2::2/64"});
 }
 
 }  // namespace

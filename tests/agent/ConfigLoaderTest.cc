@@ -184,6 +184,57 @@ TEST(ConfigLoader, RefusesConflictsBetweenPlaces) {
                          "/interfaces/Ethernet1/ipv4/secondaries", "need a primary"));
 }
 
+std::string intf6(std::string const& ipv6) {
+   return R"({"interfaces": {"Ethernet1": {"device": "et1", "ipv6": )" + ipv6 + "}}}";
+}
+
+TEST(ConfigLoader, ReadsAndChecksIpv6) {
+   auto r = parseConfiguration(intf6(R"({"enable": true, "addresses": ["2001:db8::1/64"],
+      "linkLocal": "fe80::1/64", "acceptDad": "strict", "enhancedDad": false, "nsInterval": 400,
+      "nsSource": "2001:db8::1", "acceptRaDefaultRouter": true, "slaac": true})"));
+   ASSERT_TRUE(r.config) << r.errors.front().toString();
+   auto const& v6 = r.config->interfaces.begin()->second.ipv6;
+   EXPECT_EQ(v6.linkLocal->toString(), "fe80::1/64");
+   EXPECT_EQ(v6.acceptDad, Ip6::AcceptDadMode::dadStrict);
+   EXPECT_EQ(v6.enhancedDad, Ip::TristateBool::isFalse);
+   EXPECT_EQ(v6.nsInterval, 400u);
+   EXPECT_TRUE(v6.acceptRaDefaultRouter && v6.slaac);
+   // What the record of an applied configuration holds reads back the same.
+   auto again = parseConfiguration(configurationToJson(*r.config));
+   ASSERT_TRUE(again.config);
+   EXPECT_EQ(*again.config, *r.config);
+
+   auto at = "/interfaces/Ethernet1/ipv6/addresses/0";
+   EXPECT_TRUE(refusedAt(intf6(R"({"addresses": ["ff02::1/64"]})"), at, "multicast"));
+   EXPECT_TRUE(refusedAt(intf6(R"({"addresses": ["::/64"]})"), at, "unspecified"));
+   EXPECT_TRUE(refusedAt(intf6(R"({"addresses": ["::1/128"]})"), at, "loopback"));
+   EXPECT_TRUE(refusedAt(intf6(R"({"addresses": ["fe80::1/64"]})"), at, "link-local"));
+   EXPECT_TRUE(refusedAt(intf6(R"({"addresses": ["2001:db8::1/64", "2001:db8::1/64"]})"),
+                         "/interfaces/Ethernet1/ipv6/addresses/1", "listed twice"));
+   EXPECT_TRUE(refusedAt(intf6(R"({"linkLocal": "2001:db8::1/64"})"),
+                         "/interfaces/Ethernet1/ipv6/linkLocal", "not a link-local"));
+   EXPECT_TRUE(refusedAt(intf6(R"({"acceptDad": "maybe"})"), "/interfaces/Ethernet1/ipv6/acceptDad",
+                         "not one of"));
+   EXPECT_TRUE(refusedAt(intf6(R"({"nsInterval": 0})"), "/interfaces/Ethernet1/ipv6/nsInterval",
+                         "milliseconds"));
+   EXPECT_TRUE(refusedAt(intf6(R"({"nsSource": "ff02::1"})"), "/interfaces/Ethernet1/ipv6/nsSource",
+                         "not a unicast"));
+
+   auto two = [](char const* a, char const* b, char const* vrfB = "default") {
+      return std::string(R"({"vrfs": {"red": {}}, "interfaces": {
+         "Ethernet1": {"device": "et1", "ipv6": {"addresses": [")") +
+             a + R"("]}}, "Ethernet2": {"device": "et2", "vrf": ")" + vrfB +
+             R"(", "ipv6": {"addresses": [")" + b + R"("]}}}})";
+   };
+   EXPECT_TRUE(refusedAt(two("2001:db8::1/64", "2001:db8::1/64"),
+                         "/interfaces/Ethernet2/ipv6/addresses/0",
+                         "already configured at /interfaces/Ethernet1/ipv6/addresses/0"));
+   EXPECT_TRUE(refusedAt(two("2001:db8::1/48", "2001:db8:0:5::1/64"),
+                         "/interfaces/Ethernet2/ipv6/addresses/0",
+                         "overlaps prefix 2001:db8::/48"));
+   EXPECT_TRUE(parseConfiguration(two("2001:db8::1/64", "2001:db8::1/64", "red")).config);
+}
+
 TEST(ConfigLoader, RefusesBorrowingMoreThanOneLevel) {
    // Ethernet1 lends, Ethernet2 borrows from it and lends to Ethernet3.
    auto chain = [](char const* borrow1) {

@@ -8,11 +8,17 @@ static Mox::TraceHandle th("VeldAddrSelector");
 
 namespace {
 Konet::IpAddrWithMask const kNoAddr;  // 0.0.0.0/0
+}  // namespace
+}  // namespace Veld
 
-std::ostream& operator<<(std::ostream& os, Mox::Ptr<L3::Intf::Config const> const& l3) {
+// Next to the type, so that the traces' templates find it.
+namespace L3::Intf {
+static std::ostream& operator<<(std::ostream& os, Mox::Ptr<Config const> const& l3) {
    return l3 ? os << l3->vrf() : os << "(none)";
 }
-}  // namespace
+}  // namespace L3::Intf
+
+namespace Veld {
 
 class IpAddrConfigSelectorSm::MoxCliConfig
     : public Mox::Reactor<IpAddrConfigSelectorSm, Ip::Config::NotifieeConst> {

@@ -2,6 +2,7 @@
 #include <algorithm>
 
 #include "mox/Trace.h"
+#include "veld/KernelBacklog.h"
 #include "veld/ipv4/IpIntfConfigReactors.h"
 #include "veld/ipv4/IpIntfSm.h"
 #include "veld/redundancy/WarpState.h"
@@ -95,19 +96,7 @@ void IpIntfSm::scheduleGlobalKnobs() {
 void IpIntfSm::handleBacklogTimer() { processIpIntfKernelUpdateCodefList(); }
 
 bool IpIntfSm::entryFailed(KernelUpdateCodefEntry& entry, int err, double now, char const* what) {
-   if (entry.tries == 0) entry.firstFailureTime = now;
-   entry.lastError = err;
-   ++errors_;
-   if (++entry.tries < maxKernelUpdateTries_) return false;
-   MOX_TRACE(th, 0,
-             "Abandoned " << what << ", error = " << entry.lastError << " for " << entry.intf
-                          << " after " << now - entry.firstFailureTime << " seconds");
-   Mox::logMessage(Mox::LogSeverity::warning, "VELD-PROC-ABANDONED",
-                   "Abandoned " + std::string(what) + ", error = " +
-                       std::to_string(entry.lastError) + " for " + entry.intf.name() + " after " +
-                       std::to_string(now - entry.firstFailureTime) + " seconds");
-   entry.tries = 0;
-   return true;
+   return backlogEntryFailed(entry, err, now, what, maxKernelUpdateTries_, errors_, th);
 }
 
 void IpIntfSm::runEntry(KernelUpdateCodefEntry& entry) {
@@ -135,13 +124,7 @@ void IpIntfSm::processIpIntfKernelUpdateCodefList() {
    if (globalKnobsPending_) runGlobalKnobs();
    // Each entry at most once per run, from the bookmark to the end and round to it.
    auto& list = ipIntfKernelUpdateCodefList_;
-   std::vector<Konet::IntfId> order;
-   order.reserve(list.size());
-   auto resume = bookmark_ ? list.at(*bookmark_) : list.begin();
-   for (auto it = resume; it != list.end(); ++it)
-      order.push_back(it->first);
-   for (auto it = list.begin(); it != resume; ++it)
-      order.push_back(it->first);
+   auto order = backlogRunOrder(list, bookmark_);
    bookmark_.reset();
    for (size_t i = 0; i < order.size(); ++i) {
       if (start + backlogSlice_ <= Mox::System::currentTime()) {

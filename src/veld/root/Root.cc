@@ -47,6 +47,7 @@ Root::~Root() {
    loopbackIntfSmDel();
    l3IntfStatusSmDel();
    ipIntfStatusSmDel();
+   ip6IntfSmDel();
    ipIntfSmDel();
    addrMapSmDel();
    kernelNetNsInfoManagerDel();
@@ -300,6 +301,13 @@ Mox::Ptr<IpIntfSm> Root::ipIntfSmIs(IpIntfSm::Inputs const& inputs, bool standby
 }
 
 void Root::ipIntfSmDel() { releaseMachine(ipIntfSm_); }
+
+Mox::Ptr<Ip6IntfSm> Root::ip6IntfSmIs(Ip6IntfSm::Inputs const& inputs, bool standbyMode) {
+   MOX_TRACE_FN(th, " vrf " << inputs.vrfName << " standbyMode " << standbyMode);
+   return machineOf(ip6IntfSm_, inputs, standbyMode);
+}
+
+void Root::ip6IntfSmDel() { releaseMachine(ip6IntfSm_); }
 
 Mox::Ptr<IpIntfStatusSm> Root::ipIntfStatusSmIs(
     Mox::Ptr<Ip::IpInputStatusDir const> const& inputStatusDir,

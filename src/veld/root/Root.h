@@ -36,6 +36,7 @@
 #include "veld/ipv4/IpIntfSm.h"
 #include "veld/ipv4/IpIntfStatusSm.h"
 #include "veld/ipv4/L3IntfStatusSm.h"
+#include "veld/ipv6/Ip6IntfSm.h"
 #include "veld/redundancy/SsoConfig.h"
 #include "veld/redundancy/WarpSm.h"
 #include "veld/redundancy/WarpState.h"
@@ -156,6 +157,9 @@ public:
    // order; the standby flag is given apart.
    Mox::Ptr<IpIntfSm> ipIntfSmIs(IpIntfSm::Inputs const& inputs, bool standbyMode);
    void ipIntfSmDel();
+   Mox::Ptr<Ip6IntfSm> const& ip6IntfSm() const { return ip6IntfSm_; }
+   Mox::Ptr<Ip6IntfSm> ip6IntfSmIs(Ip6IntfSm::Inputs const& inputs, bool standbyMode);
+   void ip6IntfSmDel();
 
    // The status aggregators; on an existing one, re-pointed to the new input directory.
    Mox::Ptr<IpIntfStatusSm> const& ipIntfStatusSm() const { return ipIntfStatusSm_; }
@@ -198,6 +202,7 @@ private:
    Mox::Ptr<AddrMap> addrMap_;
    Mox::Ptr<AddrMappingSm> addrMapSm_;
    Mox::Ptr<IpIntfSm> ipIntfSm_;
+   Mox::Ptr<Ip6IntfSm> ip6IntfSm_;
    Mox::Ptr<IpIntfStatusSm> ipIntfStatusSm_;
    Mox::Ptr<L3IntfStatusSm> l3IntfStatusSm_;
    Mox::Ptr<LoopbackIntfSm> loopbackIntfSm_;

@@ -81,6 +81,7 @@ void VrfRoot::routing6InfoConfigIs(Mox::Ptr<Routing6::InfoConfig const> const& c
    if (config == inputs_.routing6InfoConfig) return;
    inputs_.routing6InfoConfig = config;
    moxRouting6InfoConfig_->notifierIs(config);
+   if (ip6IntfSm_) ip6IntfSm_->routingInfoConfigIs(config);
    handleIp6Routing();
 }
 
@@ -109,6 +110,7 @@ void VrfRoot::standbyModeIs(bool standbyMode) {
    MOX_TRACE_FN(th, " Vrf: " << vrfName_ << " standbyMode " << standbyMode);
    standbyMode_ = standbyMode;
    if (ipIntfSm_) ipIntfSm_->standbyModeIs(standbyMode);
+   if (ip6IntfSm_) ip6IntfSm_->standbyModeIs(standbyMode);
 }
 
 Mox::Ptr<IpIntfSm> VrfRoot::ipIntfSmIs(IpIntfSm::Inputs const& inputs, bool standbyMode) {
@@ -117,6 +119,13 @@ Mox::Ptr<IpIntfSm> VrfRoot::ipIntfSmIs(IpIntfSm::Inputs const& inputs, bool stan
 }
 
 void VrfRoot::ipIntfSmDel() { releaseMachine(ipIntfSm_); }
+
+Mox::Ptr<Ip6IntfSm> VrfRoot::ip6IntfSmIs(Ip6IntfSm::Inputs const& inputs, bool standbyMode) {
+   MOX_TRACE_FN(th, " Vrf: " << vrfName_ << " standbyMode " << standbyMode);
+   return machineOf(ip6IntfSm_, inputs, standbyMode);
+}
+
+void VrfRoot::ip6IntfSmDel() { releaseMachine(ip6IntfSm_); }
 
 void VrfRoot::nsIs(Konet::NamespaceName const& ns) {
    MOX_TRACE_FN(th, " Ns: " << ns);
@@ -256,7 +265,29 @@ void VrfRoot::handleInitialized() {
                        .urpfOnAllIntfStat = in.urpfOnAllIntfStat,
                        .proxyArpVirtualMac = in.proxyArpVirtualMac};
    if (in.timerWheel) ipIntfSmIs(ip, standbyMode_);
-   // The IPv6 machine (ip6IntfSmIs) joins it here.
+   Ip6IntfSm::Inputs ip6{.ip6Config = in.ip6Config,
+                         .vrfIp6IntfConfig = in.vrfIp6IntfConfig,
+                         .addrMap = addrMap_,
+                         .kernelIntfDir = kernelIntfDir_,
+                         .routingInfoConfig = in.routing6InfoConfig,
+                         .systemIntfIp6Status = in.systemIntfIp6Status,
+                         .localIntfIp6Status = in.localIntfIp6Status,
+                         .systemL3IntfStatus = in.systemL3IntfStatus,
+                         .localL3IntfStatus = in.localL3IntfStatus,
+                         .allVrfStatusLocal = in.allVrfStatusLocal,
+                         .multicastGroups = in.ip6MulticastGroupsVeld,
+                         .netlinkSocket = netlinkSocket_,
+                         .allIntfStatusDir = in.allIntfStatusDir,
+                         .kniIntfStatusManager = kniIntfStatusManager_,
+                         .vrfName = vrfName_,
+                         .warpState = in.warpState,
+                         .timerWheel = in.timerWheel,
+                         .updateIp6IntfStatusVrfReq = in.updateIp6IntfStatusVrfReq,
+                         .updateIp6IntfStatusReq = in.updateIp6IntfStatusReq,
+                         .urpfOnAllIntfStat = in.urpfOnAllIntfStat6,
+                         .ip6Enable = in.ip6EnableOverride,
+                         .ownAddrs = in.ip6OwnAddrs};
+   if (in.timerWheel) ip6IntfSmIs(ip6, standbyMode_);
 
    handleIp6Routing();
    initializedIs(true);
@@ -275,6 +306,7 @@ void VrfRoot::handleDelete() {
    if (kernelIntfDir_ && inputs_.intfStatusManagerRoot) {
       inputs_.intfStatusManagerRoot->intfStatusManagerDel(ns_);
    }
+   ip6IntfSmDel();
    ipIntfSmDel();
    kniIntfStatusManager_ = nullptr;
    kernelIntfDirDel();

@@ -43,6 +43,7 @@
 #include "veld/config/VrfIp6IntfConfig.h"
 #include "veld/config/VrfIpIntfConfig.h"
 #include "veld/ipv4/IpIntfSm.h"
+#include "veld/ipv6/Ip6IntfSm.h"
 #include "veld/redundancy/WarpState.h"
 #include "veld/vrf/CleanupLoopbackIntfSm.h"
 
@@ -84,7 +85,8 @@ public:
    X(Mox::Ptr<Urpf::UrpfOnAllIntfStat>, urpfOnAllIntfStat6)                  \
    X(Mox::Ptr<Ip6::Ip6Enable const>, ip6EnableOverride)                      \
    X(Mox::Ptr<Interface::NetNsIntfStatusManagerRoot>, intfStatusManagerRoot) \
-   X(Mox::Ptr<ProxyArp::VirtualMacStatus const>, proxyArpVirtualMac)
+   X(Mox::Ptr<ProxyArp::VirtualMacStatus const>, proxyArpVirtualMac)         \
+   X(Mox::Ptr<Ip6OwnAddrs>, ip6OwnAddrs)
    struct Inputs {
       MOX_INPUTS(VELD_VRF_ROOT_INPUTS)
    };
@@ -136,6 +138,9 @@ public:
    Mox::Ptr<IpIntfSm> const& ipIntfSm() const { return ipIntfSm_; }
    Mox::Ptr<IpIntfSm> ipIntfSmIs(IpIntfSm::Inputs const& inputs, bool standbyMode);
    void ipIntfSmDel();
+   Mox::Ptr<Ip6IntfSm> const& ip6IntfSm() const { return ip6IntfSm_; }
+   Mox::Ptr<Ip6IntfSm> ip6IntfSmIs(Ip6IntfSm::Inputs const& inputs, bool standbyMode);
+   void ip6IntfSmDel();
    // The namespace's table of which interface each device carries.
    Mox::Ptr<Interface::KniIntfStatusManager> const& kniIntfStatusManager() const {
       return kniIntfStatusManager_;
@@ -167,6 +172,7 @@ private:
    Mox::Ptr<AddrMappingSm> addrMapSm_;
    Mox::Ptr<Interface::KniIntfStatusManager> kniIntfStatusManager_;
    Mox::Ptr<IpIntfSm> ipIntfSm_;
+   Mox::Ptr<Ip6IntfSm> ip6IntfSm_;
    Mox::Ptr<CleanupLoopbackIntfSm> cleanupLoopbackIntfSm_;
    Mox::Ptr<MoxRouting6InfoConfig> moxRouting6InfoConfig_;
    Mox::Ptr<MoxAllVrfStatusGlobal> moxAllVrfStatusGlobal_;

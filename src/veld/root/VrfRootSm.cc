@@ -85,7 +85,8 @@ VrfRoot::Inputs commonRootInputs(VrfRootSm::Inputs const& in) {
                           .urpfOnAllIntfStat6 = in.urpfOnAllIntfStat6,
                           .ip6EnableOverride = in.ip6EnableOverride,
                           .intfStatusManagerRoot = in.intfStatusManagerRoot,
-                          .proxyArpVirtualMac = in.proxyArpVirtualMac};
+                          .proxyArpVirtualMac = in.proxyArpVirtualMac,
+                          .ip6OwnAddrs = in.ip6OwnAddrs};
 }
 
 }  // namespace

@@ -63,7 +63,8 @@ public:
    X(Mox::Ptr<Urpf::UrpfOnAllIntfStat>, urpfOnAllIntfStat6)                  \
    X(Mox::Ptr<Ip6::Ip6Enable const>, ip6EnableOverride)                      \
    X(Mox::Ptr<Interface::NetNsIntfStatusManagerRoot>, intfStatusManagerRoot) \
-   X(Mox::Ptr<ProxyArp::VirtualMacStatus const>, proxyArpVirtualMac)
+   X(Mox::Ptr<ProxyArp::VirtualMacStatus const>, proxyArpVirtualMac)         \
+   X(Mox::Ptr<Ip6OwnAddrs>, ip6OwnAddrs)
    struct Inputs {
       MOX_INPUTS(VELD_VRF_ROOT_SM_INPUTS)
    };

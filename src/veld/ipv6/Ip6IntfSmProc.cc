@@ -1,0 +1,141 @@
+// Ip6IntfSm: the per-device IPv6 settings under /proc/sys/net/ipv6 and disable_ipv6. Each
+// value is written only when it differs from the one last written for the device; the record
+// goes with the device. Runs inside the VRF's namespace.
+#include <cerrno>
+#include <iostream>
+
+#include "linux/ProcSys.h"
+#include "mox/Trace.h"
+#include "veld/ipv6/Ip6IntfSm.h"
+
+namespace Veld {
+
+namespace {
+
+Mox::TraceHandle th("VeldIp6");
+
+using S = IntfIp6KernelState;
+
+char const* bit(bool on) { return on ? "1" : "0"; }
+
+// The kernel's accept_dad for a configured mode: off, on, or on with IPv6 switched off when a
+// link-local address fails.
+char const* acceptDadValue(Ip6::AcceptDadMode mode) {
+   switch (mode) {
+      case Ip6::AcceptDadMode::dadDisabled:
+         return "0";
+      case Ip6::AcceptDadMode::dadDefault:
+      case Ip6::AcceptDadMode::dadEnabled:
+         return "1";
+      case Ip6::AcceptDadMode::dadStrict:
+         return "2";
+   }
+   MOX_ASSERT(!"unknown accept-DAD mode");
+   return "1";
+}
+
+}  // namespace
+
+bool Ip6IntfSm::setIp6Enable(std::string const& deviceName, Konet::IntfId const& intf, bool enable,
+                             Konet::NamespaceName const& ns, ProcIpv6Set& procIpv6Set) {
+   MOX_TRACE(th, 7, deviceName << " in namespace " << ns << " enable=" << enable);
+   if (auto const* held = procIpv6Set.procIpv6Enabled.find(intf); held && *held == enable) {
+      return true;
+   }
+   MOX_TRACE(th, 5,
+             "Attempting to " << (enable ? "enable" : "disable") << " ipv6 on device " << deviceName
+                              << " in namespace " << ns);
+   int err = kernelIo().writeProcSys(
+       std::string(Konet::V6_PROC_CONF) + "/" + deviceName + "/disable_ipv6", enable ? "0" : "1");
+   if (err) return false;
+   procIpv6Set.procIpv6Enabled.assign(intf, enable);
+   return true;
+}
+
+// Writes one setting when its value changed. ENOENT (the device or the file is not there)
+// counts as done without being recorded; another failure is reported, recorded nowhere and
+// returned.
+int Ip6IntfSm::writeSetting(Konet::IntfId const& intf, IntfIp6KernelState& state, S::Setting s,
+                            char const* dir, std::string const& dev, char const* file,
+                            std::string const& value, std::string const& trace) {
+   if (!state.needsWrite(s, value)) return 0;
+   std::string path = std::string(dir) + "/" + dev + "/" + file;
+   int err = kernelIo().writeProcSys(path, value);
+   if (err == 0) {
+      state.writtenIs(s, value);
+      if (!trace.empty()) MOX_TRACE(th, 5, trace);
+      return 0;
+   }
+   if (err == ENOENT) {
+      MOX_TRACE(th, 5,
+                "Ignoring ENOENT error (err:" << err << ") when writing " << dir << "/" << dev
+                                              << "/" << file << " to " << value);
+      return 0;
+   }
+   std::string shown = s == S::enhancedDad ? "enhanced-dad" : file;
+   std::string text =
+       "Failed (err: " + std::to_string(err) + ") to write " + dir + "/" + dev + "/" + shown;
+   std::cerr << text << " for " << intf << std::endl;
+   MOX_TRACE(th, 0, text);
+   return err;
+}
+
+int Ip6IntfSm::doUpdateProc(Konet::IntfId const& intf) {
+   auto dev =
+       in_.kernelIntfDir ? in_.kernelIntfDir->intfStatusAndDeviceName(intf).second : std::string();
+   auto config = routedIp6IntfConfig(intf);
+   if (dev.empty() || !config) {
+      MOX_TRACE(th, 7,
+                "doUpdateProc tried to write to /proc before"
+                    << " deviceName for " << intf << " was written.");
+      return 0;
+   }
+   auto& state = *intfIp6KernelState_.emplace(intf).first;
+   if (kniRoot_) state.ifIndexIs(kniRoot_->interfaceByName(dev).key.ifIndex);
+   auto const* conf = Konet::V6_PROC_CONF;
+   auto id = intf.name();
+   int failed = 0;
+   auto write = [&](S::Setting s, char const* dir, char const* file, std::string const& value,
+                    std::string const& trace) {
+      if (int err = writeSetting(intf, state, s, dir, dev, file, value, trace)) failed = err;
+   };
+
+   auto fwd = bit(isForwardingEnabled(intf));
+   write(S::forwarding, conf, "forwarding", fwd, "Set forwarding for (" + id + ") to " + fwd);
+   auto nsSource = config->nsSourceAddr();
+   if (!nsSource.isZero()) {
+      auto text = nsSource.toString();
+      write(S::customNsSource, conf, "custom_ns_source", text,
+            "Setting custom_ns_source to " + text + " for " + id);
+      write(S::useCustomNsSource, conf, "use_custom_ns_source", "1",
+            "Setting use_custom_ns_source to 1 for " + id);
+   } else {
+      write(S::useCustomNsSource, conf, "use_custom_ns_source", "0",
+            "Setting use_custom_ns_source to 0 for " + id);
+   }
+   if (uint32_t ms = config->nsRetransmitInterval()) {
+      write(S::nsRetransTime, Konet::V6_PROC_NEIGH, "retrans_time_ms", std::to_string(ms),
+            "Setting ns-interval to " + std::to_string(ms) + " for " + id);
+   }
+   auto dad = acceptDadValue(config->acceptDad());
+   write(S::acceptDad, conf, "accept_dad", dad,
+         "Setting accept-dad to " + std::string(dad) + " for " + id);
+   auto enhanced = bit(enhancedDadEnabled(config));
+   write(S::enhancedDad, conf, "enhanced_dad", enhanced,
+         "Setting enhanced_dad to " + std::string(enhanced) + " for " + id);
+   write(S::acceptRedirects, conf, "accept_redirects", "0", "");
+   bool slaac = config->addrSource() == Ip6::AddrSource::slaac;
+   auto ra = slaac || config->acceptRaDefRtr() ? "2" : "0";
+   write(S::acceptRa, conf, "accept_ra", ra,
+         "Setting accept_ra to " + std::string(ra) + " for " + id);
+   write(S::acceptRaPinfo, conf, "accept_ra_pinfo", bit(slaac),
+         "Setting accept_ra_pinfo to " + std::string(bit(slaac)) + " for " + id);
+   write(S::autoconf, conf, "autoconf", bit(slaac),
+         "Setting autoconf to " + std::string(bit(slaac)) + " for " + id);
+   auto defRtr = bit(config->acceptRaDefRtr());
+   write(S::acceptRaDefRtr, conf, "accept_ra_defrtr", defRtr,
+         "Setting accept_ra_defrtr to " + std::string(defRtr) + " for " + id);
+   return failed;
+}
+
+}  // namespace Veld
