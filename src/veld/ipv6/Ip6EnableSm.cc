@@ -23,8 +23,7 @@ Ip6EnableSm::Ip6EnableSm(Mox::Ptr<Mox::Dir const> ip6EnableDir,
 }
 
 Ip6EnableSm::~Ip6EnableSm() {
-   for (auto const& name : appIp6EnableSm_.keys())
-      appIp6EnableSmDel(name);
+   appIp6EnableSmDelAll();
    moxDoZombieReactors(true);
 }
 
@@ -82,6 +81,12 @@ void Ip6EnableSm::appIp6EnableSmDel(Mox::String const& name) {
    if (!sm) return;
    appIp6EnableSm_.erase(name);
    sm->moxDoZombieReactors(true);
+}
+
+void Ip6EnableSm::appIp6EnableSmDelAll() {
+   MOX_TRACE_FN0(th);
+   for (auto const& name : appIp6EnableSm_.keys())
+      appIp6EnableSmDel(name);
 }
 
 bool Ip6EnableSm::isAnyIp6Enabled(Konet::IntfId const& intf) const {

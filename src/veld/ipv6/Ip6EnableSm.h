@@ -47,6 +47,8 @@ public:
    Mox::Ptr<AppIp6EnableSm> appIp6EnableSmIs(Mox::String const& name,
                                              Mox::Ptr<Ip6::Ip6Enable const> const& ip6Enable);
    void appIp6EnableSmDel(Mox::String const& name);
+   // Stops following every application; the output stays as it is.
+   void appIp6EnableSmDelAll();
    size_t appIp6EnableSmSize() const { return appIp6EnableSm_.size(); }
 
    // Some application's entity enables intf.

@@ -344,8 +344,10 @@ Mox::Ptr<Ip6EnableSm> Root::ip6EnableSmIs(Mox::Ptr<Mox::Dir const> const& ip6Ena
    return ip6EnableSm_;
 }
 
+// Its applications' machines stop with it, even while someone else holds it.
 void Root::ip6EnableSmDel() {
    MOX_TRACE_FN0(th);
+   if (ip6EnableSm_) ip6EnableSm_->appIp6EnableSmDelAll();
    releaseMachine(ip6EnableSm_);
 }
 
