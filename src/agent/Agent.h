@@ -79,8 +79,15 @@ public:
    // The configuration file, what is in force, and the errors of the last reload if it was
    // refused.
    nlohmann::json showConfig() const;
+   // The programs' requests for IPv6 on interfaces and what the library made of them.
+   nlohmann::json showIp6Enable() const;
    // Answers one control-socket request line with a JSON document.
-   std::string handleRequest(std::string const& line) const;
+   std::string handleRequest(std::string const& line);
+   // A program's request for IPv6 on `interfaces` (replacing its earlier one), and its
+   // withdrawal (false when the program has none).
+   void ip6EnableRequestIs(std::string const& program,
+                           std::vector<Konet::IntfId> const& interfaces);
+   bool ip6EnableRequestDel(std::string const& program);
    static std::string socketPath(std::string const& runDir) { return runDir + "/veld.sock"; }
 
 private:

@@ -4,6 +4,7 @@
 #include <cstdio>
 
 #include "agent/Agent.h"
+#include "agent/ShowTables.h"
 
 namespace VeldAgent {
 
@@ -179,6 +180,9 @@ Json Agent::showInterfaces() const {
       }
       j["kernel"] = k;
       j["kernelSecondaries"] = ks;
+      auto ip6 = e_.ip6Status->intf(id);
+      j["ipv6"] = ip6 ? ip6StatusJson(*ip6) : Json(nullptr);
+      j["ipv6EnableRequested"] = e_.ip6Enable->enable(id);
       list.push_back(j);
    }
    return Json{{"interfaces", list}};
@@ -259,11 +263,48 @@ Json Agent::showConfig() const {
                {"refusedErrors", refused}};
 }
 
-std::string Agent::handleRequest(std::string const& line) const {
+Json Agent::showIp6Enable() const {
+   Json requests = Json::array();
+   std::vector<std::string> programs;
+   for (auto const& [name, entry] : e_.ip6EnableDir->entryIteratorConst())
+      programs.push_back(name.string());
+   std::sort(programs.begin(), programs.end());
+   for (auto const& program : programs) {
+      auto request = e_.ip6EnableDir->entry<Ip6::Ip6Enable>(program);
+      if (!request) continue;
+      auto intfs = request->enableIterator().keys();
+      std::sort(intfs.begin(), intfs.end());
+      Json names = Json::array();
+      for (auto const& i : intfs)
+         names.push_back(i.name());
+      requests.push_back({{"program", program}, {"interfaces", names}});
+   }
+   auto enabled = e_.ip6Enable->enableIterator().keys();
+   std::sort(enabled.begin(), enabled.end());
+   Json merged = Json::array();
+   for (auto const& i : enabled)
+      merged.push_back(i.name());
+   return Json{{"requests", requests}, {"enabled", merged}};
+}
+
+std::string Agent::handleRequest(std::string const& line) {
    auto parsed = parseControlRequest(line);
    Json out;
    if (!parsed.request) {
       out = Json{{"error", parsed.errors.front().toString()}};
+   } else if (parsed.request->kind == RequestKind::ip6Enable) {
+      ip6EnableRequestIs(parsed.request->program, parsed.request->interfaces);
+      out = showIp6Enable();
+   } else if (parsed.request->kind == RequestKind::ip6EnableWithdraw) {
+      if (ip6EnableRequestDel(parsed.request->program)) {
+         out = showIp6Enable();
+      } else {
+         out =
+             Json{{"error", DocError{"/ip6-enable-withdraw",
+                                     "no request of " + quotedForMessage(parsed.request->program) +
+                                         " to withdraw"}
+                                .toString()}};
+      }
    } else {
       switch (parsed.request->show) {
          case ShowWhat::interfaces:
@@ -277,6 +318,9 @@ std::string Agent::handleRequest(std::string const& line) const {
             break;
          case ShowWhat::config:
             out = showConfig();
+            break;
+         case ShowWhat::ip6Enable:
+            out = showIp6Enable();
             break;
       }
    }

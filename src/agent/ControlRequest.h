@@ -2,7 +2,12 @@
 // from outside (agent/JsonRead.h), so that no request, however malformed, can stop the
 // agent; a bad one is answered with its error and its place.
 //
-//    {"show": "interfaces"}    also "vrfs", "backlog", "config"
+//    {"show": "interfaces"}    also "vrfs", "backlog", "config", "ip6-enable"
+//    {"ip6-enable": {"name": "dhcp6-relay", "interfaces": ["Ethernet1", "Ethernet2"]}}
+//                              a program asks for IPv6 on these interfaces, replacing its
+//                              earlier request ([] asks for none)
+//    {"ip6-enable-withdraw": "dhcp6-relay"}
+//                              the program's request is taken back
 #pragma once
 
 #include <optional>
@@ -11,16 +16,39 @@
 #include <vector>
 
 #include "agent/JsonRead.h"
+#include "konet/IntfId.h"
 
 namespace VeldAgent {
 
 // The longest request line the agent reads.
 inline constexpr size_t kMaxRequestBytes = 4096;
 
-enum class ShowWhat { interfaces, vrfs, backlog, config };
+// A program's name in its requests: 1 to 64 letters, digits and "_-.".
+inline constexpr size_t kMaxProgramNameBytes = 64;
+
+enum class ShowWhat { interfaces, vrfs, backlog, config, ip6Enable };
+enum class RequestKind { show, ip6Enable, ip6EnableWithdraw };
 
 struct ControlRequest {
-   ShowWhat show = ShowWhat::interfaces;
+   ControlRequest(ShowWhat what = ShowWhat::interfaces) : show(what) {}
+   static ControlRequest ip6Enable(std::string program, std::vector<Konet::IntfId> interfaces) {
+      ControlRequest r;
+      r.kind = RequestKind::ip6Enable;
+      r.program = std::move(program);
+      r.interfaces = std::move(interfaces);
+      return r;
+   }
+   static ControlRequest ip6EnableWithdraw(std::string program) {
+      ControlRequest r;
+      r.kind = RequestKind::ip6EnableWithdraw;
+      r.program = std::move(program);
+      return r;
+   }
+
+   ShowWhat show = ShowWhat::interfaces;  // of a show request
+   RequestKind kind = RequestKind::show;
+   std::string program;                    // of an IPv6 enable request or its withdrawal
+   std::vector<Konet::IntfId> interfaces;  // of an IPv6 enable request, each once
    friend bool operator==(ControlRequest const&, ControlRequest const&) = default;
 };
 
@@ -33,6 +61,9 @@ ParsedRequest parseControlRequest(std::string_view line);
 
 // The request line that parseControlRequest reads back as `request` (without the newline).
 std::string controlRequestText(ControlRequest const& request);
+
+// The request names: "show", "ip6-enable", "ip6-enable-withdraw".
+char const* requestKindName(RequestKind kind);
 
 // "interfaces", ...; and back (nullopt for an unknown name).
 char const* showWhatName(ShowWhat what);

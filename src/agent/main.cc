@@ -133,9 +133,9 @@ int main(int argc, char** argv) {
    checkCmd->add_option("file", configPath, "the configuration file")->required();
 
    auto* showCmd = app.add_subcommand("show", "ask a running agent");
-   showCmd->add_option("what", what, "interfaces, vrfs, backlog or config")
+   showCmd->add_option("what", what, "interfaces, vrfs, backlog, config or ip6-enable")
        ->required()
-       ->check(CLI::IsMember({"interfaces", "vrfs", "backlog", "config"}));
+       ->check(CLI::IsMember({"interfaces", "vrfs", "backlog", "config", "ip6-enable"}));
    showCmd->add_flag("--json", json, "print the agent's JSON answer");
    showCmd->add_option("--run-dir", runDir, "the running agent's run directory")
        ->capture_default_str();
