@@ -25,7 +25,10 @@ constexpr std::array<std::pair<RequestKind, char const*>, 3> kRequestNames{{
 
 using Json = nlohmann::json;
 
-std::string typeOf(Json const& v) { return std::string("a ") + v.type_name(); }
+std::string typeOf(Json const& v) {
+   std::string name = v.type_name();
+   return (name[0] == 'a' || name[0] == 'o' ? "an " : "a ") + name;
+}
 
 // A program's name, or why it is not one.
 std::optional<std::string> programName(Json const& v, std::string* why) {
@@ -82,7 +85,7 @@ void parseIp6Enable(Json const& value, ControlRequest* r, std::vector<DocError>*
       if (!v.is_string()) return refuse(place, "an interface is a string, not " + typeOf(v));
       auto const& text = v.get_ref<std::string const&>();
       auto id = Konet::IntfId::parse(text, &why);
-      if (!id) return refuse(place, quotedForMessage(text) + " is not an interface: " + why);
+      if (!id) return refuse(place, why);
       if (std::find(intfs.begin(), intfs.end(), *id) != intfs.end()) {
          return refuse(place, quotedForMessage(text) + " is given twice");
       }

@@ -99,8 +99,15 @@ Json ip6StatusJson(Ip6::IntfStatus const& status) {
 }
 
 std::string renderInterfaces(Json const& answer) {
-   Table t({"Interface", "VRF", "Device", "Namespace", "Link", "MTU", "Primary", "Secondaries",
-            "Kernel", "IPv6", "Settings"});
+   // The IPv6 column is there when some interface has something to show in it.
+   bool anyIpv6 = false;
+   for (auto const& i : answer.at("interfaces"))
+      anyIpv6 = anyIpv6 || !ipv6(i).empty();
+   std::vector<std::string> header{"Interface", "VRF",     "Device",      "Namespace", "Link",
+                                   "MTU",       "Primary", "Secondaries", "Kernel"};
+   if (anyIpv6) header.push_back("IPv6");
+   header.push_back("Settings");
+   Table t(header);
    for (auto const& i : answer.at("interfaces")) {
       std::string primary, secondaries, kernel;
       auto const& st = i.at("status");
@@ -150,10 +157,18 @@ std::string renderInterfaces(Json const& answer) {
       } else {
          kernel = "holds " + join(i.at("kernel"), ",");
       }
-      t.row({i.at("interface").get<std::string>(), i.at("vrf").get<std::string>(),
-             i.at("device").get<std::string>(), orDash(i.at("namespace").get<std::string>()),
-             i.at("operUp").get<bool>() ? "up" : "down", std::to_string(i.at("mtu").get<int>()),
-             primary, orDash(secondaries), kernel, orDash(ipv6(i)), orDash(settings(i))});
+      std::vector<std::string> row{i.at("interface").get<std::string>(),
+                                   i.at("vrf").get<std::string>(),
+                                   i.at("device").get<std::string>(),
+                                   orDash(i.at("namespace").get<std::string>()),
+                                   i.at("operUp").get<bool>() ? "up" : "down",
+                                   std::to_string(i.at("mtu").get<int>()),
+                                   primary,
+                                   orDash(secondaries),
+                                   kernel};
+      if (anyIpv6) row.push_back(orDash(ipv6(i)));
+      row.push_back(orDash(settings(i)));
+      t.row(std::move(row));
    }
    return t.render();
 }

@@ -90,7 +90,8 @@ TEST_F(DocumentFile, OnlyARegularFileOfAcceptedSizeIsRead) {
 }
 
 TEST(ControlRequest, ReadsEachShowAndRefusesTheRestWithItsPlace) {
-   for (auto what : {ShowWhat::interfaces, ShowWhat::vrfs, ShowWhat::backlog, ShowWhat::config}) {
+   for (auto what : {ShowWhat::interfaces, ShowWhat::vrfs, ShowWhat::backlog, ShowWhat::config,
+                     ShowWhat::ip6Enable}) {
       auto text = controlRequestText(ControlRequest{what});
       auto parsed = parseControlRequest(text);
       ASSERT_TRUE(parsed.request) << text;
@@ -104,10 +105,11 @@ TEST(ControlRequest, ReadsEachShowAndRefusesTheRestWithItsPlace) {
       return p.errors.empty() ? std::string("accepted") : p.errors.front().toString();
    };
    EXPECT_EQ(refused(R"({"show": "routes"})"),
-             R"(/show: shows one of interfaces, vrfs, backlog, config; not "routes")");
+             R"(/show: shows one of interfaces, vrfs, backlog, config, ip6-enable; not "routes")");
    EXPECT_EQ(refused(R"({"show": 1})"),
-             "/show: shows one of interfaces, vrfs, backlog, config; not a number");
-   EXPECT_EQ(refused(R"({"shout": "vrfs"})"), R"(/shout: unknown request "shout" (known: show))");
+             "/show: shows one of interfaces, vrfs, backlog, config, ip6-enable; not a number");
+   EXPECT_EQ(refused(R"({"shout": "vrfs"})"),
+             R"(/shout: unknown request "shout" (known: show, ip6-enable, ip6-enable-withdraw))");
    EXPECT_EQ(refused(R"({"show": "vrfs", "x": 1})").substr(0, 40),
              "(document): a request is an object with ");
    EXPECT_EQ(refused("show interfaces").substr(0, 32), "(document): not valid JSON at li");
@@ -115,6 +117,63 @@ TEST(ControlRequest, ReadsEachShowAndRefusesTheRestWithItsPlace) {
              R"(/show: the number "1e999" is too large (at line 1, column 10))");
    EXPECT_EQ(refused(std::string(kMaxRequestBytes + 1, ' ')),
              "(document): the document is larger than 4096 bytes");
+}
+
+// A program's request for IPv6 and its withdrawal: read back from their own text, and every
+// malformed one refused at its place.
+TEST(ControlRequest, ReadsIpv6EnableRequestsAndRefusesMalformedOnesWithTheirPlace) {
+   auto request = ControlRequest::ip6Enable(
+       "dhcp6-relay", {Konet::IntfId("Ethernet1"), Konet::IntfId("Ethernet3/1")});
+   auto text = controlRequestText(request);
+   EXPECT_EQ(text,
+             R"({"ip6-enable":{"interfaces":["Ethernet1","Ethernet3/1"],"name":"dhcp6-relay"}})");
+   auto parsed = parseControlRequest(text);
+   ASSERT_TRUE(parsed.request);
+   EXPECT_EQ(*parsed.request, request);
+   auto none = parseControlRequest(R"({"ip6-enable": {"name": "a.b_c", "interfaces": []}})");
+   ASSERT_TRUE(none.request);
+   EXPECT_TRUE(none.request->interfaces.empty());
+   auto withdraw = parseControlRequest(R"({"ip6-enable-withdraw": "dhcp6-relay"})");
+   ASSERT_TRUE(withdraw.request);
+   EXPECT_EQ(*withdraw.request, ControlRequest::ip6EnableWithdraw("dhcp6-relay"));
+   EXPECT_EQ(controlRequestText(*withdraw.request), R"({"ip6-enable-withdraw":"dhcp6-relay"})");
+
+   auto refused = [](std::string_view line) {
+      auto p = parseControlRequest(line);
+      EXPECT_FALSE(p.request) << line;
+      return p.errors.empty() ? std::string("accepted") : p.errors.front().toString();
+   };
+   EXPECT_EQ(
+       refused(R"({"ip6-enable": ["Ethernet1"]})"),
+       R"(/ip6-enable: an IPv6 enable request is an object with "name" and "interfaces", not an array)");
+   EXPECT_EQ(refused(R"({"ip6-enable": {"name": "x"}})"),
+             R"(/ip6-enable: an IPv6 enable request needs "interfaces")");
+   EXPECT_EQ(refused(R"({"ip6-enable": {"interfaces": []}})"),
+             R"(/ip6-enable: an IPv6 enable request needs "name")");
+   EXPECT_EQ(refused(R"({"ip6-enable": {"name": "x", "interfaces": [], "vrf": "red"}})"),
+             R"(/ip6-enable/vrf: unknown member "vrf" (known: name, interfaces))");
+   EXPECT_EQ(
+       refused(R"({"ip6-enable": {"name": "a b", "interfaces": []}})"),
+       R"(/ip6-enable/name: "a b" is not a program's name (1 to 64 letters, digits and "_-."))");
+   EXPECT_EQ(refused(R"({"ip6-enable": {"name": "", "interfaces": []}})").substr(0, 37),
+             R"(/ip6-enable/name: "" is not a program)");
+   EXPECT_EQ(refused(R"({"ip6-enable": {"name": 7, "interfaces": []}})"),
+             "/ip6-enable/name: a program's name is a string, not a number");
+   EXPECT_EQ(refused(R"({"ip6-enable": {"name": "x", "interfaces": "Ethernet1"}})"),
+             "/ip6-enable/interfaces: a list of interfaces, not a string");
+   EXPECT_EQ(refused(R"({"ip6-enable": {"name": "x", "interfaces": ["Ethernet1", 2]}})"),
+             "/ip6-enable/interfaces/1: an interface is a string, not a number");
+   EXPECT_EQ(
+       refused(R"({"ip6-enable": {"name": "x", "interfaces": ["Ethernet1", "9x"]}})"),
+       "/ip6-enable/interfaces/1: '9x' is not an interface name: it must begin with a letter");
+   EXPECT_EQ(
+       refused(
+           R"({"ip6-enable": {"name": "x", "interfaces": ["Ethernet1", "Ethernet2", "Ethernet1"]}})"),
+       R"(/ip6-enable/interfaces/2: "Ethernet1" is given twice)");
+   EXPECT_EQ(refused(R"({"ip6-enable-withdraw": {"name": "x"}})"),
+             "/ip6-enable-withdraw: a program's name is a string, not an object");
+   EXPECT_EQ(refused(R"({"ip6-enable-withdraw": "x/y"})").substr(0, 45),
+             R"(/ip6-enable-withdraw: "x/y" is not a program')");
 }
 
 }  // namespace
