@@ -10,7 +10,6 @@
 #include <cerrno>
 #include <cstring>
 #include <fstream>
-#include <set>
 
 #include "mox/Trace.h"
 
@@ -49,6 +48,7 @@ int Agent::start(Configuration const& config) {
    auto applied = appliedBefore();
    writer_->apply(applied ? *applied : config);
    vrfs_->runPending();  // the VRFs' namespaces and statuses before the machines
+   restoreIp6EnableRequests();
    buildLibrary();
    mover_ = std::make_unique<IntfNamespaceMover>(e_, mirrors_);
    if (applied && !(*applied == config)) apply(config);
@@ -202,41 +202,6 @@ void Agent::buildLibrary() {
        false);
    ipIntfVrfReactor_ =
        Veld::IpIntfVrfReactorIs(e_.ipConfig, e_.vrfStatusLocal, e_.intfNamespaceConfig);
-}
-
-// A program's request is its own entity in the directory of requests; a new request from
-// it changes that entity, so that only the interfaces that differ reach the merge.
-void Agent::ip6EnableRequestIs(std::string const& program,
-                               std::vector<Konet::IntfId> const& interfaces) {
-   MOX_TRACE_FN(th, program);
-   auto request = e_.ip6EnableDir->entry<Ip6::Ip6Enable>(program);
-   if (!request) {
-      request = Mox::make<Ip6::Ip6Enable>();
-      e_.ip6EnableDir->entryIs(program, request);
-   }
-   std::set<Konet::IntfId> const wanted(interfaces.begin(), interfaces.end());
-   for (auto const& intf : request->enableIterator().keys()) {
-      if (!wanted.count(intf)) request->enableIs(intf, false);
-   }
-   for (auto const& intf : wanted)
-      request->enableIs(intf, true);
-   Mox::logMessage(Mox::LogSeverity::notice, "VELD-IP6-ENABLE",
-                   program + " asks for IPv6 on " + std::to_string(wanted.size()) + " interfaces");
-}
-
-// The library leaves the interfaces of a program whose entity goes as they were; a program
-// that withdraws takes its interfaces back first, so that they stay enabled only where
-// another program asks for them.
-bool Agent::ip6EnableRequestDel(std::string const& program) {
-   MOX_TRACE_FN(th, program);
-   auto request = e_.ip6EnableDir->entry<Ip6::Ip6Enable>(program);
-   if (!request) return false;
-   for (auto const& intf : request->enableIterator().keys())
-      request->enableIs(intf, false);
-   e_.ip6EnableDir->entryDel(program);
-   Mox::logMessage(Mox::LogSeverity::notice, "VELD-IP6-ENABLE",
-                   program + " withdrew its request for IPv6");
-   return true;
 }
 
 ConfigDiff Agent::apply(Configuration const& config) {

@@ -88,6 +88,11 @@ public:
    void ip6EnableRequestIs(std::string const& program,
                            std::vector<Konet::IntfId> const& interfaces);
    bool ip6EnableRequestDel(std::string const& program);
+   // The programs' requests, recorded in the run directory at each change
+   // (ip6-enable.json) and taken up again by the next start.
+   static std::string ip6EnableRequestsPath(std::string const& runDir) {
+      return runDir + "/ip6-enable.json";
+   }
    static std::string socketPath(std::string const& runDir) { return runDir + "/veld.sock"; }
 
 private:
@@ -96,6 +101,8 @@ private:
    std::optional<Configuration> appliedBefore() const;
    void recordApplied() const;
    std::string appliedPath() const { return options_.runDir + "/applied.json"; }
+   void recordIp6EnableRequests() const;
+   void restoreIp6EnableRequests();
    void dumpRingLog();
    int watchConfig();
    // The IPv4 machines by VRF.
