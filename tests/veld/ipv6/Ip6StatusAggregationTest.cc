@@ -3,7 +3,6 @@
 
 #include <algorithm>
 
-#include "tests/veld/TraceCapture.h"
 #include "veld/ipv6/Ip6IntfStatusSm.h"
 
 using namespace Veld;
@@ -126,13 +125,4 @@ TEST_F(Ip6StatusFixture, StatusesPresentAtStartAndRepointing) {
    EXPECT_EQ(published2->vrfIp6IntfStatus("default"), nullptr);
    a->ip6IntfStatusIs(IntfId("Ethernet2"));  // the old directory no longer counts
    EXPECT_EQ(published2->intf(IntfId("Ethernet2")), nullptr);
-}
-
-TEST_F(Ip6StatusFixture, TracesUnderItsOwnFacility) {
-   VeldTest::TraceCapture trace({"VeldIp6Status"});
-   status(a, "Ethernet1", "blue");
-   a->ip6IntfStatusDel(IntfId("Ethernet1"));
-   EXPECT_TRUE(trace.contains("Add vrfIp6IntfStatus for vrf blue"));
-   EXPECT_TRUE(trace.contains("intfStatus deleted: Ethernet1"));
-   EXPECT_TRUE(trace.contains("Delete vrfIp6IntfStatus of vrf blue"));
 }
