@@ -199,7 +199,7 @@ struct Machine {
    bool converged() const {
       if (sm->ip6IntfKernelUpdateCodefListSize()) return false;
       size_t n = 0;
-      for (auto const& [id, s] : status->intfStatusIterator()) {
+      for (auto const& [id, s] : status->ip6IntfStatusIterator()) {
          if (s->addrIterator().size() != 5) return false;
          ++n;
       }

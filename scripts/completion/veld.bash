@@ -19,7 +19,7 @@ _veld() {
          [[ $cur == -* ]] || { COMPREPLY=($(compgen -f -- "$cur")); return; }
          words="--help"
          ;;
-      show) words="interfaces vrfs backlog config routing-agents --json --run-dir --help" ;;
+      show) words="interfaces vrfs backlog config routing-agents ip6-enable --json --run-dir --help" ;;
       switchover) words="--clear --run-dir --help" ;;
    esac
    COMPREPLY=($(compgen -W "$words" -- "$cur"))

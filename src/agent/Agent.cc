@@ -61,6 +61,7 @@ int Agent::start(Configuration const& config) {
    writer_->apply(applied ? *applied : config);
    if (dhcp_) dhcp_->sync(applied ? *applied : config);
    vrfs_->runPending();  // the VRFs' namespaces and statuses before the machines
+   restoreIp6EnableRequests();
    if (!options_.runDir.empty()) {
       ribFiles_ = std::make_unique<RoutingAgentFiles>(loop_, e_.scheduler, options_.runDir,
                                                       e_.ribQualDir, e_.ribStatusDir);
@@ -226,7 +227,9 @@ void Agent::buildLibrary() {
    // Borrowers follow their lenders' published status.
    unnumbered_ = Veld::IpUnnumbered::IpIntfSmIs(e_.ipStatus);
    unnumbered_->lenderToBorrowersStatusIs(e_.lenderToBorrowers);
+   root_->ip6IntfStatusSmIs(e_.ip6InputStatus, e_.ip6Config, e_.ip6Status);
    root_->l3IntfStatusSmIs(e_.l3InputStatus, e_.l3Status);
+   root_->ip6EnableSmIs(e_.ip6EnableDir, e_.ip6Enable);
    root_->loopbackIntfSmIs({.loopbackIntfConfigDir = e_.loopbackConfig,
                             .allIntfNamespaceConfigDir = e_.intfNamespaceConfig,
                             .loopbackIntfStatusDir = e_.loopbackStatus,
@@ -370,9 +373,10 @@ int Agent::serve() {
       control_->streamHandlerIs(
           [this](std::string const& line, int stream) -> std::optional<std::string> {
              auto parsed = parseControlRequest(line);
-             if (!parsed.request || !parsed.request->subscribe || !nexthops_) return std::nullopt;
-             nexthops_->subscriberIs(stream, parsed.request->client);
-             return dumpJson(nlohmann::json{{"subscribed", parsed.request->client}}) + "\n";
+             if (!parsed.request || parsed.request->kind != RequestKind::subscribe || !nexthops_)
+                return std::nullopt;
+             nexthops_->subscriberIs(stream, parsed.request->program);
+             return dumpJson(nlohmann::json{{"subscribed", parsed.request->program}}) + "\n";
           },
           [this](int stream) {
              if (nexthops_) nexthops_->subscriberDel(stream);

@@ -34,8 +34,8 @@
 #include "agent/IntfNamespaceMover.h"
 #include "agent/IntfStatusPublisher.h"
 #include "agent/KernelMirrors.h"
-#include "agent/RoutingAgentFiles.h"
 #include "agent/Nexthops.h"
+#include "agent/RoutingAgentFiles.h"
 #include "agent/VrfNamespaces.h"
 #include "veld/config/IpAddrConfigSelectorSm.h"
 #include "veld/config/IpIntfVrfReactor.h"
@@ -96,8 +96,22 @@ public:
    // Each routing daemon configured in a VRF, with its launch state; the switchover flag.
    nlohmann::json showRoutingAgents() const;
    nlohmann::json showNexthops(std::string const& vrf) const;
+   // The programs' requests for IPv6 on interfaces and what the library made of them.
+   nlohmann::json showIp6Enable() const;
+   // The answer to a show request.
+   nlohmann::json show(ControlRequest const& request) const;
    // Answers one control-socket request line with a JSON document.
-   std::string handleRequest(std::string const& line) const;
+   std::string handleRequest(std::string const& line);
+   // A program's request for IPv6 on `interfaces` (replacing its earlier one), and its
+   // withdrawal (false when the program has none).
+   void ip6EnableRequestIs(std::string const& program,
+                           std::vector<Konet::IntfId> const& interfaces);
+   bool ip6EnableRequestDel(std::string const& program);
+   // The programs' requests, recorded in the run directory at each change
+   // (ip6-enable.json) and taken up again by the next start.
+   static std::string ip6EnableRequestsPath(std::string const& runDir) {
+      return runDir + "/ip6-enable.json";
+   }
    static std::string socketPath(std::string const& runDir) { return runDir + "/veld.sock"; }
 
 private:
@@ -107,6 +121,8 @@ private:
    void seedIp6OwnAddrs(Configuration const& applied);
    void recordApplied() const;
    std::string appliedPath() const { return options_.runDir + "/applied.json"; }
+   void recordIp6EnableRequests() const;
+   void restoreIp6EnableRequests();
    void dumpRingLog();
    int watchConfig();
    // The IPv4 machines by VRF.

@@ -4,6 +4,7 @@
 #include <cstdio>
 
 #include "agent/Agent.h"
+#include "agent/ShowTables.h"
 #include "linux/ProcSys.h"
 
 namespace VeldAgent {
@@ -213,6 +214,9 @@ Json Agent::showInterfaces() const {
       }
       j["kernel"] = k;
       j["kernelSecondaries"] = ks;
+      auto ip6 = e_.ip6Status->intf(id);
+      j["ipv6"] = ip6 ? ip6StatusJson(*ip6) : Json(nullptr);
+      j["ipv6EnableRequested"] = e_.ip6Enable->enable(id);
       list.push_back(j);
    }
    return Json{{"interfaces", list}};
@@ -324,47 +328,89 @@ nlohmann::json Agent::showNexthops(std::string const& vrf) const {
    return nexthops_ ? nexthops_->show(vrf) : Json{{"nexthops", Json::array()}};
 }
 
-std::string Agent::handleRequest(std::string const& line) const {
+Json Agent::showIp6Enable() const {
+   Json requests = Json::array();
+   std::vector<std::string> programs;
+   for (auto const& [name, entry] : e_.ip6EnableDir->entryIteratorConst())
+      programs.push_back(name.string());
+   std::sort(programs.begin(), programs.end());
+   for (auto const& program : programs) {
+      auto request = e_.ip6EnableDir->entry<Ip6::Ip6Enable>(program);
+      if (!request) continue;
+      auto intfs = request->enableIterator().keys();
+      std::sort(intfs.begin(), intfs.end());
+      Json names = Json::array();
+      for (auto const& i : intfs)
+         names.push_back(i.name());
+      requests.push_back({{"program", program}, {"interfaces", names}});
+   }
+   auto enabled = e_.ip6Enable->enableIterator().keys();
+   std::sort(enabled.begin(), enabled.end());
+   Json merged = Json::array();
+   for (auto const& i : enabled)
+      merged.push_back(i.name());
+   return Json{{"requests", requests}, {"enabled", merged}};
+}
+
+Json Agent::show(ControlRequest const& r) const {
+   switch (r.show) {
+      case ShowWhat::interfaces:
+         return showInterfaces();
+      case ShowWhat::vrfs:
+         return showVrfs();
+      case ShowWhat::backlog:
+         return showBacklog();
+      case ShowWhat::config:
+         return showConfig();
+      case ShowWhat::routingAgents:
+         return showRoutingAgents();
+      case ShowWhat::nexthops:
+         return showNexthops(r.vrf);
+      case ShowWhat::ip6Enable:
+         return showIp6Enable();
+   }
+   return Json{};
+}
+
+std::string Agent::handleRequest(std::string const& line) {
    auto parsed = parseControlRequest(line);
+   if (!parsed.request)
+      return dumpJson(Json{{"error", parsed.errors.front().toString()}}, 1) + "\n";
+   auto const& r = *parsed.request;
+   auto refused = [](std::string place, std::string message) {
+      return Json{{"error", DocError{std::move(place), std::move(message)}.toString()}};
+   };
    Json out;
-   if (!parsed.request) {
-      out = Json{{"error", parsed.errors.front().toString()}};
-   } else if (parsed.request->subscribe) {
-      out = Json{{"error", "/subscribe: a subscription needs the agent's control socket"}};
-   } else if (auto const& set = parsed.request->nexthops) {
-      auto const& r = *parsed.request;
-      if (r.client == Nexthops::kConfigClient) {
-         out = Json{{"error", "/nexthops/client: \"config\" is the configuration's own client"}};
-      } else {
-         nexthops_->clientNexthopsIs(r.client, L3::VrfName(r.vrf), *set);
-         out = Json{{"client", r.client}, {"vrf", r.vrf}, {"nexthops", set->size()}};
-      }
-   } else {
-      if (parsed.request->switchover) {
+   switch (r.kind) {
+      case RequestKind::show:
+         out = show(r);
+         break;
+      case RequestKind::switchover:
          // The flag is the agent's to set; the machines that read it follow.
-         e_.ssoConfig->switchoverIs(*parsed.request->switchover);
-         return dumpJson(Json{{"switchover", e_.ssoConfig->switchover()}}, 1) + "\n";
-      }
-      switch (parsed.request->show) {
-         case ShowWhat::interfaces:
-            out = showInterfaces();
-            break;
-         case ShowWhat::vrfs:
-            out = showVrfs();
-            break;
-         case ShowWhat::backlog:
-            out = showBacklog();
-            break;
-         case ShowWhat::config:
-            out = showConfig();
-            break;
-         case ShowWhat::routingAgents:
-            out = showRoutingAgents();
-            break;
-         case ShowWhat::nexthops:
-            out = showNexthops(parsed.request->vrf);
-            break;
-      }
+         e_.ssoConfig->switchoverIs(r.switchover);
+         out = Json{{"switchover", e_.ssoConfig->switchover()}};
+         break;
+      case RequestKind::subscribe:
+         out = refused("/subscribe", "a subscription needs the agent's control socket");
+         break;
+      case RequestKind::nexthops:
+         if (r.program == Nexthops::kConfigClient) {
+            out = refused("/nexthops/client", "\"config\" is the configuration's own client");
+         } else {
+            nexthops_->clientNexthopsIs(r.program, L3::VrfName(r.vrf), r.nexthops);
+            out = Json{{"client", r.program}, {"vrf", r.vrf}, {"nexthops", r.nexthops.size()}};
+         }
+         break;
+      case RequestKind::ip6Enable:
+         ip6EnableRequestIs(r.program, r.interfaces);
+         out = showIp6Enable();
+         break;
+      case RequestKind::ip6EnableWithdraw:
+         out = ip6EnableRequestDel(r.program)
+                   ? showIp6Enable()
+                   : refused("/ip6-enable-withdraw",
+                             "no request of " + quotedForMessage(r.program) + " to withdraw");
+         break;
    }
    return dumpJson(out, 1) + "\n";
 }

@@ -2,11 +2,17 @@
 // from outside (agent/JsonRead.h), so that no request, however malformed, can stop the
 // agent; a bad one is answered with its error and its place.
 //
-//    {"show": "interfaces"}    also "vrfs", "backlog", "config", "routing-agents", "nexthops"
+//    {"show": "interfaces"}    also "vrfs", "backlog", "config", "routing-agents", "nexthops",
+//                              "ip6-enable"
 //    {"show": "nexthops", "vrf": "red"}
 //    {"switchover": true}      sets the switchover flag (false clears it)
 //    {"nexthops": {"client": "bgp", "vrf": "red", "set": ["10.0.0.1", "2001:db8::1"]}}
 //    {"subscribe": "bgp"}      the connection stays open: one JSON line per change
+//    {"ip6-enable": {"name": "dhcp6-relay", "interfaces": ["Ethernet1", "Ethernet2"]}}
+//                              a program asks for IPv6 on these interfaces, replacing its
+//                              earlier request ([] asks for none)
+//    {"ip6-enable-withdraw": "dhcp6-relay"}
+//                              the program's request is taken back
 #pragma once
 
 #include <optional>
@@ -15,6 +21,7 @@
 #include <vector>
 
 #include "agent/JsonRead.h"
+#include "konet/IntfId.h"
 #include "konet/IpAddr.h"
 
 namespace VeldAgent {
@@ -22,34 +29,44 @@ namespace VeldAgent {
 // The longest request line the agent reads.
 inline constexpr size_t kMaxRequestBytes = 4096;
 
-enum class ShowWhat { interfaces, vrfs, backlog, config, routingAgents, nexthops };
+// A program's name in its requests: 1 to 64 letters, digits and "_-.".
+inline constexpr size_t kMaxProgramNameBytes = 64;
 
-// A show (the default), the switchover flag set (switchover present), a client's nexthops
-// of a VRF set (nexthops present), or a subscription to a client's resolution changes
-// (subscribe).
+enum class ShowWhat { interfaces, vrfs, backlog, config, routingAgents, nexthops, ip6Enable };
+enum class RequestKind { show, switchover, nexthops, subscribe, ip6Enable, ip6EnableWithdraw };
+
 struct ControlRequest {
-   ControlRequest() = default;
-   explicit ControlRequest(ShowWhat what) : show(what) {}
-   ShowWhat show = ShowWhat::interfaces;
-   // Set: the request sets the switchover flag to this value (and shows nothing).
-   std::optional<bool> switchover;
-   std::string vrf;     // show nexthops of one VRF; the VRF of a nexthops request
-   std::string client;  // of a nexthops request or a subscription
-   bool subscribe = false;
-   std::optional<std::vector<Konet::IpGenAddr>> nexthops;
+   ControlRequest(ShowWhat what = ShowWhat::interfaces) : show(what) {}
+   static ControlRequest switchoverTo(bool on) {
+      ControlRequest r;
+      r.kind = RequestKind::switchover;
+      r.switchover = on;
+      return r;
+   }
+   static ControlRequest ip6Enable(std::string program, std::vector<Konet::IntfId> interfaces) {
+      ControlRequest r;
+      r.kind = RequestKind::ip6Enable;
+      r.program = std::move(program);
+      r.interfaces = std::move(interfaces);
+      return r;
+   }
+   static ControlRequest ip6EnableWithdraw(std::string program) {
+      ControlRequest r;
+      r.kind = RequestKind::ip6EnableWithdraw;
+      r.program = std::move(program);
+      return r;
+   }
+
+   RequestKind kind = RequestKind::show;
+   ShowWhat show = ShowWhat::interfaces;    // of a show request
+   std::string vrf;                         // show nexthops of one VRF; of a nexthops request
+   std::string program;                     // the client of nexthops, of a subscription,
+                                            // of an IPv6 enable request or its withdrawal
+   bool switchover = false;                 // of a switchover request
+   std::vector<Konet::IpGenAddr> nexthops;  // of a nexthops request, each once
+   std::vector<Konet::IntfId> interfaces;   // of an IPv6 enable request, each once
    friend bool operator==(ControlRequest const&, ControlRequest const&) = default;
 };
-
-inline ControlRequest showRequest(ShowWhat what) {
-   ControlRequest r;
-   r.show = what;
-   return r;
-}
-inline ControlRequest switchoverRequest(bool on) {
-   ControlRequest r;
-   r.switchover = on;
-   return r;
-}
 
 struct ParsedRequest {
    std::optional<ControlRequest> request;  // set exactly when errors is empty
@@ -60,6 +77,9 @@ ParsedRequest parseControlRequest(std::string_view line);
 
 // The request line that parseControlRequest reads back as `request` (without the newline).
 std::string controlRequestText(ControlRequest const& request);
+
+// The request names: "show", "switchover", ...
+char const* requestKindName(RequestKind kind);
 
 // "interfaces", ...; and back (nullopt for an unknown name).
 char const* showWhatName(ShowWhat what);

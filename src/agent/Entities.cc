@@ -30,16 +30,15 @@ Entities::Entities()
       vrfStatusLocal(make<Ip::AllVrfStatusLocal>()),
       vrfStatusGlobal(make<Ip::AllVrfStatusGlobal>()),
       virtualMac(make<ProxyArp::VirtualMacStatus>()),
+      ip6EnableDir(make<Mox::Dir>("ip6Enable")),
       ip6Enable(make<Ip6::Ip6Enable>()),
       ip6OwnAddrs(make<Veld::Ip6OwnAddrs>()),
       ipInputStatus(make<Ip::IpInputStatusDir>()),
       ipStatus(make<Ip::Status>()),
       l3InputStatus(make<L3::Intf::InputStatusDir>()),
       l3Status(make<L3::Intf::StatusDir>()),
-      ip6Status(make<Ip6::Status>()),
-      systemIp6Status(make<Ip6::Input::Status>("veld")),
-      localIp6Status(make<Ip6::Input::Status>("veld-local")),
       ip6InputStatus(make<Ip6::Ip6InputStatusDir>()),
+      ip6Status(make<Ip6::Status>()),
       ip6MulticastGroups(make<Ip6::MulticastGroupsForApplications>()),
       updateIpVrfRequests(make<L3::UpdateIpIntfStatusVrfRequests>()),
       updateIp6VrfRequests(make<L3::UpdateIpIntfStatusVrfRequests>()),
@@ -54,6 +53,8 @@ Entities::Entities()
    localIpStatus = ipInputStatus->inputStatusIs("veld-local");
    systemL3Status = l3InputStatus->inputStatusIs("veld");
    localL3Status = l3InputStatus->inputStatusIs("veld-local");
+   systemIp6Status = ip6InputStatus->inputStatusIs("veld");
+   localIp6Status = ip6InputStatus->inputStatusIs("veld-local");
    routingVrfConfig->vrfConfigIs(L3::VrfName::defaultVrf());
    routing6VrfConfig->vrfConfigIs(L3::VrfName::defaultVrf());
    // The kernel checks reverse paths itself: there is no forwarding hardware to do it.
@@ -80,11 +81,14 @@ Entities::Entities()
    l.entityIs("ip/status", ipStatus);
    l.entityIs("l3/intf/input/status", l3InputStatus);
    l.entityIs("l3/intf/status", l3Status);
+   l.entityIs("ip6/input/status", ip6InputStatus);
    l.entityIs("ip6/status", ip6Status);
    l.entityIs("vrf/routingAgents/config", routingAgents);
    l.entityIs("redundancy/sso/config", ssoConfig);
    l.entityIs("vrf/routingAgents/qual", ribQualDir);
    l.entityIs("vrf/routingAgents/status", ribStatusDir);
+   l.entityIs("ip6/enable/input", ip6EnableDir);
+   l.entityIs("ip6/enable/status", ip6Enable);
 }
 
 }  // namespace VeldAgent

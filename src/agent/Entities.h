@@ -5,6 +5,7 @@
 #pragma once
 
 #include "mox/Bolt.h"
+#include "mox/Dir.h"
 #include "mox/Larder.h"
 #include "platform/Agent.h"
 #include "platform/Dhclient.h"
@@ -15,8 +16,8 @@
 #include "platform/ProxyArp.h"
 #include "platform/Routing.h"
 #include "veld/ipv6/Ip6OwnAddrs.h"
-#include "veld/unnumbered/LenderToBorrowersStatus.h"
 #include "veld/redundancy/SsoConfig.h"
+#include "veld/unnumbered/LenderToBorrowersStatus.h"
 
 namespace VeldAgent {
 
@@ -56,6 +57,10 @@ struct Entities {
    Mox::Ptr<Ip::AllVrfStatusLocal> vrfStatusLocal;
    Mox::Ptr<Ip::AllVrfStatusGlobal> vrfStatusGlobal;
    Mox::Ptr<ProxyArp::VirtualMacStatus> virtualMac;
+   // Programs' requests for IPv6 on interfaces: one Ip6::Ip6Enable per program, by its
+   // name (written by the control socket's requests); ip6Enable is their merge (written by
+   // the library's Ip6EnableSm), which the IPv6 machines read.
+   Mox::Ptr<Mox::Dir> ip6EnableDir;
    Mox::Ptr<Ip6::Ip6Enable> ip6Enable;
    // The IPv6 addresses the agent added, seeded at start from the configuration it applied
    // before it stopped.
@@ -70,10 +75,10 @@ struct Entities {
    Mox::Ptr<L3::Intf::Input::StatusDir> systemL3Status;  // inputs of l3InputStatus
    Mox::Ptr<L3::Intf::Input::StatusDir> localL3Status;
    Mox::Ptr<L3::Intf::StatusDir> l3Status;
-   Mox::Ptr<Ip6::Status> ip6Status;
-   Mox::Ptr<Ip6::Input::Status> systemIp6Status;
-   Mox::Ptr<Ip6::Input::Status> localIp6Status;
    Mox::Ptr<Ip6::Ip6InputStatusDir> ip6InputStatus;
+   Mox::Ptr<Ip6::Input::Status> systemIp6Status;  // inputs of ip6InputStatus
+   Mox::Ptr<Ip6::Input::Status> localIp6Status;
+   Mox::Ptr<Ip6::Status> ip6Status;
    Mox::Ptr<Ip6::MulticastGroupsForApplications> ip6MulticastGroups;
    Mox::Ptr<L3::UpdateIpIntfStatusVrfRequests> updateIpVrfRequests;
    Mox::Ptr<L3::UpdateIpIntfStatusVrfRequests> updateIp6VrfRequests;

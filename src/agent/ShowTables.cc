@@ -72,11 +72,54 @@ std::string sourceOf(Json const& i) {
    return "dhcp, " + std::to_string(src.value("leaseSecondsLeft", 0)) + " s left";
 }
 
+// The IPv6 column: global addresses, then the link-local and DAD-failed ones marked; an
+// interface a program asked IPv6 for and that has no status yet says so.
+std::string ipv6(Json const& i) {
+   auto const* st = i.contains("ipv6") ? &i.at("ipv6") : nullptr;
+   if (!st || st->is_null()) {
+      return i.value("ipv6EnableRequested", false) ? "(requested)" : "";
+   }
+   std::string out = join(st->at("addresses"));
+   auto more = [&](char const* label, Json const& list) {
+      if (list.empty()) return;
+      out += std::string(out.empty() ? "" : " ") + label + " " + join(list, ",");
+   };
+   more("link-local", st->at("linkLocal"));
+   more("DAD failed", st->at("dadFailed"));
+   return out;
+}
+
+template <class C>
+Json sortedTexts(C const& c) {
+   std::vector<std::string> texts;
+   for (auto const& a : c)
+      texts.push_back(a.toString());
+   std::sort(texts.begin(), texts.end());
+   return Json(texts);
+}
+
 }  // namespace
 
+Json ip6StatusJson(Ip6::IntfStatus const& status) {
+   std::vector<Konet::Ip6AddrWithMask> global, linkLocal;
+   for (auto const& a : status.addrIterator())
+      (a.addr().isLinkLocal() ? linkLocal : global).push_back(a);
+   return Json{{"vrf", status.vrf().name()},
+               {"addresses", sortedTexts(global)},
+               {"linkLocal", sortedTexts(linkLocal)},
+               {"dadFailed", sortedTexts(status.dadFailedAddrIterator())}};
+}
+
 std::string renderInterfaces(Json const& answer) {
-   Table t({"Interface", "VRF", "Device", "Namespace", "Link", "MTU", "Primary", "Source",
-            "Secondaries", "Kernel", "Settings"});
+   // The IPv6 column is there when some interface has something to show in it.
+   bool anyIpv6 = false;
+   for (auto const& i : answer.at("interfaces"))
+      anyIpv6 = anyIpv6 || !ipv6(i).empty();
+   std::vector<std::string> header{"Interface", "VRF",     "Device", "Namespace",   "Link",
+                                   "MTU",       "Primary", "Source", "Secondaries", "Kernel"};
+   if (anyIpv6) header.push_back("IPv6");
+   header.push_back("Settings");
+   Table t(header);
    for (auto const& i : answer.at("interfaces")) {
       std::string primary, secondaries, kernel;
       auto const& st = i.at("status");
@@ -126,10 +169,19 @@ std::string renderInterfaces(Json const& answer) {
       } else {
          kernel = "holds " + join(i.at("kernel"), ",");
       }
-      t.row({i.at("interface").get<std::string>(), i.at("vrf").get<std::string>(),
-             i.at("device").get<std::string>(), orDash(i.at("namespace").get<std::string>()),
-             i.at("operUp").get<bool>() ? "up" : "down", std::to_string(i.at("mtu").get<int>()),
-             primary, orDash(sourceOf(i)), orDash(secondaries), kernel, orDash(settings(i))});
+      std::vector<std::string> row{i.at("interface").get<std::string>(),
+                                   i.at("vrf").get<std::string>(),
+                                   i.at("device").get<std::string>(),
+                                   orDash(i.at("namespace").get<std::string>()),
+                                   i.at("operUp").get<bool>() ? "up" : "down",
+                                   std::to_string(i.at("mtu").get<int>()),
+                                   primary,
+                                   orDash(sourceOf(i)),
+                                   orDash(secondaries),
+                                   kernel};
+      if (anyIpv6) row.push_back(orDash(ipv6(i)));
+      row.push_back(orDash(settings(i)));
+      t.row(std::move(row));
    }
    return t.render();
 }
@@ -208,6 +260,13 @@ std::string renderNexthops(Json const& answer) {
    return t.render();
 }
 
+std::string renderIp6Enable(Json const& answer) {
+   Table t({"Program", "Interfaces"});
+   for (auto const& r : answer.at("requests"))
+      t.row({r.at("program").get<std::string>(), orDash(join(r.at("interfaces")))});
+   return t.render() + "\nIPv6 enabled on: " + orDash(join(answer.at("enabled"))) + "\n";
+}
+
 std::string renderAnswer(ShowWhat what, Json const& answer) {
    try {
       switch (what) {
@@ -223,6 +282,8 @@ std::string renderAnswer(ShowWhat what, Json const& answer) {
             return renderRoutingAgents(answer);
          case ShowWhat::nexthops:
             return renderNexthops(answer);
+         case ShowWhat::ip6Enable:
+            return renderIp6Enable(answer);
       }
    } catch (Json::exception const&) {
    }

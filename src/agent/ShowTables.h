@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "agent/ControlRequest.h"
+#include "platform/Ip6.h"
 
 namespace VeldAgent {
 
@@ -21,12 +22,18 @@ private:
    std::vector<std::vector<std::string>> rows_;
 };
 
+// The published IPv6 status of an interface as `show interfaces` answers it: its global
+// addresses, its link-local ones and those that failed duplicate address detection, each
+// list sorted.
+nlohmann::json ip6StatusJson(Ip6::IntfStatus const& status);
+
 std::string renderInterfaces(nlohmann::json const& answer);
 std::string renderNexthops(nlohmann::json const& answer);
 std::string renderVrfs(nlohmann::json const& answer);
 std::string renderBacklog(nlohmann::json const& answer);
 std::string renderConfig(nlohmann::json const& answer);
 std::string renderRoutingAgents(nlohmann::json const& answer);
+std::string renderIp6Enable(nlohmann::json const& answer);
 // The table of an answer to `show`; "" when the answer does not have the expected shape
 // (an agent of another version), never an exception.
 std::string renderAnswer(ShowWhat what, nlohmann::json const& answer);

@@ -81,7 +81,7 @@ int run(std::string const& path, std::string const& runDir, std::string const& n
 int show(std::string const& what, std::string const& vrf, bool json, std::string const& runDir) {
    std::string answer;
    auto path = VeldAgent::Agent::socketPath(runDir);
-   auto request = showRequest(*showWhatFromName(what));
+   ControlRequest request(*showWhatFromName(what));
    if (!vrf.empty() && request.show != ShowWhat::nexthops) {
       std::fprintf(stderr, "veld show: --vrf goes with nexthops only\n");
       return 1;
@@ -113,7 +113,8 @@ int show(std::string const& what, std::string const& vrf, bool json, std::string
 int switchover(bool on, std::string const& runDir) {
    std::string answer;
    auto path = VeldAgent::Agent::socketPath(runDir);
-   if (int err = controlRequest(path, controlRequestText(switchoverRequest(on)), &answer)) {
+   if (int err =
+           controlRequest(path, controlRequestText(ControlRequest::switchoverTo(on)), &answer)) {
       std::fprintf(stderr, "veld switchover: no agent answers at %s: %s\n", path.c_str(),
                    std::strerror(err));
       return 1;
@@ -160,10 +161,12 @@ int main(int argc, char** argv) {
 
    auto* showCmd = app.add_subcommand("show", "ask a running agent");
    std::string showVrf;
-   showCmd->add_option("what", what, "interfaces, vrfs, backlog, config, routing-agents or nexthops")
+   showCmd
+       ->add_option("what", what,
+                    "interfaces, vrfs, backlog, config, routing-agents, nexthops or ip6-enable")
        ->required()
-       ->check(CLI::IsMember(
-           {"interfaces", "vrfs", "backlog", "config", "routing-agents", "nexthops"}));
+       ->check(CLI::IsMember({"interfaces", "vrfs", "backlog", "config", "routing-agents",
+                              "nexthops", "ip6-enable"}));
    showCmd->add_option("--vrf", showVrf, "nexthops: of this VRF only");
    showCmd->add_flag("--json", json, "print the agent's JSON answer");
    showCmd->add_option("--run-dir", runDir, "the running agent's run directory")

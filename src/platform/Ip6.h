@@ -5,6 +5,7 @@
 
 #include "konet/IntfId.h"
 #include "konet/IpPrefix.h"
+#include "konet/VrfName.h"
 #include "mox/Entity.h"
 #include "mox/HashMap.h"
 #include "mox/Name.h"
@@ -143,7 +144,9 @@ private:
    bool enhancedDad_ = false;
 };
 
-// The IPv6 status of one interface, as one producer writes it.
+// The IPv6 status of one interface, as one producer writes it: the addresses the kernel
+// holds for it (link-local ones included), those that failed duplicate address detection and
+// the neighbour-discovery settings in force.
 class IntfStatus : public Mox::Entity {
 public:
    class NotifieeConst : public Mox::EntityNotifiee<IntfStatus> {
@@ -163,7 +166,7 @@ public:
    void addrDel(Konet::Ip6AddrWithMask const& a) { delMember(addr_, a, &NotifieeConst::onAddr); }
    AddrSet const& addrIterator() const { return addr_; }
    // Configured addresses that failed duplicate address detection.
-   bool dadFailedAddr(Konet::Ip6AddrWithMask const& a) const { return dadFailed_.contains(a); }
+   bool dadFailedAddrHas(Konet::Ip6AddrWithMask const& a) const { return dadFailed_.contains(a); }
    void dadFailedAddrIs(Konet::Ip6AddrWithMask const& a) {
       insertMember(dadFailed_, a, &NotifieeConst::onDadFailedAddr);
    }
@@ -195,33 +198,44 @@ private:
 };
 
 namespace Input {
+
 // The IPv6 interface statuses of one producer.
 class Status : public Mox::Entity {
 public:
-   static constexpr Mox::AttrId kIntfStatus = 1;
+   static constexpr Mox::AttrId kIp6IntfStatus = 1;
    class NotifieeConst : public Mox::EntityNotifiee<Status> {
    public:
-      virtual void onIntfStatus(Konet::IntfId const&) {}
+      virtual void onIp6IntfStatus(Konet::IntfId const&) {}
+      virtual void onUrpfConfiguredOnAnyIntf() {}
    };
    using Members = Mox::HashMap<Konet::IntfId, Mox::Ptr<IntfStatus>>;
+
    explicit Status(Mox::Name name = Mox::Name()) : name_(std::move(name)) {}
    Mox::Name const& name() const { return name_; }
-   Mox::Ptr<IntfStatus> intfStatus(Konet::IntfId const& id) const {
-      return Mox::valueOr(intfStatus_, id);
+   Mox::Ptr<IntfStatus> ip6IntfStatus(Konet::IntfId const& id) const {
+      return Mox::valueOr(ip6IntfStatus_, id);
    }
-   Mox::Ptr<IntfStatus> intfStatusIs(Konet::IntfId const& id) {
-      return instantiateMember<IntfStatus>(intfStatus_, id, kIntfStatus,
-                                           &NotifieeConst::onIntfStatus);
+   Mox::Ptr<IntfStatus> ip6IntfStatusIs(Konet::IntfId const& id) {
+      return instantiateMember<IntfStatus>(ip6IntfStatus_, id, kIp6IntfStatus,
+                                           &NotifieeConst::onIp6IntfStatus);
    }
-   void intfStatusDel(Konet::IntfId const& id) {
-      delMember(intfStatus_, id, &NotifieeConst::onIntfStatus);
+   void ip6IntfStatusDel(Konet::IntfId const& id) {
+      delMember(ip6IntfStatus_, id, &NotifieeConst::onIp6IntfStatus);
    }
-   Members const& intfStatusIterator() const { return intfStatus_; }
+   Members const& ip6IntfStatusIterator() const { return ip6IntfStatus_; }
+   size_t ip6IntfStatusSize() const { return ip6IntfStatus_.size(); }
+
+   bool urpfConfiguredOnAnyIntf() const { return urpfConfiguredOnAnyIntf_; }
+   void urpfConfiguredOnAnyIntfIs(bool v) {
+      setAttr(urpfConfiguredOnAnyIntf_, v, &NotifieeConst::onUrpfConfiguredOnAnyIntf);
+   }
 
 private:
    Mox::Name name_;
-   Members intfStatus_;
+   Members ip6IntfStatus_;
+   bool urpfConfiguredOnAnyIntf_ = false;
 };
+
 }  // namespace Input
 
 // The multicast groups each interface has joined for the applications.
@@ -256,28 +270,121 @@ private:
    Mox::HashMap<Konet::IntfId, Groups> groups_;
 };
 
-// IPv6 switched on for interfaces whatever their configuration says, because a program on
-// the switch needs it there.
+// The IPv6 status inputs of every producer, by name.
+class Ip6InputStatusDir : public Mox::Entity {
+public:
+   static constexpr Mox::AttrId kInputStatus = 1;
+   class NotifieeConst : public Mox::EntityNotifiee<Ip6InputStatusDir> {
+   public:
+      virtual void onInputStatus(Mox::Name const&) {}
+   };
+   using Members = Mox::HashMap<Mox::Name, Mox::Ptr<Input::Status>>;
+   Mox::Ptr<Input::Status> inputStatus(Mox::Name const& n) const { return Mox::valueOr(input_, n); }
+   Mox::Ptr<Input::Status> inputStatusIs(Mox::Name const& n) {
+      return instantiateMember<Input::Status>(input_, n, kInputStatus,
+                                              &NotifieeConst::onInputStatus);
+   }
+   void inputStatusDel(Mox::Name const& n) { delMember(input_, n, &NotifieeConst::onInputStatus); }
+   Members const& inputStatusIterator() const { return input_; }
+
+private:
+   Members input_;
+};
+
+// The interfaces of one VRF in the published IPv6 status.
+class VrfIp6IntfStatus : public Mox::Entity {
+public:
+   class NotifieeConst : public Mox::EntityNotifiee<VrfIp6IntfStatus> {
+   public:
+      virtual void onIp6IntfStatus(Konet::IntfId const&) {}
+   };
+   using Members = Mox::HashMap<Konet::IntfId, Mox::Ptr<IntfStatus const>>;
+   explicit VrfIp6IntfStatus(L3::VrfName vrf) : vrf_(std::move(vrf)) {}
+   L3::VrfName const& vrf() const { return vrf_; }
+   Mox::Ptr<IntfStatus const> ip6IntfStatus(Konet::IntfId const& id) const {
+      return Mox::valueOr(ip6IntfStatus_, id);
+   }
+   void ip6IntfStatusIs(Mox::Ptr<IntfStatus const> const& s) {
+      setMember(ip6IntfStatus_, s->intf(), s, &NotifieeConst::onIp6IntfStatus);
+   }
+   void ip6IntfStatusDel(Konet::IntfId const& id) {
+      delMember(ip6IntfStatus_, id, &NotifieeConst::onIp6IntfStatus);
+   }
+   Members const& ip6IntfStatusIterator() const { return ip6IntfStatus_; }
+   size_t ip6IntfStatusSize() const { return ip6IntfStatus_.size(); }
+
+private:
+   L3::VrfName const vrf_;
+   Members ip6IntfStatus_;
+};
+
+// The published IPv6 status: every interface's status, and the interfaces of each VRF.
+class Status : public Mox::Entity {
+public:
+   static constexpr Mox::AttrId kVrfIp6IntfStatus = 2;
+   class NotifieeConst : public Mox::EntityNotifiee<Status> {
+   public:
+      virtual void onIntf(Konet::IntfId const&) {}
+      virtual void onVrfIp6IntfStatus(L3::VrfName const&) {}
+      virtual void onUrpfConfiguredOnAnyIntf() {}
+   };
+   using Intfs = Mox::HashMap<Konet::IntfId, Mox::Ptr<IntfStatus const>>;
+   using Vrfs = Mox::HashMap<L3::VrfName, Mox::Ptr<VrfIp6IntfStatus>>;
+
+   Mox::Ptr<IntfStatus const> intf(Konet::IntfId const& id) const {
+      return Mox::valueOr(intf_, id);
+   }
+   void intfIs(Mox::Ptr<IntfStatus const> const& s) {
+      setMember(intf_, s->intf(), s, &NotifieeConst::onIntf);
+   }
+   void intfDel(Konet::IntfId const& id) { delMember(intf_, id, &NotifieeConst::onIntf); }
+   Intfs const& intfIterator() const { return intf_; }
+
+   Mox::Ptr<VrfIp6IntfStatus> vrfIp6IntfStatus(L3::VrfName const& v) const {
+      return Mox::valueOr(vrf_, v);
+   }
+   Mox::Ptr<VrfIp6IntfStatus> vrfIp6IntfStatusIs(L3::VrfName const& v) {
+      return instantiateMember<VrfIp6IntfStatus>(vrf_, v, kVrfIp6IntfStatus,
+                                                 &NotifieeConst::onVrfIp6IntfStatus);
+   }
+   void vrfIp6IntfStatusDel(L3::VrfName const& v) {
+      delMember(vrf_, v, &NotifieeConst::onVrfIp6IntfStatus);
+   }
+   Vrfs const& vrfIp6IntfStatusIterator() const { return vrf_; }
+
+   bool urpfConfiguredOnAnyIntf() const { return urpfConfiguredOnAnyIntf_; }
+   void urpfConfiguredOnAnyIntfIs(bool v) {
+      setAttr(urpfConfiguredOnAnyIntf_, v, &NotifieeConst::onUrpfConfiguredOnAnyIntf);
+   }
+
+private:
+   Intfs intf_;
+   Vrfs vrf_;
+   bool urpfConfiguredOnAnyIntf_ = false;
+};
+
+// Which interfaces want IPv6: one application's wishes, or their merge. Only interfaces that
+// want it are held; enableIs(intf, false) removes the interface, and an absent one reads
+// false.
 class Ip6Enable : public Mox::Entity {
 public:
    class NotifieeConst : public Mox::EntityNotifiee<Ip6Enable> {
    public:
-      virtual void onIntfEnable(Konet::IntfId const&) {}
+      virtual void onEnable(Konet::IntfId const&) {}
    };
-   bool intfEnable(Konet::IntfId const& intf) const { return Mox::valueOr(enable_, intf); }
-   void intfEnableIs(Konet::IntfId const& intf, bool v) {
-      setMember(enable_, intf, v, &NotifieeConst::onIntfEnable);
+   bool enable(Konet::IntfId const& id) const { return enable_.contains(id); }
+   void enableIs(Konet::IntfId const& id, bool v) {
+      if (v) {
+         insertMember(enable_, id, &NotifieeConst::onEnable);
+      } else {
+         delMember(enable_, id, &NotifieeConst::onEnable);
+      }
    }
-   void intfEnableDel(Konet::IntfId const& intf) {
-      delMember(enable_, intf, &NotifieeConst::onIntfEnable);
-   }
-   Mox::HashMap<Konet::IntfId, bool> const& intfEnableIterator() const { return enable_; }
+   Mox::HashSet<Konet::IntfId> const& enableIterator() const { return enable_; }
+   size_t enableSize() const { return enable_.size(); }
 
 private:
-   Mox::HashMap<Konet::IntfId, bool> enable_;
+   Mox::HashSet<Konet::IntfId> enable_;
 };
-
-class Status : public Mox::Entity {};
-class Ip6InputStatusDir : public Mox::Entity {};
 
 }  // namespace Ip6

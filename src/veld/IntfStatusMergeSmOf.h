@@ -1,7 +1,7 @@
 // Merges the interface statuses that several producers write (each VRF's interface
 // machines, other agents) into the one status the rest of the system reads. The IPv4 and L3
 // status machines are this machine with their family's types and what publishing means to
-// them; the IPv6 status machine will be a third.
+// them; the IPv6 status machine is a third.
 //
 // Watches the directory of inputs, each input's interface statuses and each status's VRF.
 // Each published interface has one source, an input's status of it:

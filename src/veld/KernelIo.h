@@ -4,6 +4,8 @@
 // kernel work that takes (virtual) time.
 #pragma once
 
+#include <cerrno>
+
 #include <cstdint>
 #include <memory>
 #include <string>
@@ -29,6 +31,14 @@ public:
                                                               char const* caller);
    virtual int writeProcSys(std::string_view path, std::string_view value);
    virtual int readProcSys(std::string_view path, std::string* value);
+   // Writes `value` unless the file holds it already (a restart finds most settings set);
+   // ENOENT when the file is not there, as from a write.
+   int writeProcSysIfDiffers(std::string_view path, std::string_view value) {
+      std::string held;
+      int err = readProcSys(path, &held);
+      if (err == ENOENT || (err == 0 && held == value)) return err;
+      return writeProcSys(path, value);
+   }
    virtual int ipAddrAdd(int sock, int ifindex, Konet::IpAddrWithMask const& addr,
                          uint32_t ifaFlags);
    // Many adds at once (Konet::ipAddrAddAll); (*results)[i] is what ipAddrAdd gives adds[i].

@@ -91,18 +91,18 @@ TEST_F(DocumentFile, OnlyARegularFileOfAcceptedSizeIsRead) {
 
 TEST(ControlRequest, ReadsEachShowAndRefusesTheRestWithItsPlace) {
    for (auto what : {ShowWhat::interfaces, ShowWhat::vrfs, ShowWhat::backlog, ShowWhat::config,
-                     ShowWhat::routingAgents}) {
-      auto text = controlRequestText(showRequest(what));
+                     ShowWhat::routingAgents, ShowWhat::nexthops, ShowWhat::ip6Enable}) {
+      auto text = controlRequestText(ControlRequest(what));
       auto parsed = parseControlRequest(text);
       ASSERT_TRUE(parsed.request) << text;
       EXPECT_EQ(parsed.request->show, what);
       EXPECT_EQ(showWhatFromName(showWhatName(what)), what);
    }
-   EXPECT_EQ(controlRequestText(showRequest(ShowWhat::vrfs)), R"({"show":"vrfs"})");
-   EXPECT_EQ(controlRequestText(showRequest(ShowWhat::routingAgents)),
+   EXPECT_EQ(controlRequestText(ControlRequest(ShowWhat::vrfs)), R"({"show":"vrfs"})");
+   EXPECT_EQ(controlRequestText(ControlRequest(ShowWhat::routingAgents)),
              R"({"show":"routing-agents"})");
    for (bool on : {true, false}) {
-      auto parsed = parseControlRequest(controlRequestText(switchoverRequest(on)));
+      auto parsed = parseControlRequest(controlRequestText(ControlRequest::switchoverTo(on)));
       ASSERT_TRUE(parsed.request);
       EXPECT_EQ(parsed.request->switchover, on);
    }
@@ -112,14 +112,18 @@ TEST(ControlRequest, ReadsEachShowAndRefusesTheRestWithItsPlace) {
       return p.errors.empty() ? std::string("accepted") : p.errors.front().toString();
    };
    EXPECT_EQ(refused(R"({"show": "routes"})"),
-             R"(/show: shows one of interfaces, vrfs, backlog, config, routing-agents, nexthops; )"
-             R"(not "routes")");
-   EXPECT_EQ(refused(R"({"show": 1})"), "/show: shows one of interfaces, vrfs, backlog, config, "
-                                        "routing-agents, nexthops; not a number");
+             R"(/show: shows one of interfaces, vrfs, backlog, config, routing-agents, nexthops, )"
+             R"(ip6-enable; not "routes")");
+   EXPECT_EQ(refused(R"({"show": 1})"),
+             "/show: shows one of interfaces, vrfs, backlog, config, "
+             "routing-agents, nexthops, ip6-enable; not a number");
    EXPECT_EQ(refused(R"({"shout": "vrfs"})"),
-             R"(/shout: unknown request "shout" (known: show, switchover, nexthops, subscribe))");
+             R"(/shout: unknown request "shout" (known: show, switchover, nexthops, subscribe, )"
+             R"(ip6-enable, ip6-enable-withdraw))");
    EXPECT_EQ(refused(R"({"switchover": "yes"})"), "/switchover: is true or false, not a string");
    EXPECT_EQ(refused(R"({"show": "vrfs", "x": 1})"), R"(/x: unknown member "x")");
+   EXPECT_EQ(refused(R"({"switchover": true, "x": 1})").substr(0, 40),
+             "(document): a request is an object with ");
    EXPECT_EQ(refused("show interfaces").substr(0, 32), "(document): not valid JSON at li");
    EXPECT_EQ(refused(R"({"show": 1e999})"),
              R"(/show: the number "1e999" is too large (at line 1, column 10))");
@@ -140,15 +144,15 @@ TEST(ControlRequest, NexthopRequestsReadBackAndNameTheirFaults) {
    }
    auto set =
        parseControlRequest(R"({"nexthops": {"client": "b", "vrf": "v", "set": ["10.0.0.1"]}})");
-   ASSERT_TRUE(set.request && set.request->nexthops);
-   EXPECT_EQ(set.request->nexthops->size(), 1u);
+   ASSERT_TRUE(set.request && set.request->kind == RequestKind::nexthops);
+   EXPECT_EQ(set.request->nexthops.size(), 1u);
    auto refused = [](std::string_view line) {
       auto p = parseControlRequest(line);
       return p.errors.empty() ? std::string("accepted") : p.errors.front().toString();
    };
    EXPECT_EQ(refused(R"({"show": "vrfs", "vrf": "red"})"), R"(/vrf: unknown member "vrf")");
    EXPECT_EQ(refused(R"({"subscribe": "a b"})"),
-             "/subscribe: a client name has letters, digits and -_. only");
+             R"(/subscribe: "a b" is not a program's name (1 to 64 letters, digits and "_-."))");
    EXPECT_EQ(
        refused(R"({"nexthops": {"client": "b", "vrf": "v", "set": ["10.0.0.1", "10.0.0.1"]}})"),
        R"(/nexthops/set/1: "10.0.0.1" is listed twice)");
@@ -156,6 +160,63 @@ TEST(ControlRequest, NexthopRequestsReadBackAndNameTheirFaults) {
              R"(/nexthops/set/0: "10.0.0.0/8" is not an IPv4 or IPv6 address)");
    EXPECT_EQ(refused(R"({"nexthops": {"client": "b", "set": []}})"),
              R"(/nexthops: names its VRF ("vrf"))");
+}
+
+// A program's request for IPv6 and its withdrawal: read back from their own text, and every
+// malformed one refused at its place.
+TEST(ControlRequest, ReadsIpv6EnableRequestsAndRefusesMalformedOnesWithTheirPlace) {
+   auto request = ControlRequest::ip6Enable(
+       "dhcp6-relay", {Konet::IntfId("Ethernet1"), Konet::IntfId("Ethernet3/1")});
+   auto text = controlRequestText(request);
+   EXPECT_EQ(text,
+             R"({"ip6-enable":{"interfaces":["Ethernet1","Ethernet3/1"],"name":"dhcp6-relay"}})");
+   auto parsed = parseControlRequest(text);
+   ASSERT_TRUE(parsed.request);
+   EXPECT_EQ(*parsed.request, request);
+   auto none = parseControlRequest(R"({"ip6-enable": {"name": "a.b_c", "interfaces": []}})");
+   ASSERT_TRUE(none.request);
+   EXPECT_TRUE(none.request->interfaces.empty());
+   auto withdraw = parseControlRequest(R"({"ip6-enable-withdraw": "dhcp6-relay"})");
+   ASSERT_TRUE(withdraw.request);
+   EXPECT_EQ(*withdraw.request, ControlRequest::ip6EnableWithdraw("dhcp6-relay"));
+   EXPECT_EQ(controlRequestText(*withdraw.request), R"({"ip6-enable-withdraw":"dhcp6-relay"})");
+
+   auto refused = [](std::string_view line) {
+      auto p = parseControlRequest(line);
+      EXPECT_FALSE(p.request) << line;
+      return p.errors.empty() ? std::string("accepted") : p.errors.front().toString();
+   };
+   EXPECT_EQ(
+       refused(R"({"ip6-enable": ["Ethernet1"]})"),
+       R"(/ip6-enable: an IPv6 enable request is an object with "name" and "interfaces", not an array)");
+   EXPECT_EQ(refused(R"({"ip6-enable": {"name": "x"}})"),
+             R"(/ip6-enable: an IPv6 enable request needs "interfaces")");
+   EXPECT_EQ(refused(R"({"ip6-enable": {"interfaces": []}})"),
+             R"(/ip6-enable: an IPv6 enable request needs "name")");
+   EXPECT_EQ(refused(R"({"ip6-enable": {"name": "x", "interfaces": [], "vrf": "red"}})"),
+             R"(/ip6-enable/vrf: unknown member "vrf" (known: name, interfaces))");
+   EXPECT_EQ(
+       refused(R"({"ip6-enable": {"name": "a b", "interfaces": []}})"),
+       R"(/ip6-enable/name: "a b" is not a program's name (1 to 64 letters, digits and "_-."))");
+   EXPECT_EQ(refused(R"({"ip6-enable": {"name": "", "interfaces": []}})").substr(0, 37),
+             R"(/ip6-enable/name: "" is not a program)");
+   EXPECT_EQ(refused(R"({"ip6-enable": {"name": 7, "interfaces": []}})"),
+             "/ip6-enable/name: a program's name is a string, not a number");
+   EXPECT_EQ(refused(R"({"ip6-enable": {"name": "x", "interfaces": "Ethernet1"}})"),
+             "/ip6-enable/interfaces: a list of interfaces, not a string");
+   EXPECT_EQ(refused(R"({"ip6-enable": {"name": "x", "interfaces": ["Ethernet1", 2]}})"),
+             "/ip6-enable/interfaces/1: an interface is a string, not a number");
+   EXPECT_EQ(
+       refused(R"({"ip6-enable": {"name": "x", "interfaces": ["Ethernet1", "9x"]}})"),
+       "/ip6-enable/interfaces/1: '9x' is not an interface name: it must begin with a letter");
+   EXPECT_EQ(
+       refused(
+           R"({"ip6-enable": {"name": "x", "interfaces": ["Ethernet1", "Ethernet2", "Ethernet1"]}})"),
+       R"(/ip6-enable/interfaces/2: "Ethernet1" is given twice)");
+   EXPECT_EQ(refused(R"({"ip6-enable-withdraw": {"name": "x"}})"),
+             "/ip6-enable-withdraw: a program's name is a string, not an object");
+   EXPECT_EQ(refused(R"({"ip6-enable-withdraw": "x/y"})").substr(0, 45),
+             R"(/ip6-enable-withdraw: "x/y" is not a program')");
 }
 
 }  // namespace

@@ -88,3 +88,56 @@ TEST(ShowTables, BacklogSaysWhatTheAgentWaitsFor) {
 }
 
 }  // namespace
+
+// The IPv6 column, from the published status as the agent answers it: global addresses,
+// link-local and DAD-failed ones apart; an interface with a request and no status yet says
+// so; the column is left out where no interface has IPv6.
+TEST(ShowTables, TheIpv6ColumnShowsThePublishedAddressesLinkLocalAndDadFailed) {
+   auto s = Mox::make<Ip6::IntfStatus>(Konet::IntfId("Ethernet1"));
+   s->vrfIs("red");
+   for (auto const* a : {"2001:db8:1::1/64", "2001:db8::1/64", "fe80::1/64"})
+      s->addrIs(*Konet::Ip6AddrWithMask::parse(a));
+   s->dadFailedAddrIs(*Konet::Ip6AddrWithMask::parse("2001:db8:2::1/64"));
+   auto json = ip6StatusJson(*s);
+   EXPECT_EQ(json, (Json{{"vrf", "red"},
+                         {"addresses", {"2001:db8:1::1/64", "2001:db8::1/64"}},
+                         {"linkLocal", {"fe80::1/64"}},
+                         {"dadFailed", {"2001:db8:2::1/64"}}}));
+
+   auto e1 = intf("Ethernet1", true, status("10.0.0.1/24", {}), {"10.0.0.1/24"});
+   e1["ipv6"] = json;
+   auto e2 = intf("Ethernet2", true, status("10.0.2.1/24", {}), {"10.0.2.1/24"});
+   e2["ipv6"] = nullptr;
+   e2["ipv6EnableRequested"] = true;
+   auto e3 = intf("Ethernet3", true, status("10.0.3.1/24", {}), {"10.0.3.1/24"});
+   e3["ipv6"] = nullptr;
+   e3["ipv6EnableRequested"] = false;
+   auto text = renderInterfaces(Json{{"interfaces", {e1, e2, e3}}});
+   auto line = [&](char const* name) {
+      auto at = text.find(name);
+      return text.substr(at, text.find('\n', at) - at);
+   };
+   EXPECT_NE(line("Ethernet1")
+                 .find("2001:db8:1::1/64 2001:db8::1/64 link-local fe80::1/64 DAD "
+                       "failed 2001:db8:2::1/64"),
+             std::string::npos)
+       << text;
+   EXPECT_NE(line("Ethernet2").find("(requested)"), std::string::npos) << text;
+   EXPECT_EQ(text.find("IPv6") - text.find("Interface"),
+             line("Ethernet2").find("(requested)") - line("Ethernet2").find("Ethernet2"));
+
+   auto without = renderInterfaces(Json{{"interfaces", {e3}}});
+   EXPECT_EQ(without.find("IPv6"), std::string::npos) << without;
+}
+
+TEST(ShowTables, Ipv6EnableListsEachProgramsRequestAndTheMerge) {
+   auto text =
+       renderIp6Enable(Json{{"requests",
+                             {{{"program", "dhcp6"}, {"interfaces", {"Ethernet1", "Ethernet2"}}},
+                              {{"program", "idle"}, {"interfaces", Json::array()}}}},
+                            {"enabled", {"Ethernet1", "Ethernet2"}}});
+   EXPECT_NE(text.find("dhcp6    Ethernet1 Ethernet2"), std::string::npos) << text;
+   EXPECT_NE(text.find("idle     -"), std::string::npos) << text;
+   EXPECT_NE(text.find("IPv6 enabled on: Ethernet1 Ethernet2"), std::string::npos) << text;
+   EXPECT_EQ(renderAnswer(ShowWhat::ip6Enable, Json{{"requests", 1}}), "");
+}

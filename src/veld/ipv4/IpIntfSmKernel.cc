@@ -508,17 +508,10 @@ int IpIntfSm::writeDeviceProc(KernelNetInfo::Interface const& kniIntf, std::stri
 bool IpIntfSm::writeOnChange(std::string const& path, std::string const& value) {
    auto const* written = globalWritten_.find(path);
    if (written && *written == value) return true;
-   if (!written) {
-      // A restart finds it set already, or a knob this kernel lacks (not an error).
-      std::string held;
-      int err = kernelIo().readProcSys(path, &held);
-      if ((err == 0 && held == value) || err == ENOENT) {
-         globalWritten_.assign(path, value);
-         return true;
-      }
-   }
-   int err = kernelIo().writeProcSys(path, value);
-   if (err == 0) globalWritten_.assign(path, value);
+   // The first time, a restart finds it set already; later, only a change is written.
+   int err = written ? kernelIo().writeProcSys(path, value)
+                     : kernelIo().writeProcSysIfDiffers(path, value);
+   if (err == 0 || err == ENOENT) globalWritten_.assign(path, value);
    return err == 0 || err == ENOENT;  // a knob this kernel lacks is not an error
 }
 

@@ -3,12 +3,12 @@
 //
 // The sole writer of the published IPv4 status (Ip::Status): publishes the input's own
 // status object under the interface, lists each VRF's interfaces in vrfIpIntfStatus (an
-// entry goes with its last interface), and ORs the inputs' urpfConfiguredOnAnyIntf.
+// entry goes with its last interface), and ORs the inputs' urpfConfiguredOnAnyIntf
+// (IpFamilyStatusSmOf.h, shared with the IPv6 twin).
 #pragma once
 
-#include "mox/HashMap.h"
 #include "platform/Ip.h"
-#include "veld/IntfStatusMergeSmOf.h"
+#include "veld/IpFamilyStatusSmOf.h"
 
 namespace Veld {
 
@@ -16,6 +16,9 @@ struct IpIntfStatusFamily {
    using InputDir = Ip::IpInputStatusDir;
    using Input = Ip::Input::Status;
    using IntfStatus = Ip::IpIntfStatus;
+   using Config = Ip::Config;
+   using Status = Ip::Status;
+   using VrfEntry = Ip::VrfIpIntfStatus;
 
    template <class Sm>
    class MoxInput : public Mox::Reactor<Sm, Input::NotifieeConst> {
@@ -40,36 +43,40 @@ struct IpIntfStatusFamily {
       return input.ipIntfStatus(intf);
    }
 
+   static void intfIs(Status& s, Mox::Ptr<IntfStatus const> const& st) { s.intfIs(st); }
+   static void intfDel(Status& s, Konet::IntfId const& intf) { s.intfDel(intf); }
+   static std::vector<Konet::IntfId> intfs(Status const& s) { return s.intfIterator().keys(); }
+   static Mox::Ptr<VrfEntry> vrfEntry(Status const& s, L3::VrfName const& vrf) {
+      return s.vrfIpIntfStatus(vrf);
+   }
+   static Mox::Ptr<VrfEntry> vrfEntryIs(Status& s, L3::VrfName const& vrf) {
+      return s.vrfIpIntfStatusIs(vrf);
+   }
+   static void vrfEntryDel(Status& s, L3::VrfName const& vrf) { s.vrfIpIntfStatusDel(vrf); }
+   static void entryAdd(VrfEntry& e, Mox::Ptr<IntfStatus const> const& st) { e.ipIntfStatusIs(st); }
+   static void entryDel(VrfEntry& e, Konet::IntfId const& intf) { e.ipIntfStatusDel(intf); }
+   static size_t entrySize(VrfEntry const& e) { return e.ipIntfStatusSize(); }
+
    static Mox::TraceHandle th;
    static constexpr char kNullStatus[] =
        "null _ipIntfStatus parameter to mutator for "
        "Veld::IpIntfStatusSm::MoxInputStatus::ipIntfStatus not allowed\"";
    static constexpr char kIntfStatusDeleted[] = "ipIntfStatus deleted: ";
    static constexpr char kSweep[] = "  ips ";
+   static constexpr char kAdded[] = " ipIntfStatus added ";
+   static constexpr char kDeleted[] = " ipIntfStatus deleted ";
+   static constexpr char kAddVrf[] = "Add vrfIpIntfStatus for vrf ";
+   static constexpr char kDelFromVrf[] = " from vrfIpIntfStatus of vrf";
+   static constexpr char kDelVrf[] = "Delete vrfIpIntfStatus of vrf ";
 };
 
-class IpIntfStatusSm : public IntfStatusMergeSmOf<IpIntfStatusSm, IpIntfStatusFamily> {
+class IpIntfStatusSm : public IpFamilyStatusSmOf<IpIntfStatusSm, IpIntfStatusFamily> {
 public:
    IpIntfStatusSm(Mox::Ptr<Ip::IpInputStatusDir const> inputStatusDir,
                   Mox::Ptr<Ip::Config const> ipConfig, Mox::Ptr<Ip::Status> ipStatus);
 
-   Mox::Ptr<Ip::Config const> const& ipConfig() const { return ipConfig_; }
-   Mox::Ptr<Ip::Status> const& ipStatus() const { return ipStatus_; }
-
-   void handleUrpfConfiguredOnAnyIntf();
-
-   // What publishing means here (called by the merge).
-   void publish(Konet::IntfId const& intf, Mox::Ptr<Ip::IpIntfStatus const> const& status);
-   void unpublish(Konet::IntfId const& intf);
-   std::vector<Konet::IntfId> publishedIntfs() const;
-   void inputsChanged() { handleUrpfConfiguredOnAnyIntf(); }
-
-private:
-   void removeFromVrf(Konet::IntfId const& intf);
-
-   Mox::Ptr<Ip::Config const> const ipConfig_;
-   Mox::Ptr<Ip::Status> const ipStatus_;
-   Mox::HashMap<Konet::IntfId, L3::VrfName> publishedVrf_;  // the VRF entry each interface is in
+   Mox::Ptr<Ip::Config const> const& ipConfig() const { return config(); }
+   Mox::Ptr<Ip::Status> const& ipStatus() const { return status(); }
 };
 
 }  // namespace Veld

@@ -38,6 +38,8 @@ public:
       written_[s] = value;
       ++updates_[s];
    }
+   // The kernel held `value` already: recorded, not counted as a write.
+   void heldIs(Setting s, std::string const& value) { written_[s] = value; }
    std::optional<std::string> const& written(Setting s) const { return written_[s]; }
    uint32_t updates(Setting s) const { return updates_[s]; }
 

@@ -168,9 +168,7 @@ public:
    class MoxIp6Enable : public Mox::Reactor<Ip6IntfSm, Ip6::Ip6Enable::NotifieeConst> {
    public:
       using Reactor::Reactor;
-      void onIntfEnable(Konet::IntfId const& intf) override {
-         owner()->handleIp6EnableOverride(intf);
-      }
+      void onEnable(Konet::IntfId const& intf) override { owner()->handleIp6EnableOverride(intf); }
    };
    template <class Requests>
    class MoxUpdateRequests : public Mox::Reactor<Ip6IntfSm, typename Requests::NotifieeConst> {
@@ -263,7 +261,7 @@ Mox::Ptr<L3::Intf::Input::StatusDir> const& Ip6IntfSm::l3StatusFor(
 
 Mox::Ptr<Ip6::IntfStatus> Ip6IntfSm::ip6IntfStatusOf(Konet::IntfId const& intf) const {
    auto const& dir = ip6StatusFor(intf);
-   auto status = dir ? dir->intfStatus(intf) : nullptr;
+   auto status = dir ? dir->ip6IntfStatus(intf) : nullptr;
    return status && status->vrf() == in_.vrfName ? status : nullptr;
 }
 
@@ -329,10 +327,10 @@ bool Ip6IntfSm::ip6EnableTimerArmed(Konet::IntfId const& intf) const {
 Mox::Ptr<Ip6::IntfStatus> Ip6IntfSm::addIp6IntfStatus(Konet::IntfId const& intf) {
    auto const& dir = ip6StatusFor(intf);
    if (!dir) return nullptr;
-   auto status = dir->intfStatus(intf);
+   auto status = dir->ip6IntfStatus(intf);
    if (!status) {
       MOX_TRACE(th, 5, " add intfStatus " << intf);
-      status = dir->intfStatusIs(intf);
+      status = dir->ip6IntfStatusIs(intf);
    }
    status->vrfIs(in_.vrfName);
    auto const& l3 = l3StatusFor(intf);
@@ -346,7 +344,7 @@ Mox::Ptr<Ip6::IntfStatus> Ip6IntfSm::addIp6IntfStatus(Konet::IntfId const& intf)
 void Ip6IntfSm::deleteIp6IntfStatus(Konet::IntfId const& intf) {
    if (!ip6IntfStatusOf(intf)) return;
    MOX_TRACE(th, 5, " Delete intfStatus " << intf);
-   ip6StatusFor(intf)->intfStatusDel(intf);
+   ip6StatusFor(intf)->ip6IntfStatusDel(intf);
    if (in_.multicastGroups) in_.multicastGroups->groupDelAll(intf);
 }
 
@@ -421,7 +419,8 @@ void Ip6IntfSm::handleInitialized() {
    MOX_TRACE_FN(th, " vrf " << in_.vrfName);
    {
       auto inNs = kernelIo().enterNamespace(nsName(), "Ip6IntfSm::handleInitialized");
-      int err = inNs->ok() ? kernelIo().writeProcSys("/proc/sys/net/ipv6/conf/lo/disable_ipv6", "0")
+      int err = inNs->ok() ? kernelIo().writeProcSysIfDiffers(
+                                 "/proc/sys/net/ipv6/conf/lo/disable_ipv6", "0")
                            : inNs->error();
       if (err == 0) {
          MOX_TRACE(th, 5, " enabled lo IPv6. proc file in vrf " << in_.vrfName);
@@ -439,7 +438,7 @@ void Ip6IntfSm::handleInitialized() {
    if (!standbyMode_) {
       for (auto const* dir : {&in_.systemIntfIp6Status, &in_.localIntfIp6Status}) {
          if (!*dir) continue;
-         for (auto const& intf : (*dir)->intfStatusIterator().keys()) {
+         for (auto const& intf : (*dir)->ip6IntfStatusIterator().keys()) {
             if (!configIntf_.contains(intf)) handleIntfStatusForDeletedIntfConfig(intf);
          }
       }
@@ -447,7 +446,7 @@ void Ip6IntfSm::handleInitialized() {
    auto const& timerWheel_ = in_.timerWheel;
    MOX_ASSERT(timerWheel_);
    if (in_.ip6Enable) {
-      for (auto const& intf : in_.ip6Enable->intfEnableIterator().keys()) {
+      for (auto const& intf : in_.ip6Enable->enableIterator()) {
          handleIp6EnableOverride(intf);
       }
    }

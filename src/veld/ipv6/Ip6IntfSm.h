@@ -196,7 +196,7 @@ public:
    bool isForwardingEnabled(Konet::IntfId const& intf) const;
    bool enhancedDadEnabled(Mox::Ptr<Ip6::IntfConfig const> const& config) const;
    bool enableOverride(Konet::IntfId const& intf) const {
-      return in_.ip6Enable && in_.ip6Enable->intfEnable(intf);
+      return in_.ip6Enable && in_.ip6Enable->enable(intf);
    }
 
    // ---- Handlers

@@ -244,8 +244,8 @@ bool Ip6IntfSm::doUpdateKernelAddrIntf(Konet::IntfId const& intf) {
    // 5. No DAD on loopback devices.
    if (intf.isLoopback()) {
       MOX_TRACE(th, 5, "LoopbackIntf - disable Dad");
-      if (kernelIo().writeProcSys(std::string(Konet::V6_PROC_CONF) + "/" + dev + "/dad_transmits",
-                                  "0")) {
+      if (kernelIo().writeProcSysIfDiffers(
+              std::string(Konet::V6_PROC_CONF) + "/" + dev + "/dad_transmits", "0")) {
          MOX_TRACE(th, 0, "Falied to Disable DAD on " << dev);
       }
    }

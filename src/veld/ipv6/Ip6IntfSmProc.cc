@@ -45,7 +45,7 @@ bool Ip6IntfSm::setIp6Enable(std::string const& deviceName, Konet::IntfId const&
    MOX_TRACE(th, 5,
              "Attempting to " << (enable ? "enable" : "disable") << " ipv6 on device " << deviceName
                               << " in namespace " << ns);
-   int err = kernelIo().writeProcSys(
+   int err = kernelIo().writeProcSysIfDiffers(
        std::string(Konet::V6_PROC_CONF) + "/" + deviceName + "/disable_ipv6", enable ? "0" : "1");
    if (err) return false;
    procIpv6Set.procIpv6Enabled.assign(intf, enable);
@@ -60,7 +60,18 @@ int Ip6IntfSm::writeSetting(Konet::IntfId const& intf, IntfIp6KernelState& state
                             std::string const& value, std::string const& trace) {
    if (!state.needsWrite(s, value)) return 0;
    std::string path = std::string(dir) + "/" + dev + "/" + file;
-   int err = kernelIo().writeProcSys(path, value);
+   int err = 0;
+   if (!state.written(s)) {
+      // Nothing written to this device yet: a restart finds the value set already, and a
+      // file this kernel lacks is not written at all.
+      std::string held;
+      err = kernelIo().readProcSys(path, &held);
+      if (err == 0 && held == value) {
+         state.heldIs(s, value);
+         return 0;
+      }
+   }
+   if (err != ENOENT) err = kernelIo().writeProcSys(path, value);
    if (err == 0) {
       state.writtenIs(s, value);
       if (!trace.empty()) MOX_TRACE(th, 5, trace);

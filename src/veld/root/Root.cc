@@ -45,7 +45,9 @@ Root::~Root() {
    allVrfSmDel();
    cleanupLoopbackIntfSmDel();
    loopbackIntfSmDel();
+   ip6EnableSmDel();
    l3IntfStatusSmDel();
+   ip6IntfStatusSmDel();
    ipIntfStatusSmDel();
    ip6IntfSmDel();
    ipIntfSmDel();
@@ -318,6 +320,15 @@ Mox::Ptr<IpIntfStatusSm> Root::ipIntfStatusSmIs(
 
 void Root::ipIntfStatusSmDel() { releaseMachine(ipIntfStatusSm_); }
 
+Mox::Ptr<Ip6IntfStatusSm> Root::ip6IntfStatusSmIs(
+    Mox::Ptr<Ip6::Ip6InputStatusDir const> const& inputStatusDir,
+    Mox::Ptr<Ip6::Config const> const& ip6Config, Mox::Ptr<Ip6::Status> const& ip6Status) {
+   MOX_TRACE_FN0(th);
+   return aggregatorOf(ip6IntfStatusSm_, inputStatusDir, ip6Config, ip6Status);
+}
+
+void Root::ip6IntfStatusSmDel() { releaseMachine(ip6IntfStatusSm_); }
+
 Mox::Ptr<L3IntfStatusSm> Root::l3IntfStatusSmIs(
     Mox::Ptr<L3::Intf::InputStatusDir const> const& inputStatusDir,
     Mox::Ptr<L3::Intf::StatusDir> const& intfStatusDir) {
@@ -326,6 +337,27 @@ Mox::Ptr<L3IntfStatusSm> Root::l3IntfStatusSmIs(
 }
 
 void Root::l3IntfStatusSmDel() { releaseMachine(l3IntfStatusSm_); }
+
+// Kept when made from the same directory and output; either changed is a name-in-use error.
+Mox::Ptr<Ip6EnableSm> Root::ip6EnableSmIs(Mox::Ptr<Mox::Dir const> const& ip6EnableDir,
+                                          Mox::Ptr<Ip6::Ip6Enable> const& ip6EnableOverride) {
+   MOX_TRACE_FN0(th);
+   if (ip6EnableSm_) {
+      Mox::checkCtorParam("_ip6EnableDir", ip6EnableSm_->ip6EnableDir(), ip6EnableDir);
+      Mox::checkCtorParam("_ip6EnableOverride", ip6EnableSm_->ip6EnableOverride(),
+                          ip6EnableOverride);
+      return ip6EnableSm_;
+   }
+   ip6EnableSm_ = Ip6EnableSmIs(ip6EnableDir, ip6EnableOverride);
+   return ip6EnableSm_;
+}
+
+// Its applications' machines stop with it, even while someone else holds it.
+void Root::ip6EnableSmDel() {
+   MOX_TRACE_FN0(th);
+   if (ip6EnableSm_) ip6EnableSm_->appIp6EnableSmDelAll();
+   releaseMachine(ip6EnableSm_);
+}
 
 Mox::Ptr<LoopbackIntfSm> Root::loopbackIntfSmIs(LoopbackIntfSm::Inputs const& inputs,
                                                 bool standbyMode) {

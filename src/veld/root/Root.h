@@ -36,7 +36,9 @@
 #include "veld/ipv4/IpIntfSm.h"
 #include "veld/ipv4/IpIntfStatusSm.h"
 #include "veld/ipv4/L3IntfStatusSm.h"
+#include "veld/ipv6/Ip6EnableSm.h"
 #include "veld/ipv6/Ip6IntfSm.h"
+#include "veld/ipv6/Ip6IntfStatusSm.h"
 #include "veld/redundancy/SsoConfig.h"
 #include "veld/redundancy/WarpSm.h"
 #include "veld/redundancy/WarpState.h"
@@ -168,11 +170,24 @@ public:
        Mox::Ptr<Ip::Config const> const& ipConfig, Mox::Ptr<Ip::Status> const& ipStatus);
    void ipIntfStatusSmDel();
 
+   Mox::Ptr<Ip6IntfStatusSm> const& ip6IntfStatusSm() const { return ip6IntfStatusSm_; }
+   Mox::Ptr<Ip6IntfStatusSm> ip6IntfStatusSmIs(
+       Mox::Ptr<Ip6::Ip6InputStatusDir const> const& inputStatusDir,
+       Mox::Ptr<Ip6::Config const> const& ip6Config, Mox::Ptr<Ip6::Status> const& ip6Status);
+   void ip6IntfStatusSmDel();
+
    Mox::Ptr<L3IntfStatusSm> const& l3IntfStatusSm() const { return l3IntfStatusSm_; }
    Mox::Ptr<L3IntfStatusSm> l3IntfStatusSmIs(
        Mox::Ptr<L3::Intf::InputStatusDir const> const& inputStatusDir,
        Mox::Ptr<L3::Intf::StatusDir> const& intfStatusDir);
    void l3IntfStatusSmDel();
+
+   // The merge of the applications' requests for IPv6 (the directory's Ip6::Ip6Enable
+   // entries) into the override the IPv6 machines read.
+   Mox::Ptr<Ip6EnableSm> const& ip6EnableSm() const { return ip6EnableSm_; }
+   Mox::Ptr<Ip6EnableSm> ip6EnableSmIs(Mox::Ptr<Mox::Dir const> const& ip6EnableDir,
+                                       Mox::Ptr<Ip6::Ip6Enable> const& ip6EnableOverride);
+   void ip6EnableSmDel();
 
    Mox::Ptr<LoopbackIntfSm> const& loopbackIntfSm() const { return loopbackIntfSm_; }
    Mox::Ptr<LoopbackIntfSm> loopbackIntfSmIs(LoopbackIntfSm::Inputs const& inputs,
@@ -204,7 +219,9 @@ private:
    Mox::Ptr<IpIntfSm> ipIntfSm_;
    Mox::Ptr<Ip6IntfSm> ip6IntfSm_;
    Mox::Ptr<IpIntfStatusSm> ipIntfStatusSm_;
+   Mox::Ptr<Ip6IntfStatusSm> ip6IntfStatusSm_;
    Mox::Ptr<L3IntfStatusSm> l3IntfStatusSm_;
+   Mox::Ptr<Ip6EnableSm> ip6EnableSm_;
    Mox::Ptr<LoopbackIntfSm> loopbackIntfSm_;
    Mox::Ptr<CleanupLoopbackIntfSm> cleanupLoopbackIntfSm_;
    Mox::Ptr<KernelNetNsInfo::Root> kernelNetNsInfoRoot_;

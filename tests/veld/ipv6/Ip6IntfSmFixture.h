@@ -228,7 +228,7 @@ protected:
    }
    Set statusAddrs(IntfId const& id) {
       Set out;
-      if (auto s = systemStatus->intfStatus(id)) {
+      if (auto s = systemStatus->ip6IntfStatus(id)) {
          for (auto const& a : s->addrIterator())
             out.insert(a.toString());
       }

@@ -59,6 +59,9 @@ TEST_F(Ip6IntfSmKernelTest, LinkLocalIsTheModifiedEui64AndGlobalsFollowTheConfig
    e2.config->addrIs(v6("2001:db8:2::1/64"));
    place(e1);
    place(e2);
+   // IPv6 is off on e2 until the machine switches it on.
+   ASSERT_EQ(Konet::writeProcSys("/proc/sys/net/ipv6/conf/" + e2.veth.name + "/disable_ipv6", "1"),
+             0);
    // An address somebody else put on the device before the agent came.
    ASSERT_EQ(Konet::ip6AddrAdd(sock(), e1.veth.ifindex, v6("2001:db8:9::9/64"), 0x02), 0);
    mirror->processEvents();
@@ -73,8 +76,8 @@ TEST_F(Ip6IntfSmKernelTest, LinkLocalIsTheModifiedEui64AndGlobalsFollowTheConfig
    EXPECT_EQ(statusAddrs(e1.id), kernelAddrs(e1.veth.ifindex));
    EXPECT_EQ(systemL3->intfStatus(e1.id)->vrf(), L3::VrfName("default"));
    // IPv6 goes on before the first address does.
-   EXPECT_LT(io.first("write /proc/sys/net/ipv6/conf/" + e1.veth.name + "/disable_ipv6=0"),
-             io.first("add 2001:db8:1::"));
+   EXPECT_LT(io.first("write /proc/sys/net/ipv6/conf/" + e2.veth.name + "/disable_ipv6=0"),
+             io.first("add 2001:db8:2::"));
    EXPECT_TRUE(groups->group(e1.id, Konet::Ip6Addr::allNodes()));
    EXPECT_TRUE(groups->group(e1.id, v6("2001:db8:1::1/64").addr().solicitedNodeMulticast()));
 
@@ -94,7 +97,7 @@ TEST_F(Ip6IntfSmKernelTest, LinkLocalIsTheModifiedEui64AndGlobalsFollowTheConfig
    view->ipIntfConfigDel(e2.id);
    settle();
    EXPECT_EQ(kernelAddrs(e2.veth.ifindex), (Set{"2001:db8:8::8/64"}));
-   EXPECT_EQ(systemStatus->intfStatus(e2.id), nullptr);
+   EXPECT_EQ(systemStatus->ip6IntfStatus(e2.id), nullptr);
    // ... and comes back under the same name.
    place(e2);
    settle();
@@ -128,18 +131,18 @@ TEST_F(Ip6IntfSmKernelTest, LinkFlapsAndIpv6FlapsBringEveryAddressBack) {
    settle();
    EXPECT_EQ(proc(e1.veth.name, "disable_ipv6"), "1");
    EXPECT_TRUE(kernelAddrs(e1.veth.ifindex).empty());
-   EXPECT_EQ(systemStatus->intfStatus(e1.id), nullptr);
+   EXPECT_EQ(systemStatus->ip6IntfStatus(e1.id), nullptr);
    e1.config->enableIs(true);
    ASSERT_TRUE(settleUntil([&] { return kernelAddrs(e1.veth.ifindex) == all; }));
    EXPECT_EQ(proc(e1.veth.name, "disable_ipv6"), "0");
 
    // An enable override keeps IPv6 on without the configuration, and adds nothing.
    e1.config->enableIs(false);
-   enable->intfEnableIs(e1.id, true);
+   enable->enableIs(e1.id, true);
    settle();
    EXPECT_EQ(proc(e1.veth.name, "disable_ipv6"), "0");
    EXPECT_EQ(kernelAddrs(e1.veth.ifindex).count("2001:db8:1::1/64"), 0u);
-   enable->intfEnableDel(e1.id);
+   enable->enableIs(e1.id, false);
    settle();
    EXPECT_EQ(proc(e1.veth.name, "disable_ipv6"), "1");
 }
@@ -219,8 +222,8 @@ TEST_F(Ip6IntfSmKernelTest, AGlobalAddressThatFailsDadLeavesTheKernelAndIsLogged
    mirror->processEvents();
    makeSm();
    ASSERT_TRUE(settleUntil([&] {
-      auto s = systemStatus->intfStatus(e1.id);
-      return s && s->dadFailedAddr(v6("2001:db8:1::1/64"));
+      auto s = systemStatus->ip6IntfStatus(e1.id);
+      return s && s->dadFailedAddrHas(v6("2001:db8:1::1/64"));
    }));
    // More updates change nothing: the address stays out, the event is not repeated.
    for (int i = 0; i < 3; ++i) {
@@ -243,7 +246,7 @@ TEST_F(Ip6IntfSmKernelTest, AGlobalAddressThatFailsDadLeavesTheKernelAndIsLogged
       return kernelAddrs(e1.veth.ifindex).count("2001:db8:1::1/64") &&
              kernelAddrs(e1.veth.ifindex, 0x40).empty();  // no longer tentative
    }));
-   EXPECT_FALSE(systemStatus->intfStatus(e1.id)->dadFailedAddr(v6("2001:db8:1::1/64")));
+   EXPECT_FALSE(systemStatus->ip6IntfStatus(e1.id)->dadFailedAddrHas(v6("2001:db8:1::1/64")));
 }
 
 TEST_F(Ip6IntfSmKernelTest, ALinkLocalThatFailsDadStaysAndNoGlobalIsAdded) {
@@ -271,7 +274,7 @@ TEST_F(Ip6IntfSmKernelTest, ALinkLocalThatFailsDadStaysAndNoGlobalIsAdded) {
    }
    Mox::logSinkIs(previous);
    EXPECT_EQ(kernelAddrs(e1.veth.ifindex), (Set{ll}));
-   EXPECT_TRUE(systemStatus->intfStatus(e1.id)->dadFailedAddr(v6(ll.c_str())));
+   EXPECT_TRUE(systemStatus->ip6IntfStatus(e1.id)->dadFailedAddrHas(v6(ll.c_str())));
    EXPECT_EQ(logs.size(), 1u);
 }
 

@@ -182,6 +182,33 @@ TEST_F(RootTest, ExistingChildTakesTheStandbyFlagAndRefusesOtherParameters) {
    }
 }
 
+// The IPv6 enable merge is the root's, made once; the IPv6 status merge is re-pointed.
+TEST_F(RootTest, MakesTheIpv6EnableMergeNextToTheStatusMerges) {
+   auto root = rootFactory();
+   auto apps = make<Mox::Dir>();
+   auto override = make<Ip6::Ip6Enable>();
+   auto enableSm = root->ip6EnableSmIs(apps, override);
+   EXPECT_EQ(root->ip6EnableSmIs(apps, override), enableSm);
+   EXPECT_THROW(root->ip6EnableSmIs(make<Mox::Dir>(), override), Mox::NameInUseException);
+   auto app = make<Ip6::Ip6Enable>();
+   apps->entryIs("dhcp6", app);
+   app->enableIs(Konet::IntfId("Ethernet1"), true);
+   EXPECT_TRUE(override->enable(Konet::IntfId("Ethernet1")));
+
+   auto inputs = make<Ip6::Ip6InputStatusDir>();
+   auto published = make<Ip6::Status>();
+   auto statusSm = root->ip6IntfStatusSmIs(inputs, nullptr, published);
+   inputs->inputStatusIs("veld")->ip6IntfStatusIs(Konet::IntfId("Ethernet1"));
+   EXPECT_TRUE(published->intf(Konet::IntfId("Ethernet1")));
+   auto other = make<Ip6::Ip6InputStatusDir>();
+   EXPECT_EQ(root->ip6IntfStatusSmIs(other, nullptr, published), statusSm);
+   EXPECT_EQ(published->intf(Konet::IntfId("Ethernet1")), nullptr);
+
+   root->ip6EnableSmDel();
+   app->enableIs(Konet::IntfId("Ethernet2"), true);  // nobody merges it any more
+   EXPECT_FALSE(override->enable(Konet::IntfId("Ethernet2")));
+}
+
 TEST_F(RootTest, EntitiesArePlacedUnderTheRootAndMachinesStopWhenDeleted) {
    auto root = rootFactory();
    auto warp = root->warpStateIs("warp");
