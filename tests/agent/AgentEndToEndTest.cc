@@ -416,6 +416,18 @@ protected:
       }
       return out;
    }
+   // No address of the device is still in duplicate address detection (its end is an
+   // address event of the kernel's own).
+   bool dadDone(Konet::NamespaceName const& where, std::string const& dev) {
+      int err = 0;
+      auto s = Konet::createNetlinkSocket(where, 0, 2, true, 0, &err);
+      int ifindex = 0;
+      if (!s || Konet::linkIndex(s.get(), dev, &ifindex) != 0) return false;
+      for (auto const& a : addrs(ifindex, AF_INET6, s.get())) {
+         if (a.flags & IFA_F_TENTATIVE) return false;
+      }
+      return true;
+   }
    bool nsExists() const { return ::access(("/run/netns/" + ns.name()).c_str(), F_OK) == 0; }
 
    Konet::NamespaceName ns{"veldtest-" + uniqueName("red")};
@@ -521,6 +533,8 @@ TEST_F(AgentVrfEndToEnd, Ipv6ReachesBothVrfsAndRestartsAreHitless) {
    EXPECT_EQ(value, "0");
    Konet::readProcSys("/proc/sys/net/ipv6/conf/" + et2.name + "/forwarding", &value);
    EXPECT_EQ(value, "0");  // the default VRF does not route IPv6 here
+   ASSERT_TRUE(KonetTest::waitFor(
+       [&] { return dadDone(ns, et1.name) && dadDone(Konet::NamespaceName(), et2.name); }));
 
    veld.kill9();
    {
