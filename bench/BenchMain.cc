@@ -63,3 +63,9 @@ void benchProfile(bool on) {
    static char const* fifo = std::getenv("BENCH_PERF_CTL");
    if (fifo) std::ofstream(fifo) << (on ? "enable\n" : "disable\n") << std::flush;
 }
+
+int benchIntfs(int fallback) {
+   char const* n = std::getenv("BENCH_INTFS");
+   int v = n ? std::atoi(n) : 0;
+   return v > 0 ? v : fallback;
+}

@@ -14,3 +14,7 @@ void benchIpv6Off();
 // Profiling only what is measured: with BENCH_PERF_CTL naming the control FIFO of
 // `perf record --delay=-1 --control=fifo:FIFO`, turns sampling on or off; without it, nothing.
 void benchProfile(bool on);
+
+// The number of interfaces a case sets up: BENCH_INTFS when set (4096, 10000...), else
+// `fallback`.
+int benchIntfs(int fallback);
