@@ -27,6 +27,7 @@
 #include <unistd.h>
 
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <fstream>
 #include <nlohmann/json.hpp>
@@ -219,8 +220,10 @@ std::string runAgent(World& w, Times* t, long* hwm) {
    if (pid == 0) {
       int log = ::open((w.dir + "/veld.log").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
       ::dup2(log, 2);
+      // BENCH_RING_LOG_LEVEL=-1 runs the agent without its ring log, to see what it costs.
+      char const* ring = std::getenv("BENCH_RING_LOG_LEVEL");
       ::execl(VELD_BINARY, "veld", "run", "--config", (w.dir + "/veld.json").c_str(), "--run-dir",
-              (w.dir + "/run").c_str(), nullptr);
+              (w.dir + "/run").c_str(), "--ring-log-level", ring ? ring : "8", nullptr);
       ::_exit(127);
    }
    int added = 0;
