@@ -45,32 +45,32 @@ int writeTo(Fd const& fd, std::string_view value) {
    return static_cast<size_t>(n) == value.size() ? 0 : EIO;
 }
 
-// Settings are written in runs of one directory (a device's settings one after the other),
-// and opening each file by its full path walks seven directories every time. Inside a
-// ScopedNetNs the thread keeps the directory it wrote in last open, so that the next file
-// of that directory is one step away. The directory belongs to the namespace the thread
-// was in when it opened it (netNsMoves), and a device that went takes its directory
+// Settings are read and written in runs of one directory (a device's settings one after
+// the other), and opening each file by its full path walks seven directories every time.
+// Inside a ScopedNetNs the thread keeps the directory it used last open, so that the next
+// file of that directory is one step away. The directory belongs to the namespace the
+// thread was in when it opened it (netNsMoves), and a device that went takes its directory
 // along: the kernel answers ENOENT for any file in it, even once a device of the same name
 // is back, and the full path is walked again.
-int writeFile(std::string const& path, std::string_view value) {
+Fd openFile(std::string const& path, int flags) {
    auto* cache = procSysDirCache();
-   if (!cache) {
-      Fd fd(::open(path.c_str(), O_WRONLY | O_CLOEXEC));
-      return fd ? writeTo(fd, value) : errno;
-   }
+   if (!cache) return Fd(::open(path.c_str(), flags | O_CLOEXEC));
    auto slash = path.rfind('/');
    std::string_view dir(path.data(), slash + 1);
    char const* file = path.c_str() + slash + 1;
    if (cache->fd && cache->moves == netNsMoves() && cache->path == dir) {
-      Fd fd(::openat(cache->fd.get(), file, O_WRONLY | O_CLOEXEC));
-      if (fd) return writeTo(fd, value);
-      if (errno != ENOENT) return errno;
+      Fd fd(::openat(cache->fd.get(), file, flags | O_CLOEXEC));
+      if (fd || errno != ENOENT) return fd;
    }
    cache->fd.reset(::open(std::string(dir).c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
-   if (!cache->fd) return errno;
+   if (!cache->fd) return Fd();
    cache->path = dir;
    cache->moves = netNsMoves();
-   Fd fd(::openat(cache->fd.get(), file, O_WRONLY | O_CLOEXEC));
+   return Fd(::openat(cache->fd.get(), file, flags | O_CLOEXEC));
+}
+
+int writeFile(std::string const& path, std::string_view value) {
+   Fd fd = openFile(path, O_WRONLY);
    return fd ? writeTo(fd, value) : errno;
 }
 
@@ -136,7 +136,7 @@ bool setIpv6ProcSysInNetNs(std::string_view device, std::string_view setting,
 
 int readProcSys(std::string_view path, std::string* value) {
    if (int rc = checkPath(path)) return rc;
-   Fd fd(::open(std::string(path).c_str(), O_RDONLY | O_CLOEXEC));
+   Fd fd = openFile(std::string(path), O_RDONLY);
    if (!fd) return errno;
    value->clear();
    char buf[256];
