@@ -209,7 +209,10 @@ long peakKb(pid_t pid) {
 
 // `veld run` until it reports itself converged; its CPU time is the process's, user and
 // system, up to that point (read from /proc before it is stopped).
-std::string runAgent(World& w, Times* t, long* hwm) {
+// `expectAdds` addresses are counted as they arrive before the agent is asked whether it
+// has converged; `events`, when set, counts every address event until then.
+std::string runAgent(World& w, Times* t, long* hwm, int expectAdds = kIntfs * kAddrsPerIntf,
+                     int* events = nullptr) {
    int err = 0;
    auto monitor =
        createNetlinkSocket(NamespaceName(), RTMGRP_IPV4_IFADDR, 0, false, 16 << 20, &err);
@@ -228,7 +231,7 @@ std::string runAgent(World& w, Times* t, long* hwm) {
    }
    int added = 0;
    char buf[1 << 16];
-   while (added < kIntfs * kAddrsPerIntf && now() - t0 < 120) {
+   while (added < expectAdds && now() - t0 < 120) {
       ssize_t n = ::recv(monitor.get(), buf, sizeof buf, 0);
       if (n <= 0 && ::waitpid(pid, nullptr, WNOHANG) == pid) {
          return "veld ended; its log: " + w.dir + "/veld.log";
@@ -249,6 +252,14 @@ std::string runAgent(World& w, Times* t, long* hwm) {
       if (!converged) std::this_thread::sleep_for(std::chrono::milliseconds(1));
    }
    t->real = now() - t0;
+   if (events) {
+      ::fcntl(monitor.get(), F_SETFL, O_NONBLOCK);
+      ssize_t n;
+      while ((n = ::recv(monitor.get(), buf, sizeof buf, 0)) > 0) {
+         for (auto* h = reinterpret_cast<nlmsghdr*>(buf); NLMSG_OK(h, n); h = NLMSG_NEXT(h, n))
+            *events += h->nlmsg_type == RTM_NEWADDR || h->nlmsg_type == RTM_DELADDR;
+      }
+   }
    std::ifstream stat("/proc/" + std::to_string(pid) + "/stat");
    std::string field;
    for (int i = 1; i <= 15 && stat >> field; ++i) {
@@ -299,7 +310,69 @@ void startup(benchmark::State& state) {
    state.counters["kB_per_intf"] = static_cast<double>(hwm) / kIntfs;
 }
 
+// One dump of the namespace's devices and addresses, as a program that learns the kernel's
+// state must do at least once.
+double kernelDump() {
+   mnl_socket* nl = mnl_socket_open(NETLINK_ROUTE);
+   mnl_socket_bind(nl, 0, MNL_SOCKET_AUTOPID);
+   std::vector<char> buf(1 << 16);
+   double t0 = now();
+   unsigned seq = 0;
+   for (uint16_t type : {uint16_t(RTM_GETLINK), uint16_t(RTM_GETADDR)}) {
+      nlmsghdr* nlh = mnl_nlmsg_put_header(buf.data());
+      nlh->nlmsg_type = type;
+      nlh->nlmsg_flags = NLM_F_REQUEST | NLM_F_DUMP;
+      nlh->nlmsg_seq = ++seq;
+      auto* gen = static_cast<rtgenmsg*>(mnl_nlmsg_put_extra_header(nlh, sizeof(rtgenmsg)));
+      gen->rtgen_family = AF_UNSPEC;
+      mnl_socket_sendto(nl, nlh, nlh->nlmsg_len);
+      ssize_t n;
+      while ((n = mnl_socket_recvfrom(nl, buf.data(), buf.size())) > 0) {
+         if (mnl_cb_run(buf.data(), size_t(n), seq, mnl_socket_get_portid(nl), nullptr, nullptr) <=
+             MNL_CB_STOP)
+            break;
+      }
+   }
+   double t = now() - t0;
+   mnl_socket_close(nl);
+   return t;
+}
+
+// A restart on the configuration in force: from `veld run` to converged, against one dump of
+// the kernel's devices and addresses; and the address events of the restart (none).
+void restart(benchmark::State& state) {
+   auto& w = world();
+   if (!w.problem.empty()) return state.SkipWithError(w.problem.c_str());
+   Times first, ours;
+   long hwm = 0;
+   flushAll(w);
+   if (auto problem = runAgent(w, &first, &hwm); !problem.empty())
+      return state.SkipWithError(problem.c_str());
+   double sumOurs = 0, sumDump = 0;
+   int events = 0;
+   for (auto _ : state) {
+      ours = Times{};
+      if (auto problem = runAgent(w, &ours, &hwm, 0, &events); !problem.empty())
+         return state.SkipWithError(problem.c_str());
+      double dump = kernelDump();
+      state.SetIterationTime(ours.real);
+      sumOurs += ours.real;
+      sumDump += dump;
+   }
+   double n = static_cast<double>(state.iterations());
+   state.counters["restart_ms"] = sumOurs / n * 1e3;
+   state.counters["dump_ms"] = sumDump / n * 1e3;
+   state.counters["ratio_to_dump"] = sumOurs / sumDump;
+   state.counters["addr_events"] = events;
+}
+
 }  // namespace
+
+BENCHMARK(restart)
+    ->Name("restart1000x4")
+    ->UseManualTime()
+    ->Unit(benchmark::kMillisecond)
+    ->Iterations(4);
 
 BENCHMARK(startup)
     ->Name("start1000x4")

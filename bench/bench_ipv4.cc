@@ -28,9 +28,9 @@
 #include <sys/socket.h>
 #include <sys/stat.h>
 
+#include <dirent.h>
 #include <chrono>
 #include <cstring>
-#include <dirent.h>
 #include <map>
 
 #include "BenchMain.h"
@@ -388,8 +388,8 @@ void Converge_kernelWork(benchmark::State& state) {
       std::string value;
       std::vector<int> results;
       // Inside the namespace as the backlog is, with its /proc directories kept open.
-      auto inNs = Veld::KernelIo::current().enterNamespace(Konet::NamespaceName("default"),
-                                                           "kernel_work");
+      auto inNs =
+          Veld::KernelIo::current().enterNamespace(Konet::NamespaceName("default"), "kernel_work");
       for (auto const& op : ops) {
          switch (op.kind) {
             case KernelOp::read:
