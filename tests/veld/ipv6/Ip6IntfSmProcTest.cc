@@ -133,6 +133,28 @@ TEST_F(Ip6IntfSmProcTest, AWriteThatKeepsFailingIsAbandonedAfter33Tries) {
    EXPECT_TRUE(warp->backlogEmpty(sm->warpKey()));
 }
 
+// The kernel can switch IPv6 off by itself; the value last written does not hide that.
+TEST_F(Ip6IntfSmProcTest, Ipv6SwitchedOffBehindTheAgentsBackIsSwitchedOnAgain) {
+   auto e1 = addIntf("Ethernet1");
+   e1.config->addrIs(v6("2001:db8:1::1/64"));
+   place(e1);
+   mirror->processEvents();
+   makeSm();
+   settle();
+   ASSERT_EQ(kernelAddrs(e1.veth.ifindex).count("2001:db8:1::1/64"), 1u);
+   ASSERT_EQ(Konet::writeProcSys("/proc/sys/net/ipv6/conf/" + e1.veth.name + "/disable_ipv6", "1"),
+             0);
+   EXPECT_TRUE(settleUntil([&] {
+      return proc(e1.veth.name, "disable_ipv6") == "0" &&
+             kernelAddrs(e1.veth.ifindex).count("2001:db8:1::1/64") == 1;
+   }));
+   // A device with its addresses in place is not read again on every update.
+   size_t writes = io.count("write /proc/sys/net/ipv6/conf/" + e1.veth.name + "/disable_ipv6");
+   e1.config->addrIs(v6("2001:db8:1::2/64"));
+   settle();
+   EXPECT_EQ(io.count("write /proc/sys/net/ipv6/conf/" + e1.veth.name + "/disable_ipv6"), writes);
+}
+
 TEST_F(Ip6IntfSmProcTest, StandbyProgramsTheKernelButWritesNoStatus) {
    auto e1 = addIntf("Ethernet1");
    e1.config->addrIs(v6("2001:db8:1::1/64"));
