@@ -555,7 +555,9 @@ TEST_F(AgentVrfEndToEnd, ADuplicateIpv6AddressIsReportedAsTheKernelHasIt) {
    nlohmann::json ip6;
    EXPECT_TRUE(KonetTest::waitFor(
        [&] {
-          ip6 = veld.show("interfaces").at("interfaces").at(0).at("ipv6");
+          auto shown = veld.show("interfaces");
+          if (!shown.is_object() || !shown.contains("interfaces")) return false;
+          ip6 = shown.at("interfaces").at(0).at("ipv6");
           return !ip6.is_null() && ip6.at("dadFailed").size() == 1 &&
                  ip6.at("addresses").size() == 1;
        },
