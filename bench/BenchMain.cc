@@ -19,17 +19,22 @@ public:
          times_[r.benchmark_name()] = r.GetAdjustedRealTime();
       }
    }
+   // Each "ours" case against every baseline of the same case measured in this run:
+   // "baseline" and, where a case has one, "kernel_work".
    void Finalize() override {
       ConsoleReporter::Finalize();
-      std::printf("\n%-48s %12s\n", "case", "ours/baseline");
+      std::printf("\n%-48s %-12s %12s\n", "case", "against", "ours/it");
       for (auto const& [name, t] : times_) {
          auto slash = name.rfind("/ours");
          if (slash == std::string::npos) continue;
-         std::string base = name.substr(0, slash) + "/baseline" + name.substr(slash + 5);
-         auto it = times_.find(base);
-         if (it == times_.end() || it->second <= 0) continue;
-         std::printf("%-48s %12.3f\n", (name.substr(0, slash) + name.substr(slash + 5)).c_str(),
-                     t / it->second);
+         for (char const* against : {"baseline", "kernel_work"}) {
+            std::string base = name.substr(0, slash) + "/" + against + name.substr(slash + 5);
+            auto it = times_.find(base);
+            if (it == times_.end() || it->second <= 0) continue;
+            std::printf("%-48s %-12s %12.3f\n",
+                        (name.substr(0, slash) + name.substr(slash + 5)).c_str(), against,
+                        t / it->second);
+         }
       }
    }
 

@@ -8,13 +8,16 @@
 #pragma once
 
 #include <cstdint>
+#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
 
 #include "konet/IntfId.h"
+#include "konet/NamespaceName.h"
 #include "mox/HashMap.h"
 #include "mox/Trace.h"
+#include "veld/KernelIo.h"
 
 namespace Veld {
 
@@ -48,5 +51,27 @@ bool backlogEntryFailed(Entry& entry, int err, double now, char const* what, uin
    entry.tries = 0;
    return true;
 }
+
+// The namespace of one backlog run, entered at the run's first entry and held to its end:
+// a run visits up to thousands of entries and entering costs a pair of setns calls (and the
+// /proc directories opened inside). An entry that finds it cannot be entered counts that as
+// its own failure; the next entry tries again.
+class BacklogRunNamespace {
+public:
+   BacklogRunNamespace(KernelIo& io, Konet::NamespaceName const& ns) : io_(io), ns_(ns) {}
+   // `caller` names the run in the log line of a failure (nullptr: not logged).
+   Konet::ScopedNetNs const& enter(char const* caller) {
+      if (!guard_ || !guard_->ok()) {
+         guard_.reset();  // back where the run began before trying again
+         guard_ = io_.enterNamespace(ns_, caller);
+      }
+      return *guard_;
+   }
+
+private:
+   KernelIo& io_;
+   Konet::NamespaceName const& ns_;
+   std::unique_ptr<Konet::ScopedNetNs> guard_;
+};
 
 }  // namespace Veld

@@ -126,6 +126,7 @@ void IpIntfSm::processIpIntfKernelUpdateCodefList() {
    auto& list = ipIntfKernelUpdateCodefList_;
    auto order = backlogRunOrder(list, bookmark_);
    bookmark_.reset();
+   BacklogRunNamespace runNs(kernelIo(), nsName());
    for (size_t i = 0; i < order.size(); ++i) {
       if (start + backlogSlice_ <= Mox::System::currentTime()) {
          bookmark_ = order[i];  // out of time: the next run resumes here
@@ -137,8 +138,7 @@ void IpIntfSm::processIpIntfKernelUpdateCodefList() {
       {
          // A namespace that cannot be entered is logged once per entry, retried like a
          // failed write and given up with it.
-         auto inNs = kernelIo().enterNamespace(
-             nsName(), entry->tries ? nullptr : "processIpIntfKernelUpdateCodefList");
+         auto const* inNs = &runNs.enter(entry->tries ? nullptr : "processIpIntfKernelUpdateCodefList");
          if (inNs->ok()) {
             runEntry(*entry);
          } else if (entryFailed(*entry, inNs->error(), Mox::System::currentTime(), "setns")) {

@@ -73,6 +73,7 @@ void Ip6IntfSm::processIp6IntfKernelUpdateCodefList() {
    auto& list = ip6IntfKernelUpdateCodefList_;
    auto order = backlogRunOrder(list, bookmark_);
    bookmark_.reset();
+   BacklogRunNamespace runNs(kernelIo(), nsName());
    for (size_t i = 0; i < order.size(); ++i) {
       if (start + backlogSlice_ <= Mox::System::currentTime()) {
          bookmark_ = order[i];
@@ -82,8 +83,7 @@ void Ip6IntfSm::processIp6IntfKernelUpdateCodefList() {
       if (!entry) continue;
       ++itemsProcessed_;
       {
-         auto inNs = kernelIo().enterNamespace(
-             nsName(), entry->tries ? nullptr : "processIp6IntfKernelUpdateCodefList");
+         auto const* inNs = &runNs.enter(entry->tries ? nullptr : "processIp6IntfKernelUpdateCodefList");
          if (inNs->ok()) {
             runEntry(*entry);
          } else if (entryFailed(*entry, inNs->error(), Mox::System::currentTime(), "setns")) {

@@ -177,7 +177,9 @@ protected:
       EXPECT_TRUE(KonetTest::waitFor([&] {
          settleVirtual(4);
          for (int i : devs_) {
-            if (!tentative(i).empty() || knownAddrs(i) != kernelAddrs(i)) return false;
+            // The machine must have seen the end of DAD too: it adds globals after it.
+            if (!tentative(i).empty() || knownAddrs(i) != kernelAddrs(i) || knownTentative(i))
+               return false;
          }
          return true;
       })) << "the kernel did not settle";
@@ -227,6 +229,14 @@ protected:
       for (auto const& [a, flags] : k ? *k : Veld::KernelAddrs6())
          out.insert(a.toString());
       return out;
+   }
+   bool knownTentative(int ifindex) {
+      auto const* k =
+          sm ? sm->kernelAddrs6(KernelNetInfo::InterfaceKey{uint32_t(ifindex)}) : nullptr;
+      for (auto const& [a, flags] : k ? *k : Veld::KernelAddrs6()) {
+         if ((flags & 0x48) == 0x40) return true;
+      }
+      return false;
    }
    Set statusAddrs(IntfId const& id) {
       Set out;
