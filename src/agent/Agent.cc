@@ -198,7 +198,8 @@ void Agent::buildLibrary() {
                       .updateIpIntfStatusVrfReq = e_.updateIpVrfRequests,
                       .updateIpIntfStatusReq = e_.updateIpRequests,
                       .urpfOnAllIntfStat = urpf,
-                      .proxyArpVirtualMac = e_.virtualMac},
+                      .proxyArpVirtualMac = e_.virtualMac,
+                      .vrfIp6IntfConfig = vrfIp6Dir->vrfIpIntfConfig(defaultVrf)},
                      false);
    root_->ip6IntfSmIs({.ip6Config = e_.ip6Config,
                        .vrfIp6IntfConfig = vrfIp6Dir->vrfIpIntfConfig(defaultVrf),
@@ -221,7 +222,8 @@ void Agent::buildLibrary() {
                        .updateIp6IntfStatusReq = e_.updateIp6Requests,
                        .urpfOnAllIntfStat = urpf6,
                        .ip6Enable = e_.ip6Enable,
-                       .ownAddrs = e_.ip6OwnAddrs},
+                       .ownAddrs = e_.ip6OwnAddrs,
+                       .vrfIpIntfConfig = defaultView},
                       false);
    root_->ipIntfStatusSmIs(e_.ipInputStatus, e_.ipConfig, e_.ipStatus);
    // Borrowers follow their lenders' published status.

@@ -1,10 +1,12 @@
 #include "agent/Demo.h"
 
+#include <linux/if_addr.h>
 #include <sched.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <cstring>
@@ -13,7 +15,9 @@
 #include "agent/ShowTables.h"
 #include "linux/NetNs.h"
 #include "linux/Netlink.h"
+#include "linux/NetlinkAddr.h"
 #include "linux/NetlinkLink.h"
+#include "linux/ProcSys.h"
 #include "mox/Trace.h"
 
 namespace VeldAgent {
@@ -21,6 +25,9 @@ namespace VeldAgent {
 namespace {
 
 constexpr double kConvergeTimeout = 10.0;
+// The device whose veth peer holds one of its configured IPv6 addresses.
+constexpr char kDuplicateDevice[] = "et3";
+Konet::Ip6AddrWithMask const kDuplicateAddr = *Konet::Ip6AddrWithMask::parse("2001:db8:3::1/64");
 
 void heading(std::string const& text) { std::printf("\n\033[1m== %s\033[0m\n\n", text.c_str()); }
 
@@ -46,8 +53,9 @@ class DemoDevices {
 public:
    explicit DemoDevices(int sock) : sock_(sock) {}
    ~DemoDevices() { remove(); }
+   static std::string peerOf(std::string const& dev) { return "p-" + dev.substr(0, 13); }
    int add(std::string const& dev) {
-      std::string peer = "p-" + dev.substr(0, 13);
+      std::string peer = peerOf(dev);
       if (int rc = Konet::createVethPair(sock_, dev, peer)) return rc;
       peers_.push_back(peer);
       int a = 0, b = 0;
@@ -55,6 +63,12 @@ public:
       Konet::linkIndex(sock_, peer, &b);
       Konet::setLinkUp(sock_, b, true);
       return Konet::setLinkUp(sock_, a, true);
+   }
+   // The peer end of `dev` holds `addr` (at once, without duplicate address detection).
+   int holdOnPeer(std::string const& dev, Konet::Ip6AddrWithMask const& addr) {
+      int i = 0;
+      if (int rc = Konet::linkIndex(sock_, peerOf(dev), &i)) return rc;
+      return Konet::ip6AddrAdd(sock_, i, addr, IFA_F_NODAD);
    }
    // Deleting the peer deletes the pair, wherever its other end is now.
    size_t remove() {
@@ -72,11 +86,31 @@ private:
    std::vector<std::string> peers_;
 };
 
+// The IPv6 addresses a namespace's kernel holds, by ifindex, each with "(dad-failed)" or
+// "(tentative)" when the kernel flags it so.
+std::map<uint32_t, std::vector<std::string>> kernelIpv6ByIfindex(Konet::KernelMirror const& m) {
+   std::map<uint32_t, std::vector<std::string>> out;
+   auto table = m.status()->ipState();
+   for (auto it = table.begin(); it != table.end(); ++it) {
+      auto const& k = it.key();
+      if (!k.addr.isV6() || !it.value().assigned) continue;
+      std::string text = Konet::Ip6AddrWithMask(k.addr.v6(), uint8_t(k.prefixLen)).toString();
+      if (it.value().flags & 0x08) {
+         text += " (dad-failed)";
+      } else if (it.value().flags & 0x40) {
+         text += " (tentative)";
+      }
+      out[k.intfKey.ifIndex].push_back(text);
+   }
+   return out;
+}
+
 void showKernel(Agent& agent) {
-   Table t({"Namespace", "Device", "State", "IPv4 addresses (kernel)"});
+   Table t({"Namespace", "Device", "State", "IPv4 addresses (kernel)", "IPv6 addresses (kernel)"});
    for (auto const& ns : agent.mirrors().namespaces()) {
       auto* m = agent.mirrors().mirror(ns);
       auto byIndex = kernelIpv4ByIfindex(*m);
+      auto byIndex6 = kernelIpv6ByIfindex(*m);
       auto table = m->status()->interface();
       std::vector<KernelNetInfo::Interface> devs;
       for (auto it = table.begin(); it != table.end(); ++it)
@@ -95,7 +129,15 @@ void showKernel(Agent& agent) {
                list += a.toString();
             }
          }
-         t.row({ns.name(), d.deviceName, d.running() ? "up" : "down", list.empty() ? "-" : list});
+         std::string list6;
+         if (auto found6 = byIndex6.find(d.key.ifIndex); found6 != byIndex6.end()) {
+            auto v = found6->second;
+            std::sort(v.begin(), v.end());
+            for (auto const& a : v)
+               list6 += (list6.empty() ? "" : " ") + a;
+         }
+         t.row({ns.name(), d.deviceName, d.running() ? "up" : "down", list.empty() ? "-" : list,
+                list6.empty() ? "-" : list6});
       }
    }
    std::fputs(t.render().c_str(), stdout);
@@ -113,9 +155,43 @@ void showAll(Agent& agent, bool vrfs) {
    showKernel(agent);
 }
 
+// Every configured IPv6 address of a routed interface with IPv6 on is published, or listed
+// as DAD-failed, every such interface has its link-local address, and the kernel holds no
+// address in DAD or failed: the kernel's duplicate address detection, which runs after the
+// agent's work, is through and the agent has acted on its outcome.
+bool ipv6Settled(Agent& agent) {
+   // No address of the kernel is still in DAD, or failed it and waits to be taken out.
+   for (auto const& ns : agent.mirrors().namespaces()) {
+      auto table = agent.mirrors().mirror(ns)->status()->ipState();
+      for (auto it = table.begin(); it != table.end(); ++it) {
+         if (it.key().addr.isV6() && it.value().assigned && (it.value().flags & 0x48)) {
+            return false;
+         }
+      }
+   }
+   auto answer = agent.showInterfaces();
+   for (auto const& i : answer.at("interfaces")) {
+      auto const& s =
+          agent.config().interfaces.at(Konet::IntfId(i.at("interface").get<std::string>()));
+      if (!s.routed || !s.ipv6.enable) continue;
+      auto const& ip6 = i.at("ipv6");
+      if (ip6.is_null() || ip6.at("linkLocal").empty()) return false;
+      for (auto const& a : s.ipv6.addresses) {
+         auto text = a.toString();
+         auto has = [&](char const* list) {
+            auto const& l = ip6.at(list);
+            return std::find(l.begin(), l.end(), text) != l.end();
+         };
+         if (!has("addresses") && !has("dadFailed")) return false;
+      }
+   }
+   return true;
+}
+
 bool converge(Agent& agent) {
    auto start = std::chrono::steady_clock::now();
-   bool ok = agent.loop().runUntil([&] { return agent.converged(); }, kConvergeTimeout);
+   bool ok = agent.loop().runUntil([&] { return agent.converged() && ipv6Settled(agent); },
+                                   kConvergeTimeout);
    double ms =
        std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - start).count();
    if (ok) {
@@ -138,7 +214,14 @@ int runDemo(std::string const& configPath) {
    }
    std::setvbuf(stdout, nullptr, _IOLBF, 0);
    // The agent's log lines go with the demo's output, in its order, dimmed.
-   Mox::logSinkIs([](Mox::LogRecord const& r) {
+   size_t dadFailedLogs = 0;
+   // The demo's sink counts on this frame: the previous one is back when the demo returns.
+   struct SinkRestore {
+      Mox::LogSink previous;
+      ~SinkRestore() { Mox::logSinkIs(std::move(previous)); }
+   } restore;
+   restore.previous = Mox::logSinkIs([&dadFailedLogs](Mox::LogRecord const& r) {
+      if (r.id == "IP6ROUTING_DAD_FAILED") ++dadFailedLogs;
       if (r.severity == Mox::LogSeverity::info) return;
       std::printf("\033[2m  %%%s: %s\033[0m\n", r.id.c_str(), r.text.c_str());
    });
@@ -161,6 +244,11 @@ int runDemo(std::string const& configPath) {
    heading("veld demo: a private network namespace, " + std::to_string(config.interfaces.size()) +
            " veth devices, " + std::to_string(config.vrfs.size() - 1) + " VRF namespaces (" +
            prefix + "*)");
+   // Duplicate address detection in the sandbox: one probe, 0.1 s apart instead of 1 s, for
+   // the devices made below (those the agent moves to VRF namespaces take the interval from
+   // their nsInterval configuration).
+   Konet::writeProcSys("/proc/sys/net/ipv6/conf/default/dad_transmits", "1");
+   Konet::writeProcSys("/proc/sys/net/ipv6/neigh/default/retrans_time_ms", "100");
    DemoDevices devices(sock.get());
    for (auto const& [id, s] : config.interfaces) {
       if (int rc = devices.add(s.device)) {
@@ -169,6 +257,13 @@ int runDemo(std::string const& configPath) {
          return 1;
       }
    }
+   if (int rc = devices.holdOnPeer(kDuplicateDevice, kDuplicateAddr)) {
+      std::fprintf(stderr, "veld demo: cannot put %s on the peer of %s: %s\n",
+                   kDuplicateAddr.toString().c_str(), kDuplicateDevice, std::strerror(rc));
+      return 1;
+   }
+   std::printf("the peer end of %s already holds %s: its duplicate address detection fails\n",
+               kDuplicateDevice, kDuplicateAddr.toString().c_str());
    std::vector<Konet::NamespaceName> namespaces;
    int status = 0;
    {
@@ -180,6 +275,17 @@ int runDemo(std::string const& configPath) {
       heading("The agent starts on the configuration");
       bool ok = converge(agent);
       showAll(agent, true);
+
+      heading("IPv6: a duplicate address on " + std::string(kDuplicateDevice));
+      auto shown = agent.showInterfaces();
+      for (auto const& i : shown.at("interfaces")) {
+         if (i.at("device") != std::string(kDuplicateDevice) || i.at("ipv6").is_null()) continue;
+         std::printf(
+             "the agent logged %%IP6ROUTING_DAD_FAILED %zu time(s) (above); %s's published IPv6 "
+             "status:\n%s\n",
+             dadFailedLogs, i.at("interface").get<std::string>().c_str(),
+             i.at("ipv6").dump(2).c_str());
+      }
 
       heading("Live change 1: a secondary address on Ethernet1");
       auto& e1 = config.interfaces.at(Konet::IntfId("Ethernet1"));

@@ -11,6 +11,7 @@
 #include "mox/Name.h"
 #include "platform/Ip.h"
 #include "platform/L3.h"
+#include "platform/Urpf.h"
 
 namespace Ip6 {
 
@@ -59,6 +60,8 @@ public:
       virtual void onNsSourceAddr() {}
       virtual void onAcceptRaDefRtr() {}
       virtual void onNoArp() {}
+      virtual void onUrpf() {}
+      virtual void onForceDpRoutingEnabled() {}
       virtual void onL3Config() {}
    };
    explicit IntfConfig(Konet::IntfId intf) : intf_(std::move(intf)) {}
@@ -100,6 +103,14 @@ public:
    // isTrue sets IFF_NOARP on the device.
    Ip::TristateBool noArp() const { return noArp_; }
    void noArpIs(Ip::TristateBool v) { setAttr(noArp_, v, &NotifieeConst::onNoArp); }
+   // Unicast reverse-path checking of IPv6 packets arriving on the interface.
+   Urpf::UrpfConfig urpf() const { return urpf_; }
+   void urpfIs(Urpf::UrpfConfig v) { setAttr(urpf_, v, &NotifieeConst::onUrpf); }
+   // The data plane routes IPv6 on the interface even where forwarding is off.
+   bool forceDpRoutingEnabled() const { return forceDpRoutingEnabled_; }
+   void forceDpRoutingEnabledIs(bool v) {
+      setAttr(forceDpRoutingEnabled_, v, &NotifieeConst::onForceDpRoutingEnabled);
+   }
    Mox::Ptr<L3::Intf::Config const> const& l3Config() const { return l3Config_; }
    void l3ConfigIs(Mox::Ptr<L3::Intf::Config const> const& v) {
       setAttr(l3Config_, v, &NotifieeConst::onL3Config);
@@ -117,6 +128,8 @@ private:
    Konet::Ip6Addr nsSourceAddr_;
    bool acceptRaDefRtr_ = false;
    Ip::TristateBool noArp_ = Ip::TristateBool::isUnset;
+   Urpf::UrpfConfig urpf_;
+   bool forceDpRoutingEnabled_ = false;
    Mox::Ptr<L3::Intf::Config const> l3Config_;
 };
 
@@ -156,6 +169,8 @@ public:
       virtual void onAcceptDad() {}
       virtual void onEnhancedDad() {}
       virtual void onNsRetransmitInterval() {}
+      virtual void onUrpf() {}
+      virtual void onDpRoutingEnabled() {}
       virtual void onVrf() {}
    };
    explicit IntfStatus(Konet::IntfId intf) : intf_(std::move(intf)) {}
@@ -184,6 +199,13 @@ public:
    void nsRetransmitIntervalIs(uint32_t v) {
       setAttr(nsRetransmitInterval_, v, &NotifieeConst::onNsRetransmitInterval);
    }
+   Urpf::UrpfConfig urpf() const { return urpf_; }
+   void urpfIs(Urpf::UrpfConfig v) { setAttr(urpf_, v, &NotifieeConst::onUrpf); }
+   // The data plane routes IPv6 on the interface.
+   bool dpRoutingEnabled() const { return dpRoutingEnabled_; }
+   void dpRoutingEnabledIs(bool v) {
+      setAttr(dpRoutingEnabled_, v, &NotifieeConst::onDpRoutingEnabled);
+   }
    L3::VrfName const& vrf() const { return vrf_; }
    void vrfIs(L3::VrfName const& v) { setAttr(vrf_, v, &NotifieeConst::onVrf); }
 
@@ -191,6 +213,8 @@ private:
    Konet::IntfId const intf_;
    AddrSet addr_;
    AddrSet dadFailed_;
+   Urpf::UrpfConfig urpf_;
+   bool dpRoutingEnabled_ = false;
    AcceptDadMode acceptDad_ = AcceptDadMode::dadDefault;
    Ip::TristateBool enhancedDad_ = Ip::TristateBool::isUnset;
    uint32_t nsRetransmitInterval_ = 0;

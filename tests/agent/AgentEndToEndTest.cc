@@ -13,6 +13,7 @@
 
 #include "linux/NetNs.h"
 #include "linux/Netlink.h"
+#include "linux/NetlinkAddr.h"
 #include "linux/NetlinkLink.h"
 #include "linux/NetlinkParse.h"
 #include "linux/ProcSys.h"
@@ -554,6 +555,39 @@ TEST_F(AgentVrfEndToEnd, Ipv6ReachesBothVrfsAndRestartsAreHitless) {
    }));
    ASSERT_TRUE(veld.waitConverged());
    EXPECT_EQ(inDefault.events(), std::vector<std::string>{"-2001:db8:2::2/64"});
+}
+
+// The peer end of the veth already holds an address configured on the device: DAD fails,
+// and the agent reports it as the kernel has it, with one log line.
+TEST_F(AgentVrfEndToEnd, ADuplicateIpv6AddressIsReportedAsTheKernelHasIt) {
+   auto dup = *Konet::Ip6AddrWithMask::parse("2001:db8:1::1/64");
+   ASSERT_EQ(Konet::ip6AddrAdd(sock(), et1.peerIfindex, dup, IFA_F_NODAD), 0);
+   veld.writeConfig(R"({"interfaces": {"Ethernet1": {"device": ")" + et1.name +
+                    R"(", "ipv6": {"enable": true, "nsInterval": 100,
+                    "addresses": ["2001:db8:1::1/64", "2001:db8:1::2/64"]}}}})");
+   veld.start();
+   nlohmann::json ip6;
+   EXPECT_TRUE(KonetTest::waitFor(
+       [&] {
+          auto shown = veld.show("interfaces");
+          if (!shown.is_object() || !shown.contains("interfaces")) return false;
+          ip6 = shown.at("interfaces").at(0).at("ipv6");
+          return !ip6.is_null() && ip6.at("dadFailed").size() == 1 &&
+                 ip6.at("addresses").size() == 1;
+       },
+       std::chrono::seconds(10)))
+       << ip6.dump();
+   EXPECT_EQ(ip6.at("dadFailed"), nlohmann::json({"2001:db8:1::1/64"}));
+   EXPECT_EQ(ip6.at("addresses"), nlohmann::json({"2001:db8:1::2/64"}));
+   // The kernel agrees: the duplicate left the device, the other address is there.
+   EXPECT_EQ(kernelIn(Konet::NamespaceName(), et1.name, AF_INET6), Set{"2001:db8:1::2/64"});
+   ASSERT_TRUE(veld.waitConverged());
+   std::string line = "IPv6 DAD failed on interface Ethernet1 for address 2001:db8:1::1";
+   auto log = veld.log();
+   auto first = log.find(line);
+   ASSERT_NE(first, std::string::npos) << log;
+   EXPECT_NE(log.rfind("IP6ROUTING_DAD_FAILED", first), std::string::npos);
+   EXPECT_EQ(log.find(line, first + 1), std::string::npos) << "logged more than once";
 }
 
 }  // namespace

@@ -48,6 +48,7 @@
 #include "veld/KernelIo.h"
 #include "veld/addr/AddrMap.h"
 #include "veld/addr/KniIntfState.h"
+#include "veld/config/VrfIp6IntfConfig.h"
 #include "veld/config/VrfIpIntfConfig.h"
 #include "veld/ipv4/IntfIpKernelState.h"
 #include "veld/redundancy/WarpState.h"
@@ -87,7 +88,8 @@ public:
    class MoxIpIntfConfig;
 
    // The constructor's inputs, in its order. The standby flag, which that order puts between
-   // routingHardwareStatus and warpState, is given apart: it changes, they do not.
+   // routingHardwareStatus and warpState, is given apart: it changes, they do not. The VRF's
+   // IPv6 view (vrfIp6IntfConfig) is read only to decide the device's IFF_NOARP.
 #define VELD_IP_INTF_SM_INPUTS(X)                                           \
    X(Mox::Ptr<Ip::Config const>, ipConfig)                                  \
    X(Mox::Ptr<VrfIpIntfConfig const>, vrfIpIntfConfig)                      \
@@ -111,7 +113,8 @@ public:
    X(Mox::Ptr<L3::UpdateIpIntfStatusVrfRequests>, updateIpIntfStatusVrfReq) \
    X(Mox::Ptr<L3::UpdateIpIntfStatusRequests>, updateIpIntfStatusReq)       \
    X(Mox::Ptr<Urpf::UrpfOnAllIntfStat>, urpfOnAllIntfStat)                  \
-   X(Mox::Ptr<ProxyArp::VirtualMacStatus const>, proxyArpVirtualMac)
+   X(Mox::Ptr<ProxyArp::VirtualMacStatus const>, proxyArpVirtualMac)        \
+   X(Mox::Ptr<VrfIp6IntfConfig const>, vrfIp6IntfConfig)
    struct Inputs {
       MOX_INPUTS(VELD_IP_INTF_SM_INPUTS)
    };

@@ -5,6 +5,7 @@
 #include <cstring>
 
 #include "mox/Trace.h"
+#include "veld/addr/NoArp.h"
 #include "veld/ipv4/IpIntfConfigReactors.h"
 #include "veld/ipv4/IpIntfSm.h"
 
@@ -195,20 +196,12 @@ bool IpIntfSm::doUpdateKernelAddrIntf(Konet::IntfId const& intf) {
 
    int sock = in_.netlinkSocket;
    {
-      // Only a device routed here with no-ARP configured goes without ARP; one that leaves
-      // the routed set gets it back.
-      bool noArp = config && sameVrf && config->noArp() == Ip::TristateBool::isTrue;
-      if (noArp != bool(kniIntf.flags & KernelNetInfo::kIffNoArp)) {
-         int err = kernelIo().setKintfFlags(sock, static_cast<int>(kniIntf.key.ifIndex),
-                                            noArp ? KernelNetInfo::kIffNoArp : 0,
-                                            KernelNetInfo::kIffNoArp);
-         if (err) {
-            Mox::logFailure(
-                "VELD-NOARP",
-                "Failed to change IFF_NOARP of " + dev + " to " + (noArp ? "enabled" : "disabled"),
-                err);
-         }
-      }
+      // No ARP while either family's configuration of the routed interface asks for it.
+      auto ip6 = in_.vrfIp6IntfConfig ? in_.vrfIp6IntfConfig->ipIntfConfig(intf) : nullptr;
+      auto status = in_.kernelIntfDir->intfStatus(intf);
+      doUpdateNoArp(
+          kernelIo(), sock, kniIntf,
+          noArpWanted(status.ptr(), config && sameVrf ? config.ptr() : nullptr, ip6.ptr()));
    }
 
    // The same for MSS clamps: a device routed here is clamped as configured, one that

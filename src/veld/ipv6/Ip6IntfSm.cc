@@ -62,6 +62,8 @@ public:
    void onNsSourceAddr() override { handleProc(); }
    void onAcceptRaDefRtr() override { handleProc(); }
    void onNoArp() override { handleAddrChange(); }
+   void onUrpf() override { handleUrpf(); }
+   void onForceDpRoutingEnabled() override { handleForceDpRoutingEnabled(); }
    void onL3Config() override {
       attachL3Config();
       handleVrf();
@@ -80,6 +82,16 @@ public:
       handleAddrChange();
    }
    void handleVrf() { handleBoth(); }
+   void handleUrpf() {
+      MOX_TRACE_FN(th, "uRPF for " << intfId_ << " is " << config()->urpf().mode);
+      owner()->updateUrpfStatus(intfId_, config()->urpf());
+      owner()->handleUrpfAndRouting(intfId_);
+   }
+   void handleForceDpRoutingEnabled() {
+      MOX_TRACE_FN(th, "forceDpRoutingEnabled for " << intfId_ << " is "
+                                                    << config()->forceDpRoutingEnabled());
+      owner()->updateDpRoutingEnabled(intfId_);
+   }
    void handleAddrChange() { owner()->doScheduleKernelAddrUpdate(intfId_); }
    void handleProc() { owner()->doScheduleKernelProcUpdate(intfId_); }
    void handleBoth() {
@@ -165,6 +177,12 @@ public:
       using Reactor::Reactor;
       void onEnhancedDad() override { owner()->handleGlobalEnhancedDad(); }
    };
+   class MoxUrpfOnAllIntfStat
+       : public Mox::Reactor<Ip6IntfSm, Urpf::UrpfOnAllIntfStat::NotifieeConst> {
+   public:
+      using Reactor::Reactor;
+      void onUrpfOnAnyIntf() override { owner()->handleUrpfOnStatusChange(); }
+   };
    class MoxIp6Enable : public Mox::Reactor<Ip6IntfSm, Ip6::Ip6Enable::NotifieeConst> {
    public:
       using Reactor::Reactor;
@@ -199,6 +217,7 @@ public:
    Mox::Ptr<MoxRouting> routing;
    Mox::Ptr<MoxIp6Config> ip6Config;
    Mox::Ptr<MoxIp6Enable> ip6Enable;
+   Mox::Ptr<MoxUrpfOnAllIntfStat> urpfOnAllIntfStat;
    Mox::Ptr<MoxUpdateRequests<L3::UpdateIpIntfStatusVrfRequests>> updateVrfRequests;
    Mox::Ptr<MoxUpdateRequests<L3::UpdateIpIntfStatusRequests>> updateRequests;
    Mox::Ptr<MoxTimerWheel> backlogTimer;
@@ -230,6 +249,7 @@ Ip6IntfSm::Ip6IntfSm(Inputs inputs, bool standbyMode)
    r.routing = Reactors::on<Reactors::MoxRouting>(this, in_.routingInfoConfig);
    r.ip6Config = Reactors::on<Reactors::MoxIp6Config>(this, in_.ip6Config);
    r.ip6Enable = Reactors::on<Reactors::MoxIp6Enable>(this, in_.ip6Enable);
+   r.urpfOnAllIntfStat = Reactors::on<Reactors::MoxUrpfOnAllIntfStat>(this, in_.urpfOnAllIntfStat);
    r.updateVrfRequests =
        Reactors::on<Reactors::MoxUpdateRequests<L3::UpdateIpIntfStatusVrfRequests>>(
            this, in_.updateIp6IntfStatusVrfReq);
@@ -434,6 +454,7 @@ void Ip6IntfSm::handleInitialized() {
       }
    }
    handleRouting();
+   handleUrpfOnStatusChange();
    // Statuses of this VRF whose configuration went while nobody watched.
    if (!standbyMode_) {
       for (auto const* dir : {&in_.systemIntfIp6Status, &in_.localIntfIp6Status}) {
@@ -473,8 +494,10 @@ void Ip6IntfSm::handleConfig(Konet::IntfId const& intf) {
    auto* r = configIntf_.find(intf);
    if (config && (!r || (*r)->config() != config)) {
       configIntf_.assign(intf, Mox::make<MoxConfigIntf>(this, config));
+      updateUrpfStatus(intf, config->urpf());
    } else if (!config && r) {
       configIntf_.erase(intf);
+      if (in_.urpfOnAllIntfStat) in_.urpfOnAllIntfStat->intfUrpfDel(intf);
       // The interface may still be configured in another VRF's view, which writes its status.
       auto status = ip6IntfStatusOf(intf);
       if (status) {
@@ -519,7 +542,11 @@ void Ip6IntfSm::handleKernelRecord(KernelNetInfo::InterfaceKey key) {
             procIpv6Set_.procIpv6Enabled.erase(i);
          }
       }
-      if (!intf.empty()) running_.erase(intf);
+      if (!intf.empty()) {
+         running_.erase(intf);
+         intfIp6KernelState_.erase(intf);
+         procIpv6Set_.procIpv6Enabled.erase(intf);
+      }
       return;
    }
    intf = in_.kniIntfStatusManager ? in_.kniIntfStatusManager->deviceIntf(rec.deviceName)
@@ -581,11 +608,66 @@ void Ip6IntfSm::routingInfoConfigIs(Mox::Ptr<Routing6::InfoConfig const> const& 
    handleRouting();
 }
 
-// Forwarding on each interface follows the VRF's IPv6 routing.
+// Forwarding on each interface, and routing in the data plane, follow the VRF's IPv6 routing.
 void Ip6IntfSm::handleRouting() {
    MOX_TRACE_FN(th, " vrf " << in_.vrfName);
-   for (auto const& intf : configIntf_.keys())
+   for (auto const& intf : configIntf_.keys()) {
       doScheduleKernelProcUpdate(intf);
+      handleUrpfAndRouting(intf);
+   }
+}
+
+// ---- uRPF and routing in the data plane
+
+// The summary of where uRPF is on (shared by every VRF) follows each configured interface.
+void Ip6IntfSm::updateUrpfStatus(Konet::IntfId const& intf, Urpf::UrpfConfig const& urpf) {
+   MOX_TRACE_FN(th, " for " << intf << " " << urpf);
+   if (in_.urpfOnAllIntfStat) in_.urpfOnAllIntfStat->intfUrpfIs(intf, urpf.mode);
+   if (standbyMode_) return;
+   if (auto status = ip6IntfStatusOf(intf)) status->urpfIs(urpf);
+}
+
+void Ip6IntfSm::updateUrpfAndRouting(Konet::IntfId const& intf, Urpf::UrpfConfig const& urpf) {
+   MOX_TRACE_FN(th, " for " << intf << " " << urpf);
+   updateDpRoutingEnabled(intf);
+}
+
+void Ip6IntfSm::handleUrpfAndRouting(Konet::IntfId const& intf) {
+   auto config = routedIp6IntfConfig(intf);
+   if (!config) return;
+   updateUrpfAndRouting(intf, config->urpf());
+}
+
+// Routing in the data plane: on where the interface is routed and its VRF routes IPv6, or
+// where the configuration forces it.
+void Ip6IntfSm::updateDpRoutingEnabled(Konet::IntfId const& intf) {
+   if (standbyMode_) return;
+   auto status = ip6IntfStatusOf(intf);
+   if (!status) return;
+   auto config = routedIp6IntfConfig(intf);
+   bool on = config && (config->forceDpRoutingEnabled() || isForwardingEnabled(intf));
+   MOX_TRACE_FN(th, " for " << intf << " " << on);
+   status->dpRoutingEnabledIs(on);
+}
+
+// The summary knows it for every interface of every VRF; without one, the configured
+// interfaces of this VRF are asked.
+bool Ip6IntfSm::isUrpfOnAnyIntf() const {
+   if (in_.urpfOnAllIntfStat) return in_.urpfOnAllIntfStat->urpfOnAnyIntf();
+   for (auto const& [intf, r] : configIntf_) {
+      if (r->config()->urpf().enabled()) return true;
+   }
+   return false;
+}
+
+// Whether uRPF is on anywhere is published with this machine's statuses.
+void Ip6IntfSm::handleUrpfOnStatusChange() {
+   bool any = isUrpfOnAnyIntf();
+   MOX_TRACE_FN(th, "UrpfConfiguredOnAnyIntf: " << any);
+   if (standbyMode_) return;
+   for (auto const* dir : {&in_.systemIntfIp6Status, &in_.localIntfIp6Status}) {
+      if (*dir) (*dir)->urpfConfiguredOnAnyIntfIs(any);
+   }
 }
 
 void Ip6IntfSm::handleGlobalEnhancedDad() {

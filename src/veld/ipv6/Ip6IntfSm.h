@@ -5,9 +5,11 @@
 // device), the interfaces whose devices are in the VRF's namespace, the namespace's kernel
 // interface and address records, the VRF's IPv6 routing setting, the switch-wide enhanced-DAD
 // default, the enable overrides other programs ask for and the standby flag. Writes each
-// routed interface's IPv6 and L3 status (not in standby), its multicast groups, and the
+// routed interface's IPv6 and L3 status (not in standby; with its uRPF and data-plane
+// routing, and the uRPF-anywhere summary), its multicast groups, and the
 // kernel: addresses through the VRF's netlink socket, disable_ipv6 and the per-device
-// settings under /proc/sys/net/ipv6.
+// settings under /proc/sys/net/ipv6; and IFF_NOARP, decided with the IPv4 configuration in
+// one place (veld/addr/NoArp.h).
 //
 // Handlers never touch the kernel. They mark the interface's backlog entry (addrUpdatePending,
 // procUpdatePending) and arm the backlog timer, which drains the backlog in runs of at most
@@ -46,6 +48,7 @@
 #include "veld/addr/AddrMap.h"
 #include "veld/addr/KniIntfState.h"
 #include "veld/config/VrfIp6IntfConfig.h"
+#include "veld/config/VrfIpIntfConfig.h"
 #include "veld/ipv6/IntfIp6KernelState.h"
 #include "veld/ipv6/Ip6OwnAddrs.h"
 #include "veld/redundancy/WarpState.h"
@@ -88,7 +91,8 @@ public:
    static constexpr uint32_t kIfaTentative = 0x40;
    static constexpr uint32_t kIfaPermanent = 0x80;
 
-   // The constructor's inputs, in its order; the standby flag is given apart.
+   // The constructor's inputs, in its order; the standby flag is given apart. The VRF's IPv4
+   // view (vrfIpIntfConfig) is read only to decide the device's IFF_NOARP.
 #define VELD_IP6_INTF_SM_INPUTS(X)                                           \
    X(Mox::Ptr<Ip6::Config const>, ip6Config)                                 \
    X(Mox::Ptr<VrfIp6IntfConfig const>, vrfIp6IntfConfig)                     \
@@ -111,7 +115,8 @@ public:
    X(Mox::Ptr<L3::UpdateIpIntfStatusRequests>, updateIp6IntfStatusReq)       \
    X(Mox::Ptr<Urpf::UrpfOnAllIntfStat>, urpfOnAllIntfStat)                   \
    X(Mox::Ptr<Ip6::Ip6Enable const>, ip6Enable)                              \
-   X(Mox::Ptr<Ip6OwnAddrs>, ownAddrs)
+   X(Mox::Ptr<Ip6OwnAddrs>, ownAddrs)                                        \
+   X(Mox::Ptr<VrfIpIntfConfig const>, vrfIpIntfConfig)
    struct Inputs {
       MOX_INPUTS(VELD_IP6_INTF_SM_INPUTS)
    };
@@ -211,6 +216,13 @@ public:
    void handleRouting();
    void handleGlobalEnhancedDad();
    void handleIp6IntfStatusUpdateReq(Konet::IntfId const& intf);
+   // uRPF and routing in the data plane (status only: the kernel has no IPv6 rp_filter).
+   void updateUrpfStatus(Konet::IntfId const& intf, Urpf::UrpfConfig const& urpf);
+   void updateUrpfAndRouting(Konet::IntfId const& intf, Urpf::UrpfConfig const& urpf);
+   void handleUrpfAndRouting(Konet::IntfId const& intf);
+   void updateDpRoutingEnabled(Konet::IntfId const& intf);
+   void handleUrpfOnStatusChange();
+   bool isUrpfOnAnyIntf() const;
    void handleIntfStatusForDeletedIntfConfig(Konet::IntfId const& intf);
    void handleBacklogTimer();
    // A configured address changed: a DAD failure of it is forgotten.
@@ -230,11 +242,17 @@ private:
    int writeSetting(Konet::IntfId const& intf, IntfIp6KernelState& state,
                     IntfIp6KernelState::Setting s, char const* dir, std::string const& dev,
                     char const* file, std::string const& value, std::string const& trace);
+   void updateNoArp(Konet::IntfId const& intf,
+                    Mox::Ptr<Interface::IntfStatus const> const& intfStatus,
+                    KernelNetInfo::Interface const& kniIntf,
+                    Mox::Ptr<Ip6::IntfConfig const> const& config);
    // Removes from the kernel the addresses of the interface that this agent added.
    void removeOwnAddrs(Konet::IntfId const& intf, KernelNetInfo::Interface const& kniIntf);
    void dadFailure(Konet::IntfId const& intf, KernelNetInfo::Interface const& kniIntf,
                    Konet::Ip6AddrWithMask const& a, bool linkLocal);
    bool mayWriteStatus(Konet::IntfId const& intf) const;
+   // The device is in this namespace and holds no IPv6 address at all.
+   bool kernelAddrsGone(std::string const& deviceName) const;
 
    Inputs in_;
    bool standbyMode_;

@@ -4,9 +4,11 @@
 #include <cstring>
 #include <iomanip>
 #include <sstream>
+#include <vector>
 
 #include "mox/Trace.h"
 #include "veld/LocalInterface.h"
+#include "veld/addr/NoArp.h"
 #include "veld/ipv6/Ip6IntfSm.h"
 
 namespace Veld {
@@ -167,6 +169,15 @@ void Ip6IntfSm::dadFailure(Konet::IntfId const& intf, KernelNetInfo::Interface c
        "IPv6 DAD failed on interface " + intf.name() + " for address " + a.addr().toString());
 }
 
+void Ip6IntfSm::updateNoArp(Konet::IntfId const& intf,
+                            Mox::Ptr<Interface::IntfStatus const> const& intfStatus,
+                            KernelNetInfo::Interface const& kniIntf,
+                            Mox::Ptr<Ip6::IntfConfig const> const& config) {
+   auto ip = in_.vrfIpIntfConfig ? in_.vrfIpIntfConfig->ipIntfConfig(intf) : nullptr;
+   doUpdateNoArp(kernelIo(), in_.netlinkSocket, kniIntf,
+                 noArpWanted(intfStatus.ptr(), ip.ptr(), config.ptr()));
+}
+
 void Ip6IntfSm::removeOwnAddrs(Konet::IntfId const& intf, KernelNetInfo::Interface const& kniIntf) {
    auto const* own = in_.ownAddrs ? in_.ownAddrs->addrs(intf) : nullptr;
    if (!own) return;
@@ -202,6 +213,7 @@ bool Ip6IntfSm::doUpdateKernelAddrIntf(Konet::IntfId const& intf) {
    if (!anyConfig && !override) {
       // Not configured here (any more): what the agent added goes.
       MOX_TRACE(th, 5, " intfConfig in doUpdateKernelAddrIntf is NULL");
+      updateNoArp(intf, intfStatus, kniIntf, nullptr);
       removeOwnAddrs(intf, kniIntf);
       handleIntfStatusForDeletedIntfConfig(intf);
       return false;
@@ -241,6 +253,9 @@ bool Ip6IntfSm::doUpdateKernelAddrIntf(Konet::IntfId const& intf) {
       }
    }
 
+   // The device's IFF_NOARP, decided with the IPv4 configuration whatever IPv6 does.
+   updateNoArp(intf, intfStatus, kniIntf, sameVrf ? config : nullptr);
+
    // 5. No DAD on loopback devices.
    if (intf.isLoopback()) {
       MOX_TRACE(th, 5, "LoopbackIntf - disable Dad");
@@ -279,14 +294,8 @@ bool Ip6IntfSm::doUpdateKernelAddrIntf(Konet::IntfId const& intf) {
       return false;
    }
 
-   // 7. All-nodes group, IFF_NOARP, link-local address.
+   // 7. All-nodes group and link-local address (IFF_NOARP was decided after step 4).
    if (writeStatus) mcaddrUpdate(intf, in_.multicastGroups.ptr(), Konet::Ip6Addr::allNodes(), true);
-   if (config->noArp() == Ip::TristateBool::isTrue && !(kniIntf.flags & KernelNetInfo::kIffNoArp)) {
-      int err = kernelIo().setKintfFlags(in_.netlinkSocket, int(kniIntf.key.ifIndex),
-                                         KernelNetInfo::kIffNoArp, KernelNetInfo::kIffNoArp);
-      if (err)
-         Mox::logFailure("VELD-NOARP", "Failed to change IFF_NOARP of " + dev + " to enabled", err);
-   }
    static KernelAddrs6 const kNone;
    auto const* kernel = kernelAddrs6(kniIntf.key);
    auto const& held = kernel ? *kernel : kNone;
@@ -300,6 +309,7 @@ bool Ip6IntfSm::doUpdateKernelAddrIntf(Konet::IntfId const& intf) {
 
    // 8. + 11. The kernel's addresses: SLAAC, configured and foreign ones stay; the agent's
    // own that are no longer configured go.
+   std::vector<Konet::Ip6AddrWithMask> deleted;
    for (auto const& [a, flags] : held) {
       MOX_TRACE(th, 7, "Kernel addr: " << a);
       if (config->addr(a) || a == ll) {
@@ -316,13 +326,20 @@ bool Ip6IntfSm::doUpdateKernelAddrIntf(Konet::IntfId const& intf) {
       }
       if (in_.ownAddrs && in_.ownAddrs->addr(intf, a)) {
          MOX_TRACE(th, 5, " Delete Kernel Addr: " << a);
-         if (kernelAddrDel(kniIntf, intf, a)) {
-            MOX_TRACE(th, 5, " Deleting IntfStatus addr: " << a);
-            if (writeStatus) mcaddrUpdate(intf, in_.multicastGroups.ptr(), a.addr(), false);
-         }
+         if (kernelAddrDel(kniIntf, intf, a)) deleted.push_back(a);
          continue;
       }
       MOX_TRACE(th, 7, " Addr Not managed by us: " << a);
+   }
+   // What was deleted leaves the status now, not when the kernel's event comes.
+   for (auto const& a : deleted) {
+      if (auto* mine = kernelAddrs6_.find(kniIntf.key)) mine->erase(a);
+      if (!writeStatus) continue;
+      if (auto status = ip6IntfStatusOf(intf); status && status->addrHas(a)) {
+         MOX_TRACE(th, 5, " Deleting IntfStatus addr: " << a);
+         status->addrDel(a);
+      }
+      mcaddrUpdate(intf, in_.multicastGroups.ptr(), a.addr(), false);
    }
    // Own addresses the kernel no longer holds are not own any more.
    if (auto const* own = in_.ownAddrs ? in_.ownAddrs->addrs(intf) : nullptr) {
@@ -390,6 +407,8 @@ bool Ip6IntfSm::doUpdateKernelAddrIntf(Konet::IntfId const& intf) {
       status->enhancedDadIs(config->enhancedDad());
       MOX_TRACE(th, 7,
                 "Updated enhancedDad ip6::status with config value of " << config->enhancedDad());
+      status->urpfIs(config->urpf());
+      updateDpRoutingEnabled(intf);
    }
    // 13.
    return false;

@@ -40,7 +40,13 @@ bool Ip6IntfSm::setIp6Enable(std::string const& deviceName, Konet::IntfId const&
                              Konet::NamespaceName const& ns, ProcIpv6Set& procIpv6Set) {
    MOX_TRACE(th, 7, deviceName << " in namespace " << ns << " enable=" << enable);
    if (auto const* held = procIpv6Set.procIpv6Enabled.find(intf); held && *held == enable) {
-      return true;
+      // IPv6 switched off behind the agent's back drops every IPv6 address of the device:
+      // only a device with IPv6 on as written and no address left is looked at again. Under
+      // accept-DAD strict the kernel switches IPv6 off itself when the link-local address
+      // fails DAD; that is what the mode asks for, so it stays off (no DAD loop).
+      auto config = routedIp6IntfConfig(intf);
+      bool strict = config && config->acceptDad() == Ip6::AcceptDadMode::dadStrict;
+      if (!enable || strict || !kernelAddrsGone(deviceName)) return true;
    }
    MOX_TRACE(th, 5,
              "Attempting to " << (enable ? "enable" : "disable") << " ipv6 on device " << deviceName
@@ -50,6 +56,13 @@ bool Ip6IntfSm::setIp6Enable(std::string const& deviceName, Konet::IntfId const&
    if (err) return false;
    procIpv6Set.procIpv6Enabled.assign(intf, enable);
    return true;
+}
+
+bool Ip6IntfSm::kernelAddrsGone(std::string const& deviceName) const {
+   auto kniIntf = kniRoot_ ? kniRoot_->interfaceByName(deviceName) : KernelNetInfo::Interface();
+   if (kniIntf == KernelNetInfo::Interface()) return false;
+   auto const* held = kernelAddrs6(kniIntf.key);
+   return !held || held->empty();
 }
 
 // Writes one setting when its value changed. ENOENT (the device or the file is not there)

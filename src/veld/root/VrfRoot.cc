@@ -263,7 +263,8 @@ void VrfRoot::handleInitialized() {
                        .updateIpIntfStatusVrfReq = in.updateIpIntfStatusVrfReq,
                        .updateIpIntfStatusReq = in.updateIpIntfStatusReq,
                        .urpfOnAllIntfStat = in.urpfOnAllIntfStat,
-                       .proxyArpVirtualMac = in.proxyArpVirtualMac};
+                       .proxyArpVirtualMac = in.proxyArpVirtualMac,
+                       .vrfIp6IntfConfig = in.vrfIp6IntfConfig};
    if (in.timerWheel) ipIntfSmIs(ip, standbyMode_);
    Ip6IntfSm::Inputs ip6{.ip6Config = in.ip6Config,
                          .vrfIp6IntfConfig = in.vrfIp6IntfConfig,
@@ -286,7 +287,8 @@ void VrfRoot::handleInitialized() {
                          .updateIp6IntfStatusReq = in.updateIp6IntfStatusReq,
                          .urpfOnAllIntfStat = in.urpfOnAllIntfStat6,
                          .ip6Enable = in.ip6EnableOverride,
-                         .ownAddrs = in.ip6OwnAddrs};
+                         .ownAddrs = in.ip6OwnAddrs,
+                         .vrfIpIntfConfig = in.vrfIpIntfConfig};
    if (in.timerWheel) ip6IntfSmIs(ip6, standbyMode_);
 
    handleIp6Routing();

@@ -110,8 +110,10 @@ protected:
                                   .vrfName = view->vrfName(),
                                   .warpState = warp,
                                   .timerWheel = wheel,
+                                  .urpfOnAllIntfStat = urpf,
                                   .ip6Enable = enable,
-                                  .ownAddrs = own},
+                                  .ownAddrs = own,
+                                  .vrfIpIntfConfig = ipView},
           standby);
    }
    // A restarted agent: a new machine and a new address map seeded from the kernel, the
@@ -259,6 +261,8 @@ protected:
    Mox::Ptr<Ip6::Config> ip6Config = make<Ip6::Config>();
    Mox::Ptr<L3::Intf::ConfigDir> l3Config = make<L3::Intf::ConfigDir>();
    Mox::Ptr<Veld::VrfIp6IntfConfig> view = make<Veld::VrfIp6IntfConfig>(L3::VrfName("default"));
+   // The VRF's IPv4 view, which the machine reads for IFF_NOARP.
+   Mox::Ptr<Veld::VrfIpIntfConfig> ipView = make<Veld::VrfIpIntfConfig>(L3::VrfName("default"));
    Mox::Ptr<Interface::AllIntfStatusDir> allIntfStatus = make<Interface::AllIntfStatusDir>();
    Mox::Ptr<Interface::NetNsIntfStatusManagerRoot> managerRoot;
    Mox::Ptr<Interface::KniIntfStatusManager> manager;
@@ -274,6 +278,7 @@ protected:
    Mox::Ptr<Veld::WarpState> warp = make<Veld::WarpState>("warp");
    Mox::Ptr<Bolt::TimerWheel> wheel = make<Bolt::TimerWheel>();
    Mox::Ptr<Ip6::Ip6Enable> enable = make<Ip6::Ip6Enable>();
+   Mox::Ptr<Urpf::UrpfOnAllIntfStat> urpf = make<Urpf::UrpfOnAllIntfStat>();
    Mox::Ptr<Veld::Ip6OwnAddrs> own = make<Veld::Ip6OwnAddrs>();
    Mox::Ptr<Veld::Ip6IntfSm> sm;
 

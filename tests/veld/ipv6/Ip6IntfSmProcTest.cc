@@ -133,6 +133,55 @@ TEST_F(Ip6IntfSmProcTest, AWriteThatKeepsFailingIsAbandonedAfter33Tries) {
    EXPECT_TRUE(warp->backlogEmpty(sm->warpKey()));
 }
 
+// The kernel can switch IPv6 off by itself; the value last written does not hide that.
+TEST_F(Ip6IntfSmProcTest, Ipv6SwitchedOffBehindTheAgentsBackIsSwitchedOnAgain) {
+   auto e1 = addIntf("Ethernet1");
+   e1.config->addrIs(v6("2001:db8:1::1/64"));
+   place(e1);
+   mirror->processEvents();
+   makeSm();
+   settle();
+   ASSERT_EQ(kernelAddrs(e1.veth.ifindex).count("2001:db8:1::1/64"), 1u);
+   ASSERT_EQ(Konet::writeProcSys("/proc/sys/net/ipv6/conf/" + e1.veth.name + "/disable_ipv6", "1"),
+             0);
+   EXPECT_TRUE(settleUntil([&] {
+      return proc(e1.veth.name, "disable_ipv6") == "0" &&
+             kernelAddrs(e1.veth.ifindex).count("2001:db8:1::1/64") == 1;
+   }));
+   // A device with its addresses in place is not read again on every update.
+   size_t writes = io.count("write /proc/sys/net/ipv6/conf/" + e1.veth.name + "/disable_ipv6");
+   e1.config->addrIs(v6("2001:db8:1::2/64"));
+   settle();
+   EXPECT_EQ(io.count("write /proc/sys/net/ipv6/conf/" + e1.veth.name + "/disable_ipv6"), writes);
+}
+
+// Under accept-DAD strict the kernel switches IPv6 off itself when the link-local address
+// fails DAD; that is the configured outcome, and the agent does not start DAD over again.
+TEST_F(Ip6IntfSmProcTest, Ipv6TheKernelSwitchesOffUnderStrictDadStaysOff) {
+   auto e1 = addIntf("Ethernet1");
+   auto ll = linkLocalOf(e1.mac);
+   sh("ip link set dev " + e1.veth.name + " down");
+   ASSERT_EQ(Konet::ip6AddrAdd(sock(), e1.veth.peerIfindex, v6(ll.c_str()), 0x02), 0);
+   sh("sysctl -qw net.ipv6.neigh." + e1.veth.name + ".retrans_time_ms=100");
+   e1.config->acceptDadIs(Ip6::AcceptDadMode::dadStrict);
+   e1.config->nsRetransmitIntervalIs(100);
+   e1.config->addrIs(v6("2001:db8:1::1/64"));
+   place(e1);
+   makeSm();
+   settle();
+   sh("ip link set dev " + e1.veth.name + " up");
+   std::string const enabled = "write /proc/sys/net/ipv6/conf/" + e1.veth.name + "/disable_ipv6=0";
+   ASSERT_TRUE(settleUntil([&] { return proc(e1.veth.name, "disable_ipv6") == "1"; }));
+   size_t writes = io.count(enabled);
+   for (int i = 0; i < 3; ++i) {
+      sm->doScheduleKernelAddrUpdate(e1.id);
+      settle();
+   }
+   EXPECT_EQ(io.count(enabled), writes);
+   EXPECT_EQ(proc(e1.veth.name, "disable_ipv6"), "1");
+   EXPECT_EQ(kernelAddrs(e1.veth.ifindex).count("2001:db8:1::1/64"), 0u);
+}
+
 TEST_F(Ip6IntfSmProcTest, StandbyProgramsTheKernelButWritesNoStatus) {
    auto e1 = addIntf("Ethernet1");
    e1.config->addrIs(v6("2001:db8:1::1/64"));
