@@ -73,13 +73,19 @@ void mcaddrUpdate(Konet::IntfId const& intf, Ip6::MulticastGroupsForApplications
                   Konet::Ip6Addr const& addr, bool add) {
    if (!groups || addr.isZero()) return;
    auto group = addr.isMulticast() ? addr : addr.solicitedNodeMulticast();
+   auto veld = groups->applicationIs(Mcast::veldApplication());
    if (add) {
       MOX_TRACE(th, 7, intf << " add multicast group " << group);
-      groups->groupIs(intf, group);
+      veld->multicastAddrIs(Ip6::IntfAddrInfo{intf, group});
    } else {
       MOX_TRACE(th, 7, intf << " delete multicast group " << group);
-      groups->groupDel(intf, group);
+      veld->multicastAddrDel(Ip6::IntfAddrInfo{intf, group});
    }
+}
+
+void mcaddrDelAll(Konet::IntfId const& intf, Ip6::MulticastGroupsForApplications* groups) {
+   if (auto veld = groups ? groups->application(Mcast::veldApplication()) : nullptr)
+      veld->multicastAddrDelIntf(intf);
 }
 
 bool Ip6IntfSm::kernelAddrAdd(KernelNetInfo::Interface const& kernelIntf, Konet::IntfId const& intf,
@@ -259,7 +265,7 @@ bool Ip6IntfSm::doUpdateKernelAddrIntf(Konet::IntfId const& intf) {
    if (!enabled) {
       MOX_TRACE(th, 5, "Ipv6 disabled in " << intf);
       // The kernel dropped the device's addresses: status and groups follow.
-      if (in_.multicastGroups && writeStatus) in_.multicastGroups->groupDelAll(intf);
+      if (writeStatus) mcaddrDelAll(intf, in_.multicastGroups.ptr());
       return false;
    }
    if (!sameVrf) {
@@ -294,9 +300,12 @@ bool Ip6IntfSm::doUpdateKernelAddrIntf(Konet::IntfId const& intf) {
    MOX_TRACE(th, 6, "New LinkLocal Address: " << ll);
    bool running = kniIntf.running();
    bool haveLl = !ll.addr().isZero();
-   if (haveLl && running && !held.contains(ll) && !dadFailed(intf, ll)) {
-      kernelAddrAdd(kniIntf, intf, ll);
+   bool llHeld = haveLl && held.contains(ll);
+   if (haveLl && running && !llHeld && !dadFailed(intf, ll)) {
+      llHeld = kernelAddrAdd(kniIntf, intf, ll);
    }
+   // The kernel joins the solicited-node group of the link-local address as of any other.
+   if (llHeld && writeStatus) mcaddrUpdate(intf, in_.multicastGroups.ptr(), ll.addr(), true);
 
    // 8. + 11. The kernel's addresses: SLAAC, configured and foreign ones stay; the agent's
    // own that are no longer configured go.
@@ -378,9 +387,10 @@ bool Ip6IntfSm::doUpdateKernelAddrIntf(Konet::IntfId const& intf) {
       }
    }
 
-   // 12. Status.
+   // 12. Status, and the VRF this machine puts the interface in, for its L3 status.
    doUpdateIp6StatusAddr(intf);
    if (auto status = writeStatus ? ip6IntfStatusOf(intf) : nullptr) {
+      if (in_.updateIp6IntfStatusVrfReq) in_.updateIp6IntfStatusVrfReq->requestIs(intf, in_.vrfName);
       status->nsRetransmitIntervalIs(config->nsRetransmitInterval());
       MOX_TRACE(th, 7,
                 "Updated ip6::status with ip6::config value of " << config->nsRetransmitInterval());
