@@ -327,7 +327,14 @@ bool Ip6IntfSm::doUpdateKernelAddrIntf(Konet::IntfId const& intf) {
          MOX_TRACE(th, 5, " Delete Kernel Addr: " << a);
          if (kernelAddrDel(kniIntf, intf, a)) {
             MOX_TRACE(th, 5, " Deleting IntfStatus addr: " << a);
-            if (writeStatus) mcaddrUpdate(intf, in_.multicastGroups.ptr(), a.addr(), false);
+            // Addresses that differ in their upper bits share a solicited-node group: it
+            // stays while another address of the interface needs it.
+            auto group = a.addr().solicitedNodeMulticast();
+            bool shared = haveLl && ll.addr().solicitedNodeMulticast() == group;
+            for (auto const& b : config->addrIterator())
+               shared = shared || b.addr().solicitedNodeMulticast() == group;
+            if (writeStatus && !shared)
+               mcaddrUpdate(intf, in_.multicastGroups.ptr(), a.addr(), false);
          }
          continue;
       }
@@ -381,8 +388,9 @@ bool Ip6IntfSm::doUpdateKernelAddrIntf(Konet::IntfId const& intf) {
          MOX_TRACE(th, 5, " link-local DAD failed, not adding config addr to Kernel: " << a);
          continue;
       }
-      if (dadFailed(intf, a) || held.contains(a)) continue;
-      if (kernelAddrAdd(kniIntf, intf, a) && writeStatus) {
+      if (dadFailed(intf, a)) continue;
+      // The group of an address the kernel already holds is listed too (after a restart).
+      if ((held.contains(a) || kernelAddrAdd(kniIntf, intf, a)) && writeStatus) {
          mcaddrUpdate(intf, in_.multicastGroups.ptr(), a.addr(), true);
       }
    }
