@@ -420,11 +420,11 @@ std::string Agent::handleRequest(std::string const& line) {
          out = showMulticast();
          break;
       case RequestKind::multicastWithdraw:
-         out = multicastRequestDel(r.program)
-                   ? showMulticast()
-                   : refused("/multicast-withdraw",
-                             "no multicast groups of " + quotedForMessage(r.program) +
-                                 " to withdraw");
+         out =
+             multicastRequestDel(r.program)
+                 ? showMulticast()
+                 : refused("/multicast-withdraw", "no multicast groups of " +
+                                                      quotedForMessage(r.program) + " to withdraw");
          break;
    }
    return dumpJson(out, 1) + "\n";

@@ -237,8 +237,8 @@ public:
          auto const& text = v.get_ref<std::string const&>();
          auto a = Konet::IpGenAddr::parse(text);
          if (!a || !a->isMulticast()) {
-            return refuse(place, quotedForMessage(text) +
-                                     " is not an IPv4 or IPv6 multicast address");
+            return refuse(place,
+                          quotedForMessage(text) + " is not an IPv4 or IPv6 multicast address");
          }
          if (std::find(groups.begin(), groups.end(), *a) != groups.end()) {
             return refuse(place, quotedForMessage(text) + " is given twice");

@@ -57,9 +57,9 @@ void Agent::multicastRequestIs(std::string const& program, Konet::IntfId const& 
    Mox::String const name(program);
    groupsOnIntfAre(*e_.ipMulticastGroups, name, intf, v4);
    groupsOnIntfAre(*e_.ip6MulticastGroups, name, intf, v6);
-   Mox::logMessage(Mox::LogSeverity::notice, "VELD-MULTICAST",
-                   program + " wants " + std::to_string(groups.size()) + " multicast groups on " +
-                       intf.name());
+   Mox::logMessage(
+       Mox::LogSeverity::notice, "VELD-MULTICAST",
+       program + " wants " + std::to_string(groups.size()) + " multicast groups on " + intf.name());
 }
 
 // The application goes from both families' directories; the library takes it out of every

@@ -115,8 +115,8 @@ std::string renderInterfaces(Json const& answer) {
    bool anyIpv6 = false;
    for (auto const& i : answer.at("interfaces"))
       anyIpv6 = anyIpv6 || !ipv6(i).empty();
-   std::vector<std::string> header{"Interface", "VRF",    "L3 VRF",      "Device",
-                                   "Namespace", "Link",   "MTU",         "Primary",
+   std::vector<std::string> header{"Interface", "VRF",         "L3 VRF", "Device",
+                                   "Namespace", "Link",        "MTU",    "Primary",
                                    "Source",    "Secondaries", "Kernel"};
    if (anyIpv6) header.push_back("IPv6");
    header.push_back("Settings");

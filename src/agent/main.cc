@@ -162,8 +162,9 @@ int main(int argc, char** argv) {
    auto* showCmd = app.add_subcommand("show", "ask a running agent");
    std::string showVrf;
    showCmd
-       ->add_option("what", what,
-                    "interfaces, vrfs, backlog, config, routing-agents, nexthops, ip6-enable or multicast")
+       ->add_option(
+           "what", what,
+           "interfaces, vrfs, backlog, config, routing-agents, nexthops, ip6-enable or multicast")
        ->required()
        ->check(CLI::IsMember({"interfaces", "vrfs", "backlog", "config", "routing-agents",
                               "nexthops", "ip6-enable", "multicast"}));

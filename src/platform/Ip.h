@@ -12,8 +12,8 @@
 #include "mox/Enum.h"
 #include "mox/HashMap.h"
 #include "mox/Name.h"
-#include "platform/Multicast.h"
 #include "platform/L3.h"
+#include "platform/Multicast.h"
 #include "platform/Urpf.h"
 
 namespace Ip {

@@ -130,7 +130,8 @@ public:
       for (auto const& g : intfStatus.mcaddrIterator().keys()) {
          auto info = *intfStatus.mcaddr(g);
          bool changed = false;
-         for (auto const& app : std::vector(info.applications().begin(), info.applications().end())) {
+         for (auto const& app :
+              std::vector(info.applications().begin(), info.applications().end())) {
             if (in_.groups->application(app)) continue;
             MOX_TRACE(Family::th, 7, "application " << app << " does not exist delete " << g);
             info = info.without(app);

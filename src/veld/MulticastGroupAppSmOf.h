@@ -39,8 +39,8 @@ public:
 
    // The inputs of the application machines and of their directory machine: the
    // applications, and the statuses of ordinary and of local interfaces.
-#define VELD_MULTICAST_GROUP_INPUTS(X)          \
-   X(Mox::Ptr<typename Family::Groups>, groups) \
+#define VELD_MULTICAST_GROUP_INPUTS(X)                   \
+   X(Mox::Ptr<typename Family::Groups>, groups)          \
    X(Mox::Ptr<typename Family::Input>, systemIntfStatus) \
    X(Mox::Ptr<typename Family::Input>, localIntfStatus)
    struct Inputs {
@@ -48,11 +48,13 @@ public:
    };
 #undef VELD_MULTICAST_GROUP_INPUTS
 
-   class MoxApplication : public Mox::Reactor<MulticastGroupAppSmOf,
-                                              typename Application::NotifieeConst> {
+   class MoxApplication
+       : public Mox::Reactor<MulticastGroupAppSmOf, typename Application::NotifieeConst> {
    public:
       using Mox::Reactor<MulticastGroupAppSmOf, typename Application::NotifieeConst>::Reactor;
-      void onMulticastAddr(IntfAddrInfo const& i) override { this->owner()->handleMulticastAddr(i); }
+      void onMulticastAddr(IntfAddrInfo const& i) override {
+         this->owner()->handleMulticastAddr(i);
+      }
    };
 
    MulticastGroupAppSmOf(Mox::String name, Mox::Ptr<Application const> application, Inputs inputs)

@@ -398,7 +398,8 @@ bool Ip6IntfSm::doUpdateKernelAddrIntf(Konet::IntfId const& intf) {
    // 12. Status, and the VRF this machine puts the interface in, for its L3 status.
    doUpdateIp6StatusAddr(intf);
    if (auto status = writeStatus ? ip6IntfStatusOf(intf) : nullptr) {
-      if (in_.updateIp6IntfStatusVrfReq) in_.updateIp6IntfStatusVrfReq->requestIs(intf, in_.vrfName);
+      if (in_.updateIp6IntfStatusVrfReq)
+         in_.updateIp6IntfStatusVrfReq->requestIs(intf, in_.vrfName);
       status->nsRetransmitIntervalIs(config->nsRetransmitInterval());
       MOX_TRACE(th, 7,
                 "Updated ip6::status with ip6::config value of " << config->nsRetransmitInterval());

@@ -33,7 +33,7 @@ namespace Veld {
 
 class L3IntfStatusVrfSm : public Mox::StateMachine {
 public:
-#define VELD_L3_INTF_STATUS_VRF_SM_INPUTS(X)                                     \
+#define VELD_L3_INTF_STATUS_VRF_SM_INPUTS(X)                                       \
    X(Mox::Ptr<L3::UpdateIpIntfStatusVrfRequests const>, updateIpIntfStatusVrfReq)  \
    X(Mox::Ptr<L3::UpdateIpIntfStatusVrfRequests const>, updateIp6IntfStatusVrfReq) \
    X(Mox::Ptr<Ip::Status const>, ipStatus)                                         \

@@ -81,7 +81,8 @@ TEST_F(Ip6IntfSmKernelTest, LinkLocalIsTheModifiedEui64AndGlobalsFollowTheConfig
    auto veld = groups->application(Mcast::veldApplication());
    ASSERT_TRUE(veld);
    EXPECT_TRUE(veld->multicastAddr({e1.id, Konet::Ip6Addr::allNodes()}));
-   EXPECT_TRUE(veld->multicastAddr({e1.id, v6("2001:db8:1::1/64").addr().solicitedNodeMulticast()}));
+   EXPECT_TRUE(
+       veld->multicastAddr({e1.id, v6("2001:db8:1::1/64").addr().solicitedNodeMulticast()}));
 
    // Removing an address removes exactly it; the foreign one stays.
    e1.config->addrDel(v6("2001:db8:1::2/64"));

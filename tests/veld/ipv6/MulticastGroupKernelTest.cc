@@ -76,7 +76,8 @@ TEST_F(MulticastGroupKernelTest, TheAgentsGroupsAreTheGroupsTheKernelJoined) {
    e1.config->addrDel(v6("2001:db8:1::aa:bbcc/64"));
    e1.config->addrDel(v6("2001:db8:2::1/64"));
    settle();
-   EXPECT_TRUE(KonetTest::waitFor([&] { return !kernelGroups(e1.veth.name).count("ff02::1:ffaa:bbcc"); }));
+   EXPECT_TRUE(
+       KonetTest::waitFor([&] { return !kernelGroups(e1.veth.name).count("ff02::1:ffaa:bbcc"); }));
    EXPECT_EQ(statusGroups(e1.id), kernelGroups(e1.veth.name));
    EXPECT_TRUE(statusGroups(e1.id).count("ff02::1:ff00:1"));
 
