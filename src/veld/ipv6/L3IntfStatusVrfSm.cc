@@ -180,12 +180,14 @@ void L3IntfStatusVrfSm::handleV4VrfDelete(Konet::IntfId const& intf) {
 }
 
 void L3IntfStatusVrfSm::handleIpIntfStatus(Konet::IntfId const& intf) {
+   MOX_TRACE_FN(th, " for Intf " << intf);
    if (in_.ipStatus->intf(intf)) return;
    MOX_TRACE(th, 7, intf << " ipIntfStatus deleted.");
    maybeDeleteL3IntfStatus(intf);
 }
 
 void L3IntfStatusVrfSm::handleIp6IntfStatus(Konet::IntfId const& intf) {
+   MOX_TRACE_FN(th, " for Intf " << intf);
    if (in_.ip6Status->intf(intf)) return;
    MOX_TRACE(th, 7, intf << " ip6IntfStatus deleted.");
    deletedIp6IntfStatus_.insert(intf);
