@@ -19,7 +19,10 @@ _veld() {
          [[ $cur == -* ]] || { COMPREPLY=($(compgen -f -- "$cur")); return; }
          words="--help"
          ;;
-      show) words="interfaces vrfs backlog config routing-agents ip6-enable --json --run-dir --help" ;;
+      show)
+         words="interfaces vrfs backlog config routing-agents nexthops ip6-enable multicast"
+         words+=" --vrf --json --run-dir --help"
+         ;;
       switchover) words="--clear --run-dir --help" ;;
    esac
    COMPREPLY=($(compgen -W "$words" -- "$cur"))

@@ -232,6 +232,22 @@ void Agent::buildLibrary() {
    root_->ip6IntfStatusSmIs(e_.ip6InputStatus, e_.ip6Config, e_.ip6Status);
    root_->l3IntfStatusSmIs(e_.l3InputStatus, e_.l3Status);
    root_->ip6EnableSmIs(e_.ip6EnableDir, e_.ip6Enable);
+   root_->multicastGroupAppDirSmIs({.groups = e_.ip6MulticastGroups,
+                                    .systemIntfStatus = e_.systemIp6Status,
+                                    .localIntfStatus = e_.localIp6Status});
+   root_->multicastIpGroupAppDirSmIs({.groups = e_.ipMulticastGroups,
+                                      .systemIntfStatus = e_.systemIpStatus,
+                                      .localIntfStatus = e_.localIpStatus});
+   root_->l3IntfStatusVrfSmIs({.updateIpIntfStatusVrfReq = e_.updateIpVrfRequests,
+                               .updateIp6IntfStatusVrfReq = e_.updateIp6VrfRequests,
+                               .ipStatus = e_.ipStatus,
+                               .ip6Status = e_.ip6Status,
+                               .clock = e_.clock,
+                               .systemL3IntfStatus = e_.systemL3Status,
+                               .localL3IntfStatus = e_.localL3Status,
+                               .updateIpIntfStatusReq = e_.updateIpRequests,
+                               .updateIp6IntfStatusReq = e_.updateIp6Requests},
+                              false);
    root_->loopbackIntfSmIs({.loopbackIntfConfigDir = e_.loopbackConfig,
                             .allIntfNamespaceConfigDir = e_.intfNamespaceConfig,
                             .loopbackIntfStatusDir = e_.loopbackStatus,

@@ -98,6 +98,8 @@ public:
    nlohmann::json showNexthops(std::string const& vrf) const;
    // The programs' requests for IPv6 on interfaces and what the library made of them.
    nlohmann::json showIp6Enable() const;
+   // Each interface's multicast groups, with the applications that use each.
+   nlohmann::json showMulticast() const;
    // The answer to a show request.
    nlohmann::json show(ControlRequest const& request) const;
    // Answers one control-socket request line with a JSON document.
@@ -107,6 +109,11 @@ public:
    void ip6EnableRequestIs(std::string const& program,
                            std::vector<Konet::IntfId> const& interfaces);
    bool ip6EnableRequestDel(std::string const& program);
+   // A program's multicast groups on one interface (replacing its earlier groups there), and
+   // its withdrawal from every group (false when it has declared none).
+   void multicastRequestIs(std::string const& program, Konet::IntfId const& intf,
+                           std::vector<Konet::IpGenAddr> const& groups);
+   bool multicastRequestDel(std::string const& program);
    // The programs' requests, recorded in the run directory at each change
    // (ip6-enable.json) and taken up again by the next start.
    static std::string ip6EnableRequestsPath(std::string const& runDir) {

@@ -217,6 +217,8 @@ Json Agent::showInterfaces() const {
       auto ip6 = e_.ip6Status->intf(id);
       j["ipv6"] = ip6 ? ip6StatusJson(*ip6) : Json(nullptr);
       j["ipv6EnableRequested"] = e_.ip6Enable->enable(id);
+      auto l3 = e_.l3Status->intfStatus(id);
+      j["l3Vrf"] = l3 ? Json(l3->vrf().name()) : Json(nullptr);
       list.push_back(j);
    }
    return Json{{"interfaces", list}};
@@ -368,6 +370,8 @@ Json Agent::show(ControlRequest const& r) const {
          return showNexthops(r.vrf);
       case ShowWhat::ip6Enable:
          return showIp6Enable();
+      case ShowWhat::multicast:
+         return showMulticast();
    }
    return Json{};
 }
@@ -410,6 +414,17 @@ std::string Agent::handleRequest(std::string const& line) {
                    ? showIp6Enable()
                    : refused("/ip6-enable-withdraw",
                              "no request of " + quotedForMessage(r.program) + " to withdraw");
+         break;
+      case RequestKind::multicast:
+         multicastRequestIs(r.program, r.interfaces.at(0), r.groups);
+         out = showMulticast();
+         break;
+      case RequestKind::multicastWithdraw:
+         out =
+             multicastRequestDel(r.program)
+                 ? showMulticast()
+                 : refused("/multicast-withdraw", "no multicast groups of " +
+                                                      quotedForMessage(r.program) + " to withdraw");
          break;
    }
    return dumpJson(out, 1) + "\n";

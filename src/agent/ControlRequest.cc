@@ -11,7 +11,7 @@ namespace {
 
 using Json = nlohmann::json;
 
-constexpr std::array<std::pair<ShowWhat, char const*>, 7> kShowNames{{
+constexpr std::array<std::pair<ShowWhat, char const*>, 8> kShowNames{{
     {ShowWhat::interfaces, "interfaces"},
     {ShowWhat::vrfs, "vrfs"},
     {ShowWhat::backlog, "backlog"},
@@ -19,15 +19,18 @@ constexpr std::array<std::pair<ShowWhat, char const*>, 7> kShowNames{{
     {ShowWhat::routingAgents, "routing-agents"},
     {ShowWhat::nexthops, "nexthops"},
     {ShowWhat::ip6Enable, "ip6-enable"},
+    {ShowWhat::multicast, "multicast"},
 }};
 
-constexpr std::array<std::pair<RequestKind, char const*>, 6> kRequestNames{{
+constexpr std::array<std::pair<RequestKind, char const*>, 8> kRequestNames{{
     {RequestKind::show, "show"},
     {RequestKind::switchover, "switchover"},
     {RequestKind::nexthops, "nexthops"},
     {RequestKind::subscribe, "subscribe"},
     {RequestKind::ip6Enable, "ip6-enable"},
     {RequestKind::ip6EnableWithdraw, "ip6-enable-withdraw"},
+    {RequestKind::multicast, "multicast"},
+    {RequestKind::multicastWithdraw, "multicast-withdraw"},
 }};
 
 template <class Table>
@@ -191,6 +194,61 @@ public:
       return true;
    }
 
+   // {"multicast": {"name": ..., "interface": ..., "groups": [...]}}
+   bool multicast(Json const& value, ControlRequest* r) {
+      std::string const at = "/multicast";
+      if (!value.is_object()) {
+         return refuse(at,
+                       "a multicast request is an object with \"name\", \"interface\" and "
+                       "\"groups\", not " +
+                           typeOf(value));
+      }
+      for (auto it = value.begin(); it != value.end(); ++it) {
+         if (it.key() != "name" && it.key() != "interface" && it.key() != "groups") {
+            return refuse(placeOf(at, it.key()), "unknown member " + quotedForMessage(it.key()) +
+                                                     " (known: name, interface, groups)");
+         }
+      }
+      for (char const* needed : {"name", "interface", "groups"}) {
+         if (!value.contains(needed))
+            return refuse(at, std::string("a multicast request needs \"") + needed + "\"");
+      }
+      std::string name;
+      if (!programNameAt(value.at("name"), at + "/name", &name)) return false;
+      if (name == "veld") {
+         return refuse(at + "/name", "\"veld\" is the agent's own application");
+      }
+      auto const& intfText = value.at("interface");
+      if (!intfText.is_string()) {
+         return refuse(at + "/interface", "an interface is a string, not " + typeOf(intfText));
+      }
+      std::string why;
+      auto intf = Konet::IntfId::parse(intfText.get_ref<std::string const&>(), &why);
+      if (!intf) return refuse(at + "/interface", why);
+      auto const& list = value.at("groups");
+      if (!list.is_array()) {
+         return refuse(at + "/groups", "a list of multicast groups, not " + typeOf(list));
+      }
+      std::vector<Konet::IpGenAddr> groups;
+      for (size_t i = 0; i < list.size(); ++i) {
+         std::string place = at + "/groups/" + std::to_string(i);
+         auto const& v = list[i];
+         if (!v.is_string()) return refuse(place, "a group is an address, not " + typeOf(v));
+         auto const& text = v.get_ref<std::string const&>();
+         auto a = Konet::IpGenAddr::parse(text);
+         if (!a || !a->isMulticast()) {
+            return refuse(place,
+                          quotedForMessage(text) + " is not an IPv4 or IPv6 multicast address");
+         }
+         if (std::find(groups.begin(), groups.end(), *a) != groups.end()) {
+            return refuse(place, quotedForMessage(text) + " is given twice");
+         }
+         groups.push_back(*a);
+      }
+      *r = ControlRequest::multicast(std::move(name), std::move(*intf), std::move(groups));
+      return true;
+   }
+
    bool programNameAt(Json const& v, std::string const& place, std::string* out) {
       std::string why;
       auto name = programName(v, &why);
@@ -266,6 +324,11 @@ ParsedRequest parseControlRequest(std::string_view line) {
       r.kind = RequestKind::ip6EnableWithdraw;
       return done(read.programNameAt(value, at, &r.program));
    }
+   if (key == "multicast") return done(read.multicast(value, &r));
+   if (key == "multicast-withdraw") {
+      r.kind = RequestKind::multicastWithdraw;
+      return done(read.programNameAt(value, at, &r.program));
+   }
    read.refuse(
        at, "unknown request " + quotedForMessage(key) + " (known: " + namesOf(kRequestNames) + ")");
    return out;
@@ -292,6 +355,16 @@ std::string controlRequestText(ControlRequest const& request) {
       }
       case RequestKind::ip6EnableWithdraw:
          return dumpJson(Json{{"ip6-enable-withdraw", request.program}});
+      case RequestKind::multicast: {
+         Json groups = Json::array();
+         for (auto const& g : request.groups)
+            groups.push_back(g.toString());
+         auto intf = request.interfaces.empty() ? std::string() : request.interfaces[0].name();
+         return dumpJson(Json{
+             {"multicast", {{"name", request.program}, {"interface", intf}, {"groups", groups}}}});
+      }
+      case RequestKind::multicastWithdraw:
+         return dumpJson(Json{{"multicast-withdraw", request.program}});
       case RequestKind::show:
          break;
    }

@@ -13,6 +13,11 @@
 //                              earlier request ([] asks for none)
 //    {"ip6-enable-withdraw": "dhcp6-relay"}
 //                              the program's request is taken back
+//    {"multicast": {"name": "mld-snoop", "interface": "Ethernet1", "groups": ["ff02::fb"]}}
+//                              a program's multicast groups on one interface (IPv4 or IPv6),
+//                              replacing its earlier groups there ([] leaves them all)
+//    {"multicast-withdraw": "mld-snoop"}
+//                              the program leaves every group on every interface
 #pragma once
 
 #include <optional>
@@ -32,8 +37,26 @@ inline constexpr size_t kMaxRequestBytes = 4096;
 // A program's name in its requests: 1 to 64 letters, digits and "_-.".
 inline constexpr size_t kMaxProgramNameBytes = 64;
 
-enum class ShowWhat { interfaces, vrfs, backlog, config, routingAgents, nexthops, ip6Enable };
-enum class RequestKind { show, switchover, nexthops, subscribe, ip6Enable, ip6EnableWithdraw };
+enum class ShowWhat {
+   interfaces,
+   vrfs,
+   backlog,
+   config,
+   routingAgents,
+   nexthops,
+   ip6Enable,
+   multicast
+};
+enum class RequestKind {
+   show,
+   switchover,
+   nexthops,
+   subscribe,
+   ip6Enable,
+   ip6EnableWithdraw,
+   multicast,
+   multicastWithdraw
+};
 
 struct ControlRequest {
    ControlRequest(ShowWhat what = ShowWhat::interfaces) : show(what) {}
@@ -57,6 +80,22 @@ struct ControlRequest {
       return r;
    }
 
+   static ControlRequest multicast(std::string program, Konet::IntfId intf,
+                                   std::vector<Konet::IpGenAddr> groups) {
+      ControlRequest r;
+      r.kind = RequestKind::multicast;
+      r.program = std::move(program);
+      r.interfaces = {std::move(intf)};
+      r.groups = std::move(groups);
+      return r;
+   }
+   static ControlRequest multicastWithdraw(std::string program) {
+      ControlRequest r;
+      r.kind = RequestKind::multicastWithdraw;
+      r.program = std::move(program);
+      return r;
+   }
+
    RequestKind kind = RequestKind::show;
    ShowWhat show = ShowWhat::interfaces;    // of a show request
    std::string vrf;                         // show nexthops of one VRF; of a nexthops request
@@ -64,7 +103,9 @@ struct ControlRequest {
                                             // of an IPv6 enable request or its withdrawal
    bool switchover = false;                 // of a switchover request
    std::vector<Konet::IpGenAddr> nexthops;  // of a nexthops request, each once
-   std::vector<Konet::IntfId> interfaces;   // of an IPv6 enable request, each once
+   std::vector<Konet::IntfId> interfaces;   // of an IPv6 enable request, each once; the
+                                            // one interface of a multicast request
+   std::vector<Konet::IpGenAddr> groups;    // of a multicast request, each once
    friend bool operator==(ControlRequest const&, ControlRequest const&) = default;
 };
 

@@ -40,6 +40,7 @@ Entities::Entities()
       ip6InputStatus(make<Ip6::Ip6InputStatusDir>()),
       ip6Status(make<Ip6::Status>()),
       ip6MulticastGroups(make<Ip6::MulticastGroupsForApplications>()),
+      ipMulticastGroups(make<Ip::MulticastGroupsForApplications>()),
       updateIpVrfRequests(make<L3::UpdateIpIntfStatusVrfRequests>()),
       updateIp6VrfRequests(make<L3::UpdateIpIntfStatusVrfRequests>()),
       updateIpRequests(make<L3::UpdateIpIntfStatusRequests>()),
@@ -89,6 +90,8 @@ Entities::Entities()
    l.entityIs("vrf/routingAgents/status", ribStatusDir);
    l.entityIs("ip6/enable/input", ip6EnableDir);
    l.entityIs("ip6/enable/status", ip6Enable);
+   l.entityIs("ip/multicast/input", ipMulticastGroups);
+   l.entityIs("ip6/multicast/input", ip6MulticastGroups);
 }
 
 }  // namespace VeldAgent

@@ -79,7 +79,10 @@ struct Entities {
    Mox::Ptr<Ip6::Input::Status> systemIp6Status;  // inputs of ip6InputStatus
    Mox::Ptr<Ip6::Input::Status> localIp6Status;
    Mox::Ptr<Ip6::Status> ip6Status;
+   // The multicast groups each application wants joined (the agent's own "veld", and the
+   // programs' that ask through the control socket), per family.
    Mox::Ptr<Ip6::MulticastGroupsForApplications> ip6MulticastGroups;
+   Mox::Ptr<Ip::MulticastGroupsForApplications> ipMulticastGroups;
    Mox::Ptr<L3::UpdateIpIntfStatusVrfRequests> updateIpVrfRequests;
    Mox::Ptr<L3::UpdateIpIntfStatusVrfRequests> updateIp6VrfRequests;
    Mox::Ptr<L3::UpdateIpIntfStatusRequests> updateIpRequests;

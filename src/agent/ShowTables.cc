@@ -115,8 +115,9 @@ std::string renderInterfaces(Json const& answer) {
    bool anyIpv6 = false;
    for (auto const& i : answer.at("interfaces"))
       anyIpv6 = anyIpv6 || !ipv6(i).empty();
-   std::vector<std::string> header{"Interface", "VRF",     "Device", "Namespace",   "Link",
-                                   "MTU",       "Primary", "Source", "Secondaries", "Kernel"};
+   std::vector<std::string> header{"Interface", "VRF",         "L3 VRF", "Device",
+                                   "Namespace", "Link",        "MTU",    "Primary",
+                                   "Source",    "Secondaries", "Kernel"};
    if (anyIpv6) header.push_back("IPv6");
    header.push_back("Settings");
    Table t(header);
@@ -169,8 +170,11 @@ std::string renderInterfaces(Json const& answer) {
       } else {
          kernel = "holds " + join(i.at("kernel"), ",");
       }
+      // The L3 status's VRF: where the rest of the system sees the interface.
+      auto const l3Vrf = i.value("l3Vrf", Json());
       std::vector<std::string> row{i.at("interface").get<std::string>(),
                                    i.at("vrf").get<std::string>(),
+                                   l3Vrf.is_string() ? l3Vrf.get<std::string>() : "-",
                                    i.at("device").get<std::string>(),
                                    orDash(i.at("namespace").get<std::string>()),
                                    i.at("operUp").get<bool>() ? "up" : "down",
@@ -267,6 +271,15 @@ std::string renderIp6Enable(Json const& answer) {
    return t.render() + "\nIPv6 enabled on: " + orDash(join(answer.at("enabled"))) + "\n";
 }
 
+std::string renderMulticast(Json const& answer) {
+   Table t({"Interface", "Group", "Applications"});
+   for (auto const& g : answer.at("groups")) {
+      t.row({g.at("interface").get<std::string>(), g.at("group").get<std::string>(),
+             join(g.at("applications"), ", ")});
+   }
+   return t.render();
+}
+
 std::string renderAnswer(ShowWhat what, Json const& answer) {
    try {
       switch (what) {
@@ -284,6 +297,8 @@ std::string renderAnswer(ShowWhat what, Json const& answer) {
             return renderNexthops(answer);
          case ShowWhat::ip6Enable:
             return renderIp6Enable(answer);
+         case ShowWhat::multicast:
+            return renderMulticast(answer);
       }
    } catch (Json::exception const&) {
    }

@@ -34,6 +34,7 @@ std::string renderBacklog(nlohmann::json const& answer);
 std::string renderConfig(nlohmann::json const& answer);
 std::string renderRoutingAgents(nlohmann::json const& answer);
 std::string renderIp6Enable(nlohmann::json const& answer);
+std::string renderMulticast(nlohmann::json const& answer);
 // The table of an answer to `show`; "" when the answer does not have the expected shape
 // (an agent of another version), never an exception.
 std::string renderAnswer(ShowWhat what, nlohmann::json const& answer);

@@ -162,11 +162,12 @@ int main(int argc, char** argv) {
    auto* showCmd = app.add_subcommand("show", "ask a running agent");
    std::string showVrf;
    showCmd
-       ->add_option("what", what,
-                    "interfaces, vrfs, backlog, config, routing-agents, nexthops or ip6-enable")
+       ->add_option(
+           "what", what,
+           "interfaces, vrfs, backlog, config, routing-agents, nexthops, ip6-enable or multicast")
        ->required()
        ->check(CLI::IsMember({"interfaces", "vrfs", "backlog", "config", "routing-agents",
-                              "nexthops", "ip6-enable"}));
+                              "nexthops", "ip6-enable", "multicast"}));
    showCmd->add_option("--vrf", showVrf, "nexthops: of this VRF only");
    showCmd->add_flag("--json", json, "print the agent's JSON answer");
    showCmd->add_option("--run-dir", runDir, "the running agent's run directory")

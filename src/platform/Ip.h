@@ -13,6 +13,7 @@
 #include "mox/HashMap.h"
 #include "mox/Name.h"
 #include "platform/L3.h"
+#include "platform/Multicast.h"
 #include "platform/Urpf.h"
 
 namespace Ip {
@@ -247,7 +248,9 @@ public:
       virtual void onVrf() {}
       virtual void onDpRoutingEnabled() {}
       virtual void onUrpf() {}
+      virtual void onMcaddr(Konet::IpAddr const&) {}
    };
+   using Mcaddrs = Mox::HashMap<Konet::IpAddr, Mcast::MulticastGroupInfo>;
 
    explicit IpIntfStatus(Konet::IntfId intf) : intf_(std::move(intf)) {}
    Konet::IntfId const& intf() const { return intf_; }
@@ -312,9 +315,17 @@ public:
    // The uRPF check in effect.
    Urpf::UrpfConfig urpf() const { return urpf_; }
    void urpfIs(Urpf::UrpfConfig v) { setAttr(urpf_, v, &NotifieeConst::onUrpf); }
+   // The multicast groups joined on the interface, each with the applications using it.
+   Mcast::MulticastGroupInfo const* mcaddr(Konet::IpAddr const& g) const { return mcaddr_.find(g); }
+   void mcaddrIs(Konet::IpAddr const& g, Mcast::MulticastGroupInfo const& info) {
+      setMember(mcaddr_, g, info, &NotifieeConst::onMcaddr);
+   }
+   void mcaddrDel(Konet::IpAddr const& g) { delMember(mcaddr_, g, &NotifieeConst::onMcaddr); }
+   Mcaddrs const& mcaddrIterator() const { return mcaddr_; }
 
 private:
    Konet::IntfId const intf_;
+   Mcaddrs mcaddr_;
    Konet::IpAddrWithMask addrWithMask_;
    AddrSet activeSecondaryWithMask_;
    Konet::IpAddrWithMask virtualAddrWithMask_;
@@ -464,6 +475,13 @@ private:
    Vrfs vrf_;
    bool urpfConfiguredOnAnyIntf_ = false;
 };
+
+// Multicast group membership (Multicast.h): the groups each application wants joined, by
+// application name, and the applications using each group of an interface's status.
+using IntfAddrInfo = Mcast::IntfAddrInfoOf<Konet::IpAddr>;
+using MulticastGroupInfo = Mcast::MulticastGroupInfo;
+using MulticastApplication = Mcast::MulticastApplicationOf<Konet::IpAddr>;
+using MulticastGroupsForApplications = Mcast::MulticastGroupsForApplicationsOf<Konet::IpAddr>;
 
 // ---- VRF status
 

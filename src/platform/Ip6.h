@@ -11,6 +11,7 @@
 #include "mox/Name.h"
 #include "platform/Ip.h"
 #include "platform/L3.h"
+#include "platform/Multicast.h"
 #include "platform/Urpf.h"
 
 namespace Ip6 {
@@ -172,7 +173,9 @@ public:
       virtual void onUrpf() {}
       virtual void onDpRoutingEnabled() {}
       virtual void onVrf() {}
+      virtual void onMcaddr(Konet::Ip6Addr const&) {}
    };
+   using Mcaddrs = Mox::HashMap<Konet::Ip6Addr, Mcast::MulticastGroupInfo>;
    explicit IntfStatus(Konet::IntfId intf) : intf_(std::move(intf)) {}
    Konet::IntfId const& intf() const { return intf_; }
    // The addresses the kernel holds on the interface, link-local ones included.
@@ -208,6 +211,15 @@ public:
    }
    L3::VrfName const& vrf() const { return vrf_; }
    void vrfIs(L3::VrfName const& v) { setAttr(vrf_, v, &NotifieeConst::onVrf); }
+   // The multicast groups joined on the interface, each with the applications using it.
+   Mcast::MulticastGroupInfo const* mcaddr(Konet::Ip6Addr const& g) const {
+      return mcaddr_.find(g);
+   }
+   void mcaddrIs(Konet::Ip6Addr const& g, Mcast::MulticastGroupInfo const& info) {
+      setMember(mcaddr_, g, info, &NotifieeConst::onMcaddr);
+   }
+   void mcaddrDel(Konet::Ip6Addr const& g) { delMember(mcaddr_, g, &NotifieeConst::onMcaddr); }
+   Mcaddrs const& mcaddrIterator() const { return mcaddr_; }
 
 private:
    Konet::IntfId const intf_;
@@ -215,6 +227,7 @@ private:
    AddrSet dadFailed_;
    Urpf::UrpfConfig urpf_;
    bool dpRoutingEnabled_ = false;
+   Mcaddrs mcaddr_;
    AcceptDadMode acceptDad_ = AcceptDadMode::dadDefault;
    Ip::TristateBool enhancedDad_ = Ip::TristateBool::isUnset;
    uint32_t nsRetransmitInterval_ = 0;
@@ -262,37 +275,12 @@ private:
 
 }  // namespace Input
 
-// The multicast groups each interface has joined for the applications.
-class MulticastGroupsForApplications : public Mox::Entity {
-public:
-   class NotifieeConst : public Mox::EntityNotifiee<MulticastGroupsForApplications> {
-   public:
-      virtual void onGroup(Konet::IntfId const&) {}
-   };
-   using Groups = Mox::HashSet<Konet::Ip6Addr>;
-   bool group(Konet::IntfId const& intf, Konet::Ip6Addr const& g) const {
-      auto const* s = groups_.find(intf);
-      return s && s->contains(g);
-   }
-   void groupIs(Konet::IntfId const& intf, Konet::Ip6Addr const& g) {
-      auto [s, fresh] = groups_.emplace(intf);
-      (void)fresh;
-      if (s->insert(g)) notify(&NotifieeConst::onGroup, intf);
-   }
-   void groupDel(Konet::IntfId const& intf, Konet::Ip6Addr const& g) {
-      auto* s = groups_.find(intf);
-      if (!s || !s->erase(g)) return;
-      if (s->empty()) groups_.erase(intf);
-      notify(&NotifieeConst::onGroup, intf);
-   }
-   void groupDelAll(Konet::IntfId const& intf) {
-      if (groups_.erase(intf)) notify(&NotifieeConst::onGroup, intf);
-   }
-   Groups const* groups(Konet::IntfId const& intf) const { return groups_.find(intf); }
-
-private:
-   Mox::HashMap<Konet::IntfId, Groups> groups_;
-};
+// Multicast group membership (Multicast.h): the groups each application wants joined, by
+// application name, and the applications using each group of an interface's status.
+using IntfAddrInfo = Mcast::IntfAddrInfoOf<Konet::Ip6Addr>;
+using MulticastGroupInfo = Mcast::MulticastGroupInfo;
+using MulticastApplication = Mcast::MulticastApplicationOf<Konet::Ip6Addr>;
+using MulticastGroupsForApplications = Mcast::MulticastGroupsForApplicationsOf<Konet::Ip6Addr>;
 
 // The IPv6 status inputs of every producer, by name.
 class Ip6InputStatusDir : public Mox::Entity {

@@ -130,29 +130,33 @@ private:
 
 }  // namespace Intf
 
-// Requests to refresh the L3 status of interfaces: interface to a request number that
-// grows with each request.
-template <int Kind>
+// Requests about the L3 status of interfaces, one per interface. A family's machine posts
+// the VRF it puts an interface in (UpdateIpIntfStatusVrfRequests, one collection per family);
+// a refresh request asks a family's machine to recompute the interface's status
+// (UpdateIpIntfStatusRequests: a number that grows with each request).
+template <class Value>
 class UpdateRequestsOf : public Mox::Entity {
 public:
    class NotifieeConst : public Mox::EntityNotifiee<UpdateRequestsOf> {
    public:
       virtual void onRequest(Konet::IntfId const&) {}
    };
-   uint32_t request(Konet::IntfId const& id) const { return Mox::valueOr(request_, id); }
-   void requestIs(Konet::IntfId const& id, uint32_t seq) {
-      this->setMember(request_, id, seq, &NotifieeConst::onRequest);
+   using Requests = Mox::HashMap<Konet::IntfId, Value>;
+   Value request(Konet::IntfId const& id) const { return Mox::valueOr(request_, id); }
+   bool requestHas(Konet::IntfId const& id) const { return request_.contains(id); }
+   void requestIs(Konet::IntfId const& id, Value const& v) {
+      this->setMember(request_, id, v, &NotifieeConst::onRequest);
    }
    void requestDel(Konet::IntfId const& id) {
       this->delMember(request_, id, &NotifieeConst::onRequest);
    }
-   Mox::HashMap<Konet::IntfId, uint32_t> const& requestIterator() const { return request_; }
+   Requests const& requestIterator() const { return request_; }
 
 private:
-   Mox::HashMap<Konet::IntfId, uint32_t> request_;
+   Requests request_;
 };
-using UpdateIpIntfStatusVrfRequests = UpdateRequestsOf<0>;
-using UpdateIpIntfStatusRequests = UpdateRequestsOf<1>;
+using UpdateIpIntfStatusVrfRequests = UpdateRequestsOf<VrfName>;
+using UpdateIpIntfStatusRequests = UpdateRequestsOf<uint32_t>;
 
 // The global L3 configuration (held by the VRF machines only).
 class Config : public Mox::Entity {};

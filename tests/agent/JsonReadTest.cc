@@ -90,8 +90,9 @@ TEST_F(DocumentFile, OnlyARegularFileOfAcceptedSizeIsRead) {
 }
 
 TEST(ControlRequest, ReadsEachShowAndRefusesTheRestWithItsPlace) {
-   for (auto what : {ShowWhat::interfaces, ShowWhat::vrfs, ShowWhat::backlog, ShowWhat::config,
-                     ShowWhat::routingAgents, ShowWhat::nexthops, ShowWhat::ip6Enable}) {
+   for (auto what :
+        {ShowWhat::interfaces, ShowWhat::vrfs, ShowWhat::backlog, ShowWhat::config,
+         ShowWhat::routingAgents, ShowWhat::nexthops, ShowWhat::ip6Enable, ShowWhat::multicast}) {
       auto text = controlRequestText(ControlRequest(what));
       auto parsed = parseControlRequest(text);
       ASSERT_TRUE(parsed.request) << text;
@@ -113,13 +114,13 @@ TEST(ControlRequest, ReadsEachShowAndRefusesTheRestWithItsPlace) {
    };
    EXPECT_EQ(refused(R"({"show": "routes"})"),
              R"(/show: shows one of interfaces, vrfs, backlog, config, routing-agents, nexthops, )"
-             R"(ip6-enable; not "routes")");
+             R"(ip6-enable, multicast; not "routes")");
    EXPECT_EQ(refused(R"({"show": 1})"),
              "/show: shows one of interfaces, vrfs, backlog, config, "
-             "routing-agents, nexthops, ip6-enable; not a number");
+             "routing-agents, nexthops, ip6-enable, multicast; not a number");
    EXPECT_EQ(refused(R"({"shout": "vrfs"})"),
              R"(/shout: unknown request "shout" (known: show, switchover, nexthops, subscribe, )"
-             R"(ip6-enable, ip6-enable-withdraw))");
+             R"(ip6-enable, ip6-enable-withdraw, multicast, multicast-withdraw))");
    EXPECT_EQ(refused(R"({"switchover": "yes"})"), "/switchover: is true or false, not a string");
    EXPECT_EQ(refused(R"({"show": "vrfs", "x": 1})"), R"(/x: unknown member "x")");
    EXPECT_EQ(refused(R"({"switchover": true, "x": 1})").substr(0, 40),
@@ -220,3 +221,53 @@ TEST(ControlRequest, ReadsIpv6EnableRequestsAndRefusesMalformedOnesWithTheirPlac
 }
 
 }  // namespace
+
+// A program's multicast groups on one interface and its withdrawal: read back from their own
+// text, and every malformed one refused at its place.
+TEST(ControlRequest, ReadsMulticastRequestsAndRefusesMalformedOnesWithTheirPlace) {
+   for (
+       auto const* line :
+       {R"({"multicast": {"name": "mld-snoop", "interface": "Ethernet1", "groups": ["ff02::fb", "224.0.0.251"]}})",
+        R"({"multicast": {"name": "mld-snoop", "interface": "Ethernet1", "groups": []}})",
+        R"({"multicast-withdraw": "mld-snoop"})"}) {
+      auto parsed = parseControlRequest(line);
+      ASSERT_TRUE(parsed.request) << line;
+      auto again = parseControlRequest(controlRequestText(*parsed.request));
+      ASSERT_TRUE(again.request) << line;
+      EXPECT_EQ(*again.request, *parsed.request) << line;
+   }
+   auto parsed = parseControlRequest(
+       R"({"multicast": {"name": "m", "interface": "Ethernet1", "groups": ["FF02::FB"]}})");
+   ASSERT_TRUE(parsed.request);
+   EXPECT_EQ(*parsed.request, ControlRequest::multicast("m", Konet::IntfId("Ethernet1"),
+                                                        {*Konet::IpGenAddr::parse("ff02::fb")}));
+
+   auto refused = [](std::string_view line) {
+      auto p = parseControlRequest(line);
+      EXPECT_FALSE(p.request) << line;
+      return p.errors.empty() ? std::string("accepted") : p.errors.front().toString();
+   };
+   EXPECT_EQ(refused(R"({"multicast": "ff02::fb"})"),
+             R"(/multicast: a multicast request is an object with "name", "interface" and )"
+             R"("groups", not a string)");
+   EXPECT_EQ(refused(R"({"multicast": {"name": "m", "groups": []}})"),
+             R"(/multicast: a multicast request needs "interface")");
+   EXPECT_EQ(
+       refused(R"({"multicast": {"name": "m", "interface": "Ethernet1", "groups": [], "x": 1}})"),
+       R"(/multicast/x: unknown member "x" (known: name, interface, groups))");
+   EXPECT_EQ(refused(R"({"multicast": {"name": "veld", "interface": "Ethernet1", "groups": []}})"),
+             R"(/multicast/name: "veld" is the agent's own application)");
+   EXPECT_EQ(refused(R"({"multicast": {"name": "m", "interface": "9x", "groups": []}})"),
+             "/multicast/interface: '9x' is not an interface name: it must begin with a letter");
+   EXPECT_EQ(
+       refused(R"({"multicast": {"name": "m", "interface": "Ethernet1", "groups": "ff02::fb"}})"),
+       "/multicast/groups: a list of multicast groups, not a string");
+   EXPECT_EQ(
+       refused(
+           R"({"multicast": {"name": "m", "interface": "Ethernet1", "groups": ["ff02::fb", "10.0.0.1"]}})"),
+       R"(/multicast/groups/1: "10.0.0.1" is not an IPv4 or IPv6 multicast address)");
+   EXPECT_EQ(
+       refused(
+           R"({"multicast": {"name": "m", "interface": "Ethernet1", "groups": ["ff02::fb", "ff02::fb"]}})"),
+       R"(/multicast/groups/1: "ff02::fb" is given twice)");
+}

@@ -141,3 +141,14 @@ TEST(ShowTables, Ipv6EnableListsEachProgramsRequestAndTheMerge) {
    EXPECT_NE(text.find("IPv6 enabled on: Ethernet1 Ethernet2"), std::string::npos) << text;
    EXPECT_EQ(renderAnswer(ShowWhat::ip6Enable, Json{{"requests", 1}}), "");
 }
+
+TEST(ShowTables, MulticastListsEachGroupOfEachInterfaceWithItsApplications) {
+   auto text = renderMulticast(Json{
+       {"groups",
+        {{{"interface", "Ethernet1"}, {"group", "ff02::1"}, {"applications", {"mld", "veld"}}},
+         {{"interface", "Ethernet10"}, {"group", "224.0.0.251"}, {"applications", {"mdns"}}}}}});
+   EXPECT_NE(text.find("Interface   Group        Applications"), std::string::npos) << text;
+   EXPECT_NE(text.find("Ethernet1   ff02::1      mld, veld"), std::string::npos) << text;
+   EXPECT_NE(text.find("Ethernet10  224.0.0.251  mdns"), std::string::npos) << text;
+   EXPECT_EQ(renderAnswer(ShowWhat::multicast, Json{{"groups", 1}}), "");
+}

@@ -101,7 +101,6 @@ public:
    Mox::Ptr<MoxHardwareStatus> hardwareStatus;
    Mox::Ptr<MoxIpConfig> ipConfig;
    Mox::Ptr<MoxVirtualMac> virtualMac;
-   Mox::Ptr<MoxUpdateRequests<L3::UpdateIpIntfStatusVrfRequests>> updateVrfRequests;
    Mox::Ptr<MoxUpdateRequests<L3::UpdateIpIntfStatusRequests>> updateRequests;
    Mox::Ptr<MoxTimerWheel> backlogTimer;
 };
@@ -128,9 +127,6 @@ IpIntfSm::IpIntfSm(Inputs inputs, bool standbyMode)
    r.hardwareStatus = Reactors::on<Reactors::MoxHardwareStatus>(this, in_.routingHardwareStatus);
    r.ipConfig = Reactors::on<Reactors::MoxIpConfig>(this, in_.ipConfig);
    r.virtualMac = Reactors::on<Reactors::MoxVirtualMac>(this, in_.proxyArpVirtualMac);
-   r.updateVrfRequests =
-       Reactors::on<Reactors::MoxUpdateRequests<L3::UpdateIpIntfStatusVrfRequests>>(
-           this, in_.updateIpIntfStatusVrfReq);
    r.updateRequests = Reactors::on<Reactors::MoxUpdateRequests<L3::UpdateIpIntfStatusRequests>>(
        this, in_.updateIpIntfStatusReq);
    handleInitialized();
@@ -245,13 +241,14 @@ void IpIntfSm::handleIntfStatusForDeletedIntfConfig(Konet::IntfId const& intf) {
       MOX_TRACE(th, 5, "Standby Veld skipping larder update for " << intf);
       return;
    }
-   // The status directories are shared by the VRFs: only this VRF's entries are ours.
+   // The status directories are shared by the VRFs: only this VRF's entries are ours. The
+   // L3 status is L3IntfStatusVrfSm's: it goes with the last family's status.
    if (ipIntfStatusOf(intf)) {
       ipStatusFor(intf)->ipIntfStatusDel(intf);
    }
-   auto const& l3 = l3StatusFor(intf);
-   if (auto s = l3 ? l3->intfStatus(intf) : nullptr; s && s->vrf() == in_.vrfName) {
-      l3->intfStatusDel(intf);
+   auto const& vrfReq = in_.updateIpIntfStatusVrfReq;
+   if (vrfReq && vrfReq->requestHas(intf) && vrfReq->request(intf) == in_.vrfName) {
+      vrfReq->requestDel(intf);
    }
 }
 
@@ -294,6 +291,8 @@ void IpIntfSm::intfStatusEnsure(Konet::IntfId const& intf,
    MOX_TRACE(th, 5, " Creating ipIntfStatus for " << intf);
    addL3IntfStatus(intf, configVrf(config));
    addIpIntfStatus(intf, config);
+   // The L3 status moves to this VRF once the IPv6 side agrees (L3IntfStatusVrfSm).
+   if (in_.updateIpIntfStatusVrfReq) in_.updateIpIntfStatusVrfReq->requestIs(intf, in_.vrfName);
    // Addresses the kernel already holds (after a restart) are in the status from the start,
    // so that whoever follows it (a borrower of this interface's address) sees no gap.
    doUpdateIpStatusAddr(intf);
@@ -312,8 +311,8 @@ Mox::Ptr<L3::Intf::Status> IpIntfSm::addL3IntfStatus(Konet::IntfId const& intf,
    if (!l3) {
       l3 = dir->intfStatusIs(intf);
       MOX_TRACE(th, 5, "created l3Status " << intf << " VRF " << vrf);
+      l3->vrfIs(vrf);
    }
-   l3->vrfIs(vrf);
    return l3;
 }
 

@@ -218,7 +218,6 @@ public:
    Mox::Ptr<MoxIp6Config> ip6Config;
    Mox::Ptr<MoxIp6Enable> ip6Enable;
    Mox::Ptr<MoxUrpfOnAllIntfStat> urpfOnAllIntfStat;
-   Mox::Ptr<MoxUpdateRequests<L3::UpdateIpIntfStatusVrfRequests>> updateVrfRequests;
    Mox::Ptr<MoxUpdateRequests<L3::UpdateIpIntfStatusRequests>> updateRequests;
    Mox::Ptr<MoxTimerWheel> backlogTimer;
 };
@@ -250,9 +249,6 @@ Ip6IntfSm::Ip6IntfSm(Inputs inputs, bool standbyMode)
    r.ip6Config = Reactors::on<Reactors::MoxIp6Config>(this, in_.ip6Config);
    r.ip6Enable = Reactors::on<Reactors::MoxIp6Enable>(this, in_.ip6Enable);
    r.urpfOnAllIntfStat = Reactors::on<Reactors::MoxUrpfOnAllIntfStat>(this, in_.urpfOnAllIntfStat);
-   r.updateVrfRequests =
-       Reactors::on<Reactors::MoxUpdateRequests<L3::UpdateIpIntfStatusVrfRequests>>(
-           this, in_.updateIp6IntfStatusVrfReq);
    r.updateRequests = Reactors::on<Reactors::MoxUpdateRequests<L3::UpdateIpIntfStatusRequests>>(
        this, in_.updateIp6IntfStatusReq);
    handleInitialized();
@@ -365,7 +361,11 @@ void Ip6IntfSm::deleteIp6IntfStatus(Konet::IntfId const& intf) {
    if (!ip6IntfStatusOf(intf)) return;
    MOX_TRACE(th, 5, " Delete intfStatus " << intf);
    ip6StatusFor(intf)->ip6IntfStatusDel(intf);
-   if (in_.multicastGroups) in_.multicastGroups->groupDelAll(intf);
+   mcaddrDelAll(intf, in_.multicastGroups.ptr());
+   auto const& vrfReq = in_.updateIp6IntfStatusVrfReq;
+   if (vrfReq && vrfReq->requestHas(intf) && vrfReq->request(intf) == in_.vrfName) {
+      vrfReq->requestDel(intf);
+   }
 }
 
 void Ip6IntfSm::handleIntfStatusForDeletedIntfConfig(Konet::IntfId const& intf) {

@@ -65,10 +65,12 @@ Konet::Ip6AddrWithMask ip6LinkLocal(Mox::Ptr<Interface::IntfStatus const> const&
 Interface::Eui64 toModifiedEui64(Interface::Eui64 eui64);
 bool isEui64Present(Mox::Ptr<Interface::IntfStatus const> const& intfStatus);
 bool linkLocalDadFailed(KernelAddrs6 const* kernelAddrs);
-// Joins (add) or leaves the multicast group of `addr` for the interface: the address itself
-// when it is a multicast one, else its solicited-node group. The zero address is ignored.
+// Joins (add) or leaves the multicast group of `addr` for the interface, as the agent's own
+// application "veld": the address itself when it is a multicast one, else its solicited-node
+// group. The zero address is ignored. mcaddrDelAll leaves every group of the interface.
 void mcaddrUpdate(Konet::IntfId const& intf, Ip6::MulticastGroupsForApplications* groups,
                   Konet::Ip6Addr const& addr, bool add);
+void mcaddrDelAll(Konet::IntfId const& intf, Ip6::MulticastGroupsForApplications* groups);
 
 class Ip6IntfSm : public Mox::StateMachine, public KniIntfStateOwner {
 public:

@@ -75,13 +75,19 @@ void mcaddrUpdate(Konet::IntfId const& intf, Ip6::MulticastGroupsForApplications
                   Konet::Ip6Addr const& addr, bool add) {
    if (!groups || addr.isZero()) return;
    auto group = addr.isMulticast() ? addr : addr.solicitedNodeMulticast();
+   auto veld = groups->applicationIs(Mcast::veldApplication());
    if (add) {
       MOX_TRACE(th, 7, intf << " add multicast group " << group);
-      groups->groupIs(intf, group);
+      veld->multicastAddrIs(Ip6::IntfAddrInfo{intf, group});
    } else {
       MOX_TRACE(th, 7, intf << " delete multicast group " << group);
-      groups->groupDel(intf, group);
+      veld->multicastAddrDel(Ip6::IntfAddrInfo{intf, group});
    }
+}
+
+void mcaddrDelAll(Konet::IntfId const& intf, Ip6::MulticastGroupsForApplications* groups) {
+   if (auto veld = groups ? groups->application(Mcast::veldApplication()) : nullptr)
+      veld->multicastAddrDelIntf(intf);
 }
 
 bool Ip6IntfSm::kernelAddrAdd(KernelNetInfo::Interface const& kernelIntf, Konet::IntfId const& intf,
@@ -274,7 +280,7 @@ bool Ip6IntfSm::doUpdateKernelAddrIntf(Konet::IntfId const& intf) {
    if (!enabled) {
       MOX_TRACE(th, 5, "Ipv6 disabled in " << intf);
       // The kernel dropped the device's addresses: status and groups follow.
-      if (in_.multicastGroups && writeStatus) in_.multicastGroups->groupDelAll(intf);
+      if (writeStatus) mcaddrDelAll(intf, in_.multicastGroups.ptr());
       return false;
    }
    if (!sameVrf) {
@@ -303,9 +309,12 @@ bool Ip6IntfSm::doUpdateKernelAddrIntf(Konet::IntfId const& intf) {
    MOX_TRACE(th, 6, "New LinkLocal Address: " << ll);
    bool running = kniIntf.running();
    bool haveLl = !ll.addr().isZero();
-   if (haveLl && running && !held.contains(ll) && !dadFailed(intf, ll)) {
-      kernelAddrAdd(kniIntf, intf, ll);
+   bool llHeld = haveLl && held.contains(ll);
+   if (haveLl && running && !llHeld && !dadFailed(intf, ll)) {
+      llHeld = kernelAddrAdd(kniIntf, intf, ll);
    }
+   // The kernel joins the solicited-node group of the link-local address as of any other.
+   if (llHeld && writeStatus) mcaddrUpdate(intf, in_.multicastGroups.ptr(), ll.addr(), true);
 
    // 8. + 11. The kernel's addresses: SLAAC, configured and foreign ones stay; the agent's
    // own that are no longer configured go.
@@ -339,7 +348,13 @@ bool Ip6IntfSm::doUpdateKernelAddrIntf(Konet::IntfId const& intf) {
          MOX_TRACE(th, 5, " Deleting IntfStatus addr: " << a);
          status->addrDel(a);
       }
-      mcaddrUpdate(intf, in_.multicastGroups.ptr(), a.addr(), false);
+      // Addresses that differ in their upper bits share a solicited-node group: it stays
+      // while another address of the interface needs it.
+      auto group = a.addr().solicitedNodeMulticast();
+      bool shared = haveLl && ll.addr().solicitedNodeMulticast() == group;
+      for (auto const& b : config->addrIterator())
+         shared = shared || b.addr().solicitedNodeMulticast() == group;
+      if (!shared) mcaddrUpdate(intf, in_.multicastGroups.ptr(), a.addr(), false);
    }
    // Own addresses the kernel no longer holds are not own any more.
    if (auto const* own = in_.ownAddrs ? in_.ownAddrs->addrs(intf) : nullptr) {
@@ -389,15 +404,18 @@ bool Ip6IntfSm::doUpdateKernelAddrIntf(Konet::IntfId const& intf) {
          MOX_TRACE(th, 5, " link-local DAD failed, not adding config addr to Kernel: " << a);
          continue;
       }
-      if (dadFailed(intf, a) || held.contains(a)) continue;
-      if (kernelAddrAdd(kniIntf, intf, a) && writeStatus) {
+      if (dadFailed(intf, a)) continue;
+      // The group of an address the kernel already holds is listed too (after a restart).
+      if ((held.contains(a) || kernelAddrAdd(kniIntf, intf, a)) && writeStatus) {
          mcaddrUpdate(intf, in_.multicastGroups.ptr(), a.addr(), true);
       }
    }
 
-   // 12. Status.
+   // 12. Status, and the VRF this machine puts the interface in, for its L3 status.
    doUpdateIp6StatusAddr(intf);
    if (auto status = writeStatus ? ip6IntfStatusOf(intf) : nullptr) {
+      if (in_.updateIp6IntfStatusVrfReq)
+         in_.updateIp6IntfStatusVrfReq->requestIs(intf, in_.vrfName);
       status->nsRetransmitIntervalIs(config->nsRetransmitInterval());
       MOX_TRACE(th, 7,
                 "Updated ip6::status with ip6::config value of " << config->nsRetransmitInterval());

@@ -45,6 +45,9 @@ Root::~Root() {
    allVrfSmDel();
    cleanupLoopbackIntfSmDel();
    loopbackIntfSmDel();
+   l3IntfStatusVrfSmDel();
+   multicastIpGroupAppDirSmDel();
+   multicastGroupAppDirSmDel();
    ip6EnableSmDel();
    l3IntfStatusSmDel();
    ip6IntfStatusSmDel();
@@ -358,6 +361,30 @@ void Root::ip6EnableSmDel() {
    if (ip6EnableSm_) ip6EnableSm_->appIp6EnableSmDelAll();
    releaseMachine(ip6EnableSm_);
 }
+
+Mox::Ptr<MulticastGroupAppDirSm> Root::multicastGroupAppDirSmIs(
+    MulticastGroupAppDirSm::Inputs const& inputs) {
+   MOX_TRACE_FN0(th);
+   return machineOf(multicastGroupAppDirSm_, inputs);
+}
+
+void Root::multicastGroupAppDirSmDel() { releaseMachine(multicastGroupAppDirSm_); }
+
+Mox::Ptr<MulticastIpGroupAppDirSm> Root::multicastIpGroupAppDirSmIs(
+    MulticastIpGroupAppDirSm::Inputs const& inputs) {
+   MOX_TRACE_FN0(th);
+   return machineOf(multicastIpGroupAppDirSm_, inputs);
+}
+
+void Root::multicastIpGroupAppDirSmDel() { releaseMachine(multicastIpGroupAppDirSm_); }
+
+Mox::Ptr<L3IntfStatusVrfSm> Root::l3IntfStatusVrfSmIs(L3IntfStatusVrfSm::Inputs const& inputs,
+                                                      bool standbyMode) {
+   MOX_TRACE_FN(th, " standbyMode " << standbyMode);
+   return machineOf(l3IntfStatusVrfSm_, inputs, standbyMode);
+}
+
+void Root::l3IntfStatusVrfSmDel() { releaseMachine(l3IntfStatusVrfSm_); }
 
 Mox::Ptr<LoopbackIntfSm> Root::loopbackIntfSmIs(LoopbackIntfSm::Inputs const& inputs,
                                                 bool standbyMode) {

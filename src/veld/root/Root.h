@@ -36,9 +36,12 @@
 #include "veld/ipv4/IpIntfSm.h"
 #include "veld/ipv4/IpIntfStatusSm.h"
 #include "veld/ipv4/L3IntfStatusSm.h"
+#include "veld/ipv4/MulticastIpGroupAppDirSm.h"
 #include "veld/ipv6/Ip6EnableSm.h"
 #include "veld/ipv6/Ip6IntfSm.h"
 #include "veld/ipv6/Ip6IntfStatusSm.h"
+#include "veld/ipv6/L3IntfStatusVrfSm.h"
+#include "veld/ipv6/MulticastGroupAppDirSm.h"
 #include "veld/redundancy/SsoConfig.h"
 #include "veld/redundancy/WarpSm.h"
 #include "veld/redundancy/WarpState.h"
@@ -189,6 +192,26 @@ public:
                                        Mox::Ptr<Ip6::Ip6Enable> const& ip6EnableOverride);
    void ip6EnableSmDel();
 
+   // The applications' multicast groups on the interfaces' statuses, per family.
+   Mox::Ptr<MulticastGroupAppDirSm> const& multicastGroupAppDirSm() const {
+      return multicastGroupAppDirSm_;
+   }
+   Mox::Ptr<MulticastGroupAppDirSm> multicastGroupAppDirSmIs(
+       MulticastGroupAppDirSm::Inputs const& inputs);
+   void multicastGroupAppDirSmDel();
+   Mox::Ptr<MulticastIpGroupAppDirSm> const& multicastIpGroupAppDirSm() const {
+      return multicastIpGroupAppDirSm_;
+   }
+   Mox::Ptr<MulticastIpGroupAppDirSm> multicastIpGroupAppDirSmIs(
+       MulticastIpGroupAppDirSm::Inputs const& inputs);
+   void multicastIpGroupAppDirSmDel();
+
+   // The VRF of the interfaces' L3 status, moved when both families agree.
+   Mox::Ptr<L3IntfStatusVrfSm> const& l3IntfStatusVrfSm() const { return l3IntfStatusVrfSm_; }
+   Mox::Ptr<L3IntfStatusVrfSm> l3IntfStatusVrfSmIs(L3IntfStatusVrfSm::Inputs const& inputs,
+                                                   bool standbyMode);
+   void l3IntfStatusVrfSmDel();
+
    Mox::Ptr<LoopbackIntfSm> const& loopbackIntfSm() const { return loopbackIntfSm_; }
    Mox::Ptr<LoopbackIntfSm> loopbackIntfSmIs(LoopbackIntfSm::Inputs const& inputs,
                                              bool standbyMode);
@@ -222,6 +245,9 @@ private:
    Mox::Ptr<Ip6IntfStatusSm> ip6IntfStatusSm_;
    Mox::Ptr<L3IntfStatusSm> l3IntfStatusSm_;
    Mox::Ptr<Ip6EnableSm> ip6EnableSm_;
+   Mox::Ptr<MulticastGroupAppDirSm> multicastGroupAppDirSm_;
+   Mox::Ptr<MulticastIpGroupAppDirSm> multicastIpGroupAppDirSm_;
+   Mox::Ptr<L3IntfStatusVrfSm> l3IntfStatusVrfSm_;
    Mox::Ptr<LoopbackIntfSm> loopbackIntfSm_;
    Mox::Ptr<CleanupLoopbackIntfSm> cleanupLoopbackIntfSm_;
    Mox::Ptr<KernelNetNsInfo::Root> kernelNetNsInfoRoot_;

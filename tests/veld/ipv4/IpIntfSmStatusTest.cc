@@ -14,9 +14,10 @@ protected:
    // A status of this VRF as an earlier run of the agent left it.
    void leftBehind(IntfId const& id) {
       systemStatus->ipIntfStatusIs(id)->vrfIs(L3::VrfName("default"));
-      systemL3->intfStatusIs(id)->vrfIs(L3::VrfName("default"));
+      updateVrfReq->requestIs(id, L3::VrfName("default"));
    }
-   bool hasStatus(IntfId const& id) { return ipStatus(id) || systemL3->intfStatus(id); }
+   // The L3 status goes with the VRF request (L3IntfStatusVrfSm).
+   bool hasStatus(IntfId const& id) { return ipStatus(id) || updateVrfReq->requestHas(id); }
 };
 
 TEST_F(IpIntfSmStatusTest, StatusesWithoutARoutedConfigurationGoAtStartAndWhenStandbyEnds) {

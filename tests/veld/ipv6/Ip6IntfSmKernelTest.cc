@@ -78,8 +78,11 @@ TEST_F(Ip6IntfSmKernelTest, LinkLocalIsTheModifiedEui64AndGlobalsFollowTheConfig
    // IPv6 goes on before the first address does.
    EXPECT_LT(io.first("write /proc/sys/net/ipv6/conf/" + e2.veth.name + "/disable_ipv6=0"),
              io.first("add 2001:db8:2::"));
-   EXPECT_TRUE(groups->group(e1.id, Konet::Ip6Addr::allNodes()));
-   EXPECT_TRUE(groups->group(e1.id, v6("2001:db8:1::1/64").addr().solicitedNodeMulticast()));
+   auto veld = groups->application(Mcast::veldApplication());
+   ASSERT_TRUE(veld);
+   EXPECT_TRUE(veld->multicastAddr({e1.id, Konet::Ip6Addr::allNodes()}));
+   EXPECT_TRUE(
+       veld->multicastAddr({e1.id, v6("2001:db8:1::1/64").addr().solicitedNodeMulticast()}));
 
    // Removing an address removes exactly it; the foreign one stays.
    e1.config->addrDel(v6("2001:db8:1::2/64"));

@@ -61,7 +61,9 @@ TEST_F(Ip6IntfSmStatusTest, AnAddressTheAgentDeletesLeavesTheStatusWithTheDeleti
    settle();
    ASSERT_EQ(statusAddrs(e1.id).count("2001:db8:1::2/64"), 1u);
    auto joined = [&] {
-      return groups->group(e1.id, v6("2001:db8:1::2/64").addr().solicitedNodeMulticast());
+      auto veld = groups->application(Mcast::veldApplication());
+      return veld &&
+             veld->multicastAddr({e1.id, v6("2001:db8:1::2/64").addr().solicitedNodeMulticast()});
    };
    ASSERT_TRUE(joined());
    // One backlog run, before the kernel's event about the deletion is read.

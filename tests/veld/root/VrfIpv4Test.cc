@@ -32,6 +32,7 @@ protected:
    Mox::Ptr<L3::Intf::ConfigDir> l3Config = make<L3::Intf::ConfigDir>();
    Mox::Ptr<Ip::Input::Status> ipStatus = make<Ip::Input::Status>("veld");
    Mox::Ptr<L3::Intf::Input::StatusDir> l3Status = make<L3::Intf::Input::StatusDir>("veld");
+   Mox::Ptr<L3::UpdateIpIntfStatusVrfRequests> vrfReq = make<L3::UpdateIpIntfStatusVrfRequests>();
    Mox::Ptr<Interface::AllIntfStatusDir> intfStatus = make<Interface::AllIntfStatusDir>();
    Mox::Ptr<Interface::NetNsIntfStatusManagerRoot> managers =
        make<Interface::NetNsIntfStatusManagerRoot>(intfStatus, nullptr, false);
@@ -59,6 +60,7 @@ protected:
                                    .allIntfStatusDir = intfStatus,
                                    .routing6InfoConfig = make<Routing6::InfoConfig>(),
                                    .routing6VrfInfoConfigDir = routing6,
+                                   .updateIpIntfStatusVrfReq = vrfReq,
                                    .warpState = make<WarpState>("w"),
                                    .entityMgr = mgr,
                                    .timerWheel = wheel,
@@ -131,6 +133,7 @@ TEST_F(VrfIpv4Test, AnInterfaceOfAVrfIsProgrammedInsideTheVrfsNamespace) {
    EXPECT_EQ(published->vrf(), L3::VrfName("blue"));
    EXPECT_EQ(published->addrWithMask().toString(), "10.5.0.1/24");
    EXPECT_EQ(l3Status->intfStatus(IntfId("Ethernet1"))->vrf(), L3::VrfName("blue"));
+   EXPECT_EQ(vrfReq->request(IntfId("Ethernet1")), L3::VrfName("blue"));
 
    // The VRF's routing entries are made again, routing off, while its root lives: the
    // interface's forwarding follows the new entry, and not the old one.
@@ -161,7 +164,8 @@ TEST_F(VrfIpv4Test, AnInterfaceOfAVrfIsProgrammedInsideTheVrfsNamespace) {
    EXPECT_FALSE(sm->vrfRoot("blue"));
    EXPECT_FALSE(blue->ipIntfSm());
    EXPECT_FALSE(ipStatus->ipIntfStatus(IntfId("Ethernet1")));
-   EXPECT_FALSE(l3Status->intfStatus(IntfId("Ethernet1")));
+   // ... and so does its request for the L3 status, which then goes (L3IntfStatusVrfSm).
+   EXPECT_FALSE(vrfReq->requestHas(IntfId("Ethernet1")));
 }
 
 }  // namespace
