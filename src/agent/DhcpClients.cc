@@ -129,7 +129,7 @@ std::string DhcpClients::fileOf(Konet::IntfId const& intf, char const* suffix) c
 void DhcpClients::stopUnwanted(Configuration const& config) {
    MOX_TRACE_FN0(th);
    for (auto it = clients_.begin(); it != clients_.end();) {
-      auto const& intf = (it++)->first;
+      Konet::IntfId const intf = (it++)->first;  // a copy: clientDel erases the entry
       auto found = config.interfaces.find(intf);
       if (found == config.interfaces.end()) {
          clientDel(intf, false);  // the interface is gone: nothing to release on
