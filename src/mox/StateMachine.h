@@ -93,6 +93,16 @@ private:
    Owner* owner_;
 };
 
+// A reactor R of machine `sm` following `notifier`; none while there is no notifier (an
+// input the machine was built without).
+template <class R, class Sm, class N>
+Ptr<R> reactorOn(Sm* sm, N const& notifier) {
+   if (!notifier) return nullptr;
+   auto r = make<R>(sm);
+   r->notifierIs(notifier);
+   return r;
+}
+
 // Text of a value in framework messages: entities by address, values through operator<<.
 template <class T>
 std::string describe(T const& v) {

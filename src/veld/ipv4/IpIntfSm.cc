@@ -84,14 +84,6 @@ public:
       void onTime() override { owner()->handleBacklogTimer(); }
    };
 
-   template <class R, class N>
-   static Mox::Ptr<R> on(IpIntfSm* sm, N const& notifier) {
-      if (!notifier) return nullptr;
-      auto r = Mox::make<R>(sm);
-      r->notifierIs(notifier);
-      return r;
-   }
-
    Mox::Ptr<MoxVrfIpIntfConfig> vrfIpIntfConfig;
    Mox::Ptr<MoxKernelIntfDir> kernelIntfDir;
    Mox::Ptr<MoxKniInterface> kniInterface;
@@ -112,22 +104,24 @@ IpIntfSm::IpIntfSm(Inputs inputs, bool standbyMode)
       kniRoot_ = Mox::make<KernelNetInfo::Root>(in_.addrMap->kniStatus());
    }
    auto& r = *reactors_;
-   r.backlogTimer = Reactors::on<Reactors::MoxTimerWheel>(this, in_.timerWheel);
+   r.backlogTimer = Mox::reactorOn<Reactors::MoxTimerWheel>(this, in_.timerWheel);
    backlogTimer_ = r.backlogTimer;
-   r.vrfIpIntfConfig = Reactors::on<Reactors::MoxVrfIpIntfConfig>(this, in_.vrfIpIntfConfig);
-   r.kernelIntfDir = Reactors::on<Reactors::MoxKernelIntfDir>(this, in_.kernelIntfDir);
+   r.vrfIpIntfConfig = Mox::reactorOn<Reactors::MoxVrfIpIntfConfig>(this, in_.vrfIpIntfConfig);
+   r.kernelIntfDir = Mox::reactorOn<Reactors::MoxKernelIntfDir>(this, in_.kernelIntfDir);
    if (kniRoot_) {
       r.kniInterface =
-          Reactors::on<Reactors::MoxKniInterface>(this, kniRoot_->status()->interface().table());
+          Mox::reactorOn<Reactors::MoxKniInterface>(this, kniRoot_->status()->interface().table());
       r.kniIpState =
-          Reactors::on<Reactors::MoxKniIpState>(this, kniRoot_->status()->ipState().table());
+          Mox::reactorOn<Reactors::MoxKniIpState>(this, kniRoot_->status()->ipState().table());
    }
-   r.kernelProtoConfig = Reactors::on<Reactors::MoxKernelProtoConfig>(this, in_.kernelProtoConfig);
-   r.routingInfoConfig = Reactors::on<Reactors::MoxRoutingInfoConfig>(this, in_.routingInfoConfig);
-   r.hardwareStatus = Reactors::on<Reactors::MoxHardwareStatus>(this, in_.routingHardwareStatus);
-   r.ipConfig = Reactors::on<Reactors::MoxIpConfig>(this, in_.ipConfig);
-   r.virtualMac = Reactors::on<Reactors::MoxVirtualMac>(this, in_.proxyArpVirtualMac);
-   r.updateRequests = Reactors::on<Reactors::MoxUpdateRequests<L3::UpdateIpIntfStatusRequests>>(
+   r.kernelProtoConfig =
+       Mox::reactorOn<Reactors::MoxKernelProtoConfig>(this, in_.kernelProtoConfig);
+   r.routingInfoConfig =
+       Mox::reactorOn<Reactors::MoxRoutingInfoConfig>(this, in_.routingInfoConfig);
+   r.hardwareStatus = Mox::reactorOn<Reactors::MoxHardwareStatus>(this, in_.routingHardwareStatus);
+   r.ipConfig = Mox::reactorOn<Reactors::MoxIpConfig>(this, in_.ipConfig);
+   r.virtualMac = Mox::reactorOn<Reactors::MoxVirtualMac>(this, in_.proxyArpVirtualMac);
+   r.updateRequests = Mox::reactorOn<Reactors::MoxUpdateRequests<L3::UpdateIpIntfStatusRequests>>(
        this, in_.updateIpIntfStatusReq);
    handleInitialized();
 }
@@ -545,7 +539,7 @@ void IpIntfSm::routingInfoConfigIs(Mox::Ptr<Routing::InfoConfig const> const& co
    in_.routingInfoConfig = config;
    auto& held = reactors_->routingInfoConfig;
    if (held) held->moxDoZombieReactors(true);
-   held = Reactors::on<Reactors::MoxRoutingInfoConfig>(this, config);
+   held = Mox::reactorOn<Reactors::MoxRoutingInfoConfig>(this, config);
    handleRouting();
 }
 

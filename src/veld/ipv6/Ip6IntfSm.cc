@@ -202,14 +202,6 @@ public:
       void onTime() override { owner()->handleBacklogTimer(); }
    };
 
-   template <class R, class N>
-   static Mox::Ptr<R> on(Ip6IntfSm* sm, N const& notifier) {
-      if (!notifier) return nullptr;
-      auto r = Mox::make<R>(sm);
-      r->notifierIs(notifier);
-      return r;
-   }
-
    Mox::Ptr<MoxVrfIp6IntfConfig> vrfIp6IntfConfig;
    Mox::Ptr<MoxKernelIntfDir> kernelIntfDir;
    Mox::Ptr<MoxKniInterface> kniInterface;
@@ -229,15 +221,15 @@ Ip6IntfSm::Ip6IntfSm(Inputs inputs, bool standbyMode)
       kniRoot_ = Mox::make<KernelNetInfo::Root>(in_.addrMap->kniStatus());
    }
    auto& r = *reactors_;
-   r.backlogTimer = Reactors::on<Reactors::MoxTimerWheel>(this, in_.timerWheel);
+   r.backlogTimer = Mox::reactorOn<Reactors::MoxTimerWheel>(this, in_.timerWheel);
    backlogTimer_ = r.backlogTimer;
-   r.vrfIp6IntfConfig = Reactors::on<Reactors::MoxVrfIp6IntfConfig>(this, in_.vrfIp6IntfConfig);
-   r.kernelIntfDir = Reactors::on<Reactors::MoxKernelIntfDir>(this, in_.kernelIntfDir);
+   r.vrfIp6IntfConfig = Mox::reactorOn<Reactors::MoxVrfIp6IntfConfig>(this, in_.vrfIp6IntfConfig);
+   r.kernelIntfDir = Mox::reactorOn<Reactors::MoxKernelIntfDir>(this, in_.kernelIntfDir);
    if (kniRoot_) {
       r.kniInterface =
-          Reactors::on<Reactors::MoxKniInterface>(this, kniRoot_->status()->interface().table());
+          Mox::reactorOn<Reactors::MoxKniInterface>(this, kniRoot_->status()->interface().table());
       r.kniIpState =
-          Reactors::on<Reactors::MoxKniIpState>(this, kniRoot_->status()->ipState().table());
+          Mox::reactorOn<Reactors::MoxKniIpState>(this, kniRoot_->status()->ipState().table());
    }
    if (kniRoot_) {
       auto table = kniRoot_->status()->ipState();
@@ -245,11 +237,12 @@ Ip6IntfSm::Ip6IntfSm(Inputs inputs, bool standbyMode)
          if (it.value().key.addr.isV6()) handleAddr(it.value().key);
       }
    }
-   r.routing = Reactors::on<Reactors::MoxRouting>(this, in_.routingInfoConfig);
-   r.ip6Config = Reactors::on<Reactors::MoxIp6Config>(this, in_.ip6Config);
-   r.ip6Enable = Reactors::on<Reactors::MoxIp6Enable>(this, in_.ip6Enable);
-   r.urpfOnAllIntfStat = Reactors::on<Reactors::MoxUrpfOnAllIntfStat>(this, in_.urpfOnAllIntfStat);
-   r.updateRequests = Reactors::on<Reactors::MoxUpdateRequests<L3::UpdateIpIntfStatusRequests>>(
+   r.routing = Mox::reactorOn<Reactors::MoxRouting>(this, in_.routingInfoConfig);
+   r.ip6Config = Mox::reactorOn<Reactors::MoxIp6Config>(this, in_.ip6Config);
+   r.ip6Enable = Mox::reactorOn<Reactors::MoxIp6Enable>(this, in_.ip6Enable);
+   r.urpfOnAllIntfStat =
+       Mox::reactorOn<Reactors::MoxUrpfOnAllIntfStat>(this, in_.urpfOnAllIntfStat);
+   r.updateRequests = Mox::reactorOn<Reactors::MoxUpdateRequests<L3::UpdateIpIntfStatusRequests>>(
        this, in_.updateIp6IntfStatusReq);
    handleInitialized();
 }
@@ -604,7 +597,7 @@ void Ip6IntfSm::routingInfoConfigIs(Mox::Ptr<Routing6::InfoConfig const> const& 
    in_.routingInfoConfig = config;
    auto& held = reactors_->routing;
    if (held) held->moxDoZombieReactors(true);
-   held = Reactors::on<Reactors::MoxRouting>(this, config);
+   held = Mox::reactorOn<Reactors::MoxRouting>(this, config);
    handleRouting();
 }
 

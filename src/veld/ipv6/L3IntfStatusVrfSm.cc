@@ -45,14 +45,6 @@ public:
       void onTime() override { owner()->deferredHandleIp6IntfStatusDeletion(); }
    };
 
-   template <class R, class N>
-   static Mox::Ptr<R> on(L3IntfStatusVrfSm* sm, N const& notifier) {
-      if (!notifier) return nullptr;
-      auto r = Mox::make<R>(sm);
-      r->notifierIs(notifier);
-      return r;
-   }
-
    Mox::Ptr<MoxUpdateIpIntfStatusVrfReq> v4VrfUpdate;
    Mox::Ptr<MoxUpdateIp6IntfStatusVrfReq> v6VrfUpdate;
    Mox::Ptr<MoxIpStatus> ipStatus;
@@ -65,12 +57,12 @@ L3IntfStatusVrfSm::L3IntfStatusVrfSm(Inputs inputs, bool standbyMode)
    MOX_TRACE_FN(th, " standbyMode " << standbyMode_);
    auto& r = *reactors_;
    r.v4VrfUpdate =
-       Reactors::on<Reactors::MoxUpdateIpIntfStatusVrfReq>(this, in_.updateIpIntfStatusVrfReq);
+       Mox::reactorOn<Reactors::MoxUpdateIpIntfStatusVrfReq>(this, in_.updateIpIntfStatusVrfReq);
    r.v6VrfUpdate =
-       Reactors::on<Reactors::MoxUpdateIp6IntfStatusVrfReq>(this, in_.updateIp6IntfStatusVrfReq);
-   r.ipStatus = Reactors::on<Reactors::MoxIpStatus>(this, in_.ipStatus);
-   r.ip6Status = Reactors::on<Reactors::MoxIp6Status>(this, in_.ip6Status);
-   r.clock = Reactors::on<Reactors::MoxClock>(this, in_.clock);
+       Mox::reactorOn<Reactors::MoxUpdateIp6IntfStatusVrfReq>(this, in_.updateIp6IntfStatusVrfReq);
+   r.ipStatus = Mox::reactorOn<Reactors::MoxIpStatus>(this, in_.ipStatus);
+   r.ip6Status = Mox::reactorOn<Reactors::MoxIp6Status>(this, in_.ip6Status);
+   r.clock = Mox::reactorOn<Reactors::MoxClock>(this, in_.clock);
    handleInitialized();
 }
 
