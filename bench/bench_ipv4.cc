@@ -33,6 +33,7 @@
 #include <cstring>
 #include <map>
 
+#include "BenchLoop.h"
 #include "BenchMain.h"
 #include "linux/KernelMirror.h"
 #include "linux/NetNs.h"
@@ -236,8 +237,7 @@ struct Machine {
    Mox::Ptr<Bolt::TimerWheel> wheel = make<Bolt::TimerWheel>();
    Mox::Ptr<Routing::InfoConfig> routing = make<Routing::InfoConfig>();
    Mox::Ptr<Veld::IpIntfSm> sm;
-   double maxBusy = 0.0;
-   double maxRun = 0.0;
+   BenchLoop loop;
 
    Machine() {
       routing->routingIs(true);
@@ -264,21 +264,8 @@ struct Machine {
           false);
    }
 
-   // One turn of an event loop like the agent's: wait for the mirror's socket or the next
-   // deadline, then do what is due.
    void turn() {
-      double wait = Mox::activityManager().nextDeadline() - now();
-      pollfd p{world().mirror->fd(), POLLIN, 0};
-      ::poll(&p, 1, wait <= 0 ? 0 : std::min(1000, int(wait * 1000) + 1));
-      double start = now();
-      world().mirror->processEvents();
-      double runStart = now();
-      uint64_t runs = sm->ipIntfKernelUpdateCodefListProcessed();
-      Mox::activityManager().runDue();
-      double end = now();
-      if (sm->ipIntfKernelUpdateCodefListProcessed() != runs)
-         maxRun = std::max(maxRun, end - runStart);
-      maxBusy = std::max(maxBusy, end - start);
+      loop.turn(*world().mirror, [&] { return sm->ipIntfKernelUpdateCodefListProcessed(); });
    }
 
    bool converged() const {
@@ -307,8 +294,8 @@ void Converge_ours(benchmark::State& state) {
          m.turn();
       benchProfile(false);
       state.PauseTiming();
-      maxBusy = std::max(maxBusy, m.maxBusy);
-      maxRun = std::max(maxRun, m.maxRun);
+      maxBusy = std::max(maxBusy, m.loop.maxBusy);
+      maxRun = std::max(maxRun, m.loop.maxRun);
       runs = m.sm->ipIntfKernelUpdateCodefListProcessed();
       m.sm = nullptr;
       state.ResumeTiming();

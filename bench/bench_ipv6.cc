@@ -24,6 +24,7 @@
 #include <chrono>
 #include <cstring>
 
+#include "BenchLoop.h"
 #include "BenchMain.h"
 #include "linux/KernelMirror.h"
 #include "linux/NetNs.h"
@@ -43,8 +44,6 @@ using Konet::Ip6AddrWithMask;
 using Mox::make;
 
 constexpr int kIntfs = 1000;
-
-double now() { return Mox::System::currentTime(); }
 
 // The interfaces, their devices and their configuration, made once.
 struct World {
@@ -152,8 +151,7 @@ struct Machine {
    Mox::Ptr<Bolt::TimerWheel> wheel = make<Bolt::TimerWheel>();
    Mox::Ptr<Routing6::InfoConfig> routing = make<Routing6::InfoConfig>();
    Mox::Ptr<Veld::Ip6IntfSm> sm;
-   double maxBusy = 0.0;
-   double maxRun = 0.0;
+   BenchLoop loop;
 
    Machine() {
       routing->routingIs(true);
@@ -179,21 +177,8 @@ struct Machine {
           false);
    }
 
-   // One turn of an event loop like the agent's: wait for the mirror's socket or the next
-   // deadline, then do what is due.
    void turn() {
-      double wait = Mox::activityManager().nextDeadline() - now();
-      pollfd p{world().mirror->fd(), POLLIN, 0};
-      ::poll(&p, 1, wait <= 0 ? 0 : std::min(1000, int(wait * 1000) + 1));
-      double start = now();
-      world().mirror->processEvents();
-      double runStart = now();
-      uint64_t runs = sm->ip6IntfKernelUpdateCodefListProcessed();
-      Mox::activityManager().runDue();
-      double end = now();
-      if (sm->ip6IntfKernelUpdateCodefListProcessed() != runs)
-         maxRun = std::max(maxRun, end - runStart);
-      maxBusy = std::max(maxBusy, end - start);
+      loop.turn(*world().mirror, [&] { return sm->ip6IntfKernelUpdateCodefListProcessed(); });
    }
 
    bool converged() const {
@@ -220,8 +205,8 @@ void Converge_ours(benchmark::State& state) {
       while (!m.converged())
          m.turn();
       state.PauseTiming();
-      maxBusy = std::max(maxBusy, m.maxBusy);
-      maxRun = std::max(maxRun, m.maxRun);
+      maxBusy = std::max(maxBusy, m.loop.maxBusy);
+      maxRun = std::max(maxRun, m.loop.maxRun);
       runs = m.sm->ip6IntfKernelUpdateCodefListProcessed();
       m.sm = nullptr;
       state.ResumeTiming();
