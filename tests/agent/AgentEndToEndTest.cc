@@ -534,8 +534,12 @@ TEST_F(AgentVrfEndToEnd, Ipv6ReachesBothVrfsAndRestartsAreHitless) {
    EXPECT_EQ(value, "0");
    Konet::readProcSys("/proc/sys/net/ipv6/conf/" + et2.name + "/forwarding", &value);
    EXPECT_EQ(value, "0");  // the default VRF does not route IPv6 here
-   ASSERT_TRUE(KonetTest::waitFor(
-       [&] { return dadDone(ns, et1.name) && dadDone(Konet::NamespaceName(), et2.name); }));
+   // The monitors below see every device of their namespace: the veths' peers too.
+   ASSERT_TRUE(KonetTest::waitFor([&] {
+      Konet::NamespaceName host;
+      return dadDone(ns, et1.name) && dadDone(host, et2.name) && dadDone(host, et1.peer) &&
+             dadDone(host, et2.peer);
+   }));
 
    veld.kill9();
    {
