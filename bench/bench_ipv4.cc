@@ -172,11 +172,12 @@ struct World {
       }
       mirror->processEvents();
    }
-   // Each run starts as the first start after boot does.
+   // Each run starts as the first start after boot does, with the agent's mirror just dumped.
    void reset() {
       if (defaults.empty()) snapshotDefaults();
       removeAddrs();
       resetProcs();
+      mirror->resync();
    }
 };
 

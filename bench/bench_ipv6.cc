@@ -134,6 +134,7 @@ struct World {
             Konet::ip6AddrDel(sock.get(), ifindex[i], addr(i, h));
       }
       mirror->processEvents();
+      mirror->resync();  // as the agent's mirror at its start
    }
 };
 

@@ -11,6 +11,8 @@
 #include "linux/Netlink.h"
 #include "linux/NetlinkAddr.h"
 #include "linux/NetlinkLink.h"
+#include "linux/ProcSys.h"
+#include "mox/Clock.h"
 
 namespace Konet {
 
@@ -74,6 +76,13 @@ void KernelMirror::applyLink(LinkInfo const& link) {
    static_assert(sizeof(rec.ipv4Conf) == sizeof(link.ipv4Conf));
    rec.ipv4Conf = link.ipv4Conf;
    rec.ipv4ConfCount = link.ipv4ConfCount;
+   for (size_t slot = 0; slot < KernelNetInfo::kIp6ConfFiles.size(); ++slot) {
+      int index = ipv6DevconfIndex(KernelNetInfo::kIp6ConfFiles[slot]) - 1;
+      if (index < 0 || uint32_t(index) >= link.ipv6ConfCount) continue;
+      rec.ipv6Conf[slot] = link.ipv6Conf[size_t(index)];
+      rec.ipv6ConfKnown |= uint16_t(1u << slot);
+   }
+   rec.confReportedAt = Mox::System::currentTime();
    status_->interfaceIs(rec);
 }
 

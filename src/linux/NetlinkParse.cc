@@ -53,19 +53,27 @@ void forEachNested(nlattr const* nest, F&& fn) {
    }
 }
 
-// IFLA_AF_SPEC holds one nest per family; AF_INET's holds IFLA_INET_CONF, an array of u32.
-void parseIpv4Conf(nlattr const* afSpec, LinkInfo* link) {
-   if (!afSpec) return;
-   nlattr const* inet = nullptr;
-   forEachNested(afSpec, [&](nlattr const* a) {
-      if (mnl_attr_get_type(a) == AF_INET) inet = a;
+// Copies the array of 32-bit settings nested as `confType` in the family's nest.
+template <class T, size_t N>
+void parseConf(nlattr const* family, uint16_t confType, std::array<T, N>* conf, uint32_t* count) {
+   forEachNested(family, [&](nlattr const* a) {
+      if (mnl_attr_get_type(a) != confType) return;
+      size_t n = std::min(mnl_attr_get_payload_len(a) / sizeof(T), N);
+      std::memcpy(conf->data(), mnl_attr_get_payload(a), n * sizeof(T));
+      *count = static_cast<uint32_t>(n);
    });
-   if (!inet) return;
-   forEachNested(inet, [&](nlattr const* a) {
-      if (mnl_attr_get_type(a) != IFLA_INET_CONF) return;
-      size_t n = std::min(mnl_attr_get_payload_len(a) / sizeof(uint32_t), link->ipv4Conf.size());
-      std::memcpy(link->ipv4Conf.data(), mnl_attr_get_payload(a), n * sizeof(uint32_t));
-      link->ipv4ConfCount = static_cast<uint32_t>(n);
+}
+
+// IFLA_AF_SPEC holds one nest per family: AF_INET's holds IFLA_INET_CONF, AF_INET6's
+// IFLA_INET6_CONF, each an array of 32-bit settings.
+void parseDevConf(nlattr const* afSpec, LinkInfo* link) {
+   if (!afSpec) return;
+   forEachNested(afSpec, [&](nlattr const* a) {
+      if (mnl_attr_get_type(a) == AF_INET) {
+         parseConf(a, IFLA_INET_CONF, &link->ipv4Conf, &link->ipv4ConfCount);
+      } else if (mnl_attr_get_type(a) == AF_INET6) {
+         parseConf(a, IFLA_INET6_CONF, &link->ipv6Conf, &link->ipv6ConfCount);
+      }
    });
 }
 
@@ -108,7 +116,7 @@ bool parseLinkMsg(nlmsghdr const* nlh, LinkInfo* out) {
    if (auto* addr = attrs.tb[IFLA_ADDRESS]; addr && mnl_attr_get_payload_len(addr) == 6) {
       std::memcpy(link.mac.data(), mnl_attr_get_payload(addr), 6);
    }
-   parseIpv4Conf(attrs.tb[IFLA_AF_SPEC], &link);
+   parseDevConf(attrs.tb[IFLA_AF_SPEC], &link);
    *out = std::move(link);
    return true;
 }

@@ -31,6 +31,12 @@ struct LinkInfo {
    static constexpr size_t kIpv4ConfMax = 48;
    std::array<uint32_t, kIpv4ConfMax> ipv4Conf{};
    uint32_t ipv4ConfCount = 0;  // settings present; 0 when the message had none
+   // The device's IPv6 settings (IFLA_AF_SPEC / AF_INET6 / IFLA_INET6_CONF): ipv6Conf[i] is
+   // the setting DEVCONF_* number i (forwarding, accept_ra, ...), what
+   // /proc/sys/net/ipv6/conf/<device> shows. None for a device without IPv6 (a small MTU).
+   static constexpr size_t kIpv6ConfMax = 64;
+   std::array<int32_t, kIpv6ConfMax> ipv6Conf{};
+   uint32_t ipv6ConfCount = 0;
 };
 
 // RTM_NEWADDR / RTM_DELADDR.

@@ -7,6 +7,8 @@
 #include <netinet/in.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
+// After netinet/in.h, whose IPv6 types it would otherwise define again.
+#include <linux/ipv6.h>
 
 #include <cerrno>
 #include <cstring>
@@ -198,6 +200,23 @@ int ipv4DevconfIndex(std::string_view setting) {
    };
    for (auto const& [name, index] : kIndex) {
       if (name == setting) return index;
+   }
+   return 0;
+}
+
+int ipv6DevconfIndex(std::string_view setting) {
+   static constexpr std::pair<std::string_view, int> kIndex[] = {
+       {"forwarding", DEVCONF_FORWARDING},
+       {"accept_ra", DEVCONF_ACCEPT_RA},
+       {"accept_redirects", DEVCONF_ACCEPT_REDIRECTS},
+       {"autoconf", DEVCONF_AUTOCONF},
+       {"accept_ra_defrtr", DEVCONF_ACCEPT_RA_DEFRTR},
+       {"accept_ra_pinfo", DEVCONF_ACCEPT_RA_PINFO},
+       {"accept_dad", DEVCONF_ACCEPT_DAD},
+       {"enhanced_dad", DEVCONF_ENHANCED_DAD},
+   };
+   for (auto const& [name, index] : kIndex) {
+      if (name == setting) return index + 1;
    }
    return 0;
 }

@@ -43,6 +43,9 @@ bool setIpv6ProcSysInNetNs(std::string_view device, std::string_view setting,
 // /proc/sys/net/ipv4/conf/<device>/ ("rp_filter"); 0 for a file the kernel has no number for.
 // Link messages report a device's settings by these numbers.
 int ipv4DevconfIndex(std::string_view setting);
+// The same for a per-device IPv6 setting under /proc/sys/net/ipv6/conf/<device>/: its
+// DEVCONF_* number plus one, or 0.
+int ipv6DevconfIndex(std::string_view setting);
 
 // The content of a /proc/sys/net file without its trailing newline.
 int readProcSys(std::string_view path, std::string* value);

@@ -95,7 +95,10 @@ public:
    void set(K const& k, V const& v) {
       auto [e, inserted] = map_.emplace(k, Entry{v, false});
       if (!inserted) {
-         if (e->value == v && !e->corrupt) return;
+         if (e->value == v && !e->corrupt) {
+            e->value = v;  // quietly: what equality leaves out (a time) stays current
+            return;
+         }
          e->value = v;
          e->corrupt = false;
       }

@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <ostream>
 #include <string>
+#include <string_view>
 #include <unordered_map>
 
 #include "konet/IpAddr.h"
@@ -44,6 +45,21 @@ constexpr uint32_t kIffRunning = 0x40;
 // An address that is not the primary of its subnet on its device (IFA_F_SECONDARY).
 constexpr uint32_t kIfaSecondary = 0x01;
 
+// How long the settings reported with a link count as a fresh read of their files.
+inline constexpr double kConfFreshFor = 5.0;
+
+// The per-device IPv6 /proc files whose values the kernel mirror keeps from link messages.
+inline constexpr std::array<std::string_view, 8> kIp6ConfFiles = {
+    "forwarding",       "accept_ra",       "accept_redirects", "autoconf",
+    "accept_ra_defrtr", "accept_ra_pinfo", "accept_dad",       "enhanced_dad"};
+// The index of `file` in kIp6ConfFiles, or -1.
+constexpr int ip6ConfSlot(std::string_view file) {
+   for (size_t i = 0; i < kIp6ConfFiles.size(); ++i) {
+      if (kIp6ConfFiles[i] == file) return int(i);
+   }
+   return -1;
+}
+
 struct Interface {
    InterfaceKey key;
    std::string deviceName;
@@ -56,6 +72,15 @@ struct Interface {
    // setting IPV4_DEVCONF_* number i + 1; ipv4ConfCount of them are known.
    std::array<uint32_t, 48> ipv4Conf{};
    uint32_t ipv4ConfCount = 0;
+   // The device's IPv6 settings that the machines write (kIp6ConfFiles), as the kernel
+   // reported them with the link: bit i of ipv6ConfKnown is set when ipv6Conf[i] was.
+   std::array<int32_t, kIp6ConfFiles.size()> ipv6Conf{};
+   uint16_t ipv6ConfKnown = 0;
+   // When the kernel reported these settings (Mox::System time). It sends no link message
+   // when a /proc file changes, so they are as good as a read of the files at that time.
+   // Not part of equality: a record that changed in nothing else keeps its older time.
+   double confReportedAt = 0.0;
+
    bool running() const { return flags & kIffRunning; }
    // The kernel's value of IPv4 setting `devconf` (an IPV4_DEVCONF_* number), if reported.
    bool ipv4ConfValue(int devconf, uint32_t* value) const {
@@ -63,7 +88,23 @@ struct Interface {
       *value = ipv4Conf[size_t(devconf) - 1];
       return true;
    }
-   friend bool operator==(Interface const&, Interface const&) = default;
+   // The kernel's value of the IPv6 setting in /proc file `file`, if reported.
+   bool ipv6ConfValue(std::string_view file, int32_t* value) const {
+      int slot = ip6ConfSlot(file);
+      if (slot < 0 || !(ipv6ConfKnown & (1u << slot))) return false;
+      *value = ipv6Conf[size_t(slot)];
+      return true;
+   }
+   // Whether the settings reported with the link are at most `maxAge` seconds old at `now`.
+   bool confFresh(double now, double maxAge = kConfFreshFor) const {
+      return confReportedAt > 0.0 && now - confReportedAt <= maxAge;
+   }
+   friend bool operator==(Interface const& a, Interface const& b) {
+      return a.key == b.key && a.deviceName == b.deviceName && a.flags == b.flags &&
+             a.runningStateChanges == b.runningStateChanges && a.mtu == b.mtu && a.mac == b.mac &&
+             a.ipv4Conf == b.ipv4Conf && a.ipv4ConfCount == b.ipv4ConfCount &&
+             a.ipv6Conf == b.ipv6Conf && a.ipv6ConfKnown == b.ipv6ConfKnown;
+   }
 };
 
 }  // namespace KernelNetInfo

@@ -10,6 +10,7 @@
 #include "linux/NetlinkAddr.h"
 #include "linux/NetlinkLink.h"
 #include "linux/ProcSys.h"
+#include "mox/Clock.h"
 #include "tests/linux/KernelFixture.h"
 
 namespace KonetTest {
@@ -50,6 +51,25 @@ TEST_F(KernelMirrorTest, FollowsLinksAndCountsRunningStateChanges) {
    uint32_t arpIgnore = 0;
    ASSERT_TRUE(rec(m, veth.ifindex).ipv4ConfValue(ipv4DevconfIndex("arp_ignore"), &arpIgnore));
    EXPECT_EQ(arpIgnore, 2u);
+   // And the IPv6 settings the machines write, each as /proc/sys/net/ipv6/conf shows it; a
+   // dump refreshes the time of the report even where nothing changed.
+   ASSERT_EQ(writeProcSys("/proc/sys/net/ipv6/conf/" + veth.name + "/accept_ra", "2"), 0);
+   Mox::ScopedVirtualTime time;
+   ASSERT_EQ(m.resync(), 0);
+   auto r1 = rec(m, veth.ifindex);
+   for (auto file : KernelNetInfo::kIp6ConfFiles) {
+      std::string held;
+      ASSERT_EQ(
+          readProcSys("/proc/sys/net/ipv6/conf/" + veth.name + "/" + std::string(file), &held), 0);
+      int32_t reported = -1;
+      ASSERT_TRUE(r1.ipv6ConfValue(file, &reported)) << file;
+      EXPECT_EQ(std::to_string(reported), held) << file;
+   }
+   EXPECT_TRUE(r1.confFresh(Mox::System::currentTime()));
+   time.source().elapse(KernelNetInfo::kConfFreshFor + 1);
+   EXPECT_FALSE(rec(m, veth.ifindex).confFresh(Mox::System::currentTime()));
+   ASSERT_EQ(m.resync(), 0);
+   EXPECT_TRUE(rec(m, veth.ifindex).confFresh(Mox::System::currentTime()));
 
    ASSERT_EQ(setLinkUp(sock(), veth.peerIfindex, true), 0);
    ASSERT_EQ(setLinkUp(sock(), veth.ifindex, true), 0);

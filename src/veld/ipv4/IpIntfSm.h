@@ -196,8 +196,11 @@ public:
    // ---- Kernel work (run by the backlog, inside the VRF's namespace)
    bool doUpdateKernelAddrIntf(Konet::IntfId const& intf);
    int doUpdateProc(Konet::IntfId const& intf);
+   // One setting of a routed interface whose device is `kniIntf`.
    int doUpdateProcConfigOpt(Konet::IntfId const& intf, IpIntfConfOptType opt,
-                             IntfIpKernelState& kernelState, std::string const& deviceName);
+                             IntfIpKernelState& kernelState,
+                             KernelNetInfo::Interface const& kniIntf,
+                             Mox::Ptr<Ip::IpIntfConfig const> const& config);
    // `ifaFlags`: IFA_F_NOPREFIXROUTE for an interface without attached routes.
    void delIpFromIntf(KernelNetInfo::Interface const& kniIntf, Konet::IpAddrWithMask const& addr);
    // Queues the add of an address the map does not show on the device yet; flushAdds sends
@@ -305,7 +308,8 @@ private:
    // Whether the device's link record still shows the kernel's value of one of its settings
    // (`file` under its /proc directory): the agent has not written that file since the device
    // appeared, for a /proc write sends no link message that would refresh the record.
-   bool linkConfFresh(KernelNetInfo::InterfaceKey key, std::string const& file) const;
+   bool linkConfFresh(KernelNetInfo::InterfaceKey key, std::string_view file) const;
+   void procWrittenIs(KernelNetInfo::InterfaceKey key, std::string_view file);
    // Whether the namespace's kernel has this per-device setting at all.
    bool kernelHasConf(char const* file);
    // Writes the device's /proc file and notes it written.
@@ -355,7 +359,7 @@ private:
    std::vector<Konet::IntfId> statusAfterAdds_;      // their interfaces, each once
    Mox::HashMap<std::string, bool> confFileExists_;  // kernelHasConf's answers
    // The /proc files the agent wrote, by device (ifindex), since the device appeared.
-   Mox::HashMap<uint32_t, Mox::HashSet<std::string>> procWrittenSinceLink_;
+   Mox::HashMap<uint32_t, uint64_t> procWrittenSinceLink_;  // linkConfFresh's bits
    struct DriftRepair {
       double delay = 0.0;  // of the next repair
       double last = 0.0;   // when drift was last seen

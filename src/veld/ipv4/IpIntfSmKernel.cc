@@ -29,10 +29,12 @@ char const* bit(bool on) { return on ? "1" : "0"; }
 // what differs from the kernel's defaults. The record is not refreshed by /proc writes: it
 // is asked only for a file the agent has not written since the device appeared
 // (linkConfFresh).
+// What the kernel reported with the link counts as a read of the file while it is fresh.
 bool kernelHolds(KernelNetInfo::Interface const& kniIntf, char const* file,
                  std::string const& value) {
    uint32_t current = 0;
-   return kniIntf.ipv4ConfValue(Konet::ipv4DevconfIndex(file), &current) &&
+   return kniIntf.confFresh(Mox::System::currentTime()) &&
+          kniIntf.ipv4ConfValue(Konet::ipv4DevconfIndex(file), &current) &&
           std::to_string(current) == value;
 }
 
@@ -253,7 +255,7 @@ bool IpIntfSm::doUpdateKernelAddrIntf(Konet::IntfId const& intf) {
          MOX_TRACE(th, 5,
                    "Re-adding the addresses of " << dev << " with attached routes "
                                                  << config->attachedRoutes());
-         procWrittenSinceLink_[kniIntf.key.ifIndex].insert("promote_secondaries");
+         procWrittenIs(kniIntf.key, "promote_secondaries");
          int err = kernelIo().ipAddrFlush(sock, static_cast<int>(kniIntf.key.ifIndex), dev,
                                           nsName().name());
          if (err) {
@@ -284,7 +286,7 @@ bool IpIntfSm::doUpdateKernelAddrIntf(Konet::IntfId const& intf) {
       MOX_TRACE(th, 5,
                 "ipAddrFlush sd " << sock << " ifindex " << kniIntf.key << " devName " << dev
                                   << " ns " << nsName());
-      procWrittenSinceLink_[kniIntf.key.ifIndex].insert("promote_secondaries");  // the flush's
+      procWrittenIs(kniIntf.key, "promote_secondaries");  // the flush's
       int err =
           kernelIo().ipAddrFlush(sock, static_cast<int>(kniIntf.key.ifIndex), dev, nsName().name());
       if (err) {
@@ -340,10 +342,10 @@ void IpIntfSm::doUpdateMss(std::string const& dev, Konet::MssClamp want) {
 // ---- Per-interface settings
 
 int IpIntfSm::doUpdateProcConfigOpt(Konet::IntfId const& intf, IpIntfConfOptType opt,
-                                    IntfIpKernelState& state, std::string const& dev) {
-   auto kniIntf = kniRoot_->interfaceByName(dev);
-   MOX_ASSERT(kniIntf != KernelNetInfo::Interface());
-   auto config = routedIpIntfConfig(intf);
+                                    IntfIpKernelState& state,
+                                    KernelNetInfo::Interface const& kniIntf,
+                                    Mox::Ptr<Ip::IpIntfConfig const> const& config) {
+   auto const& dev = kniIntf.deviceName;
    bool routing = in_.routingInfoConfig && in_.routingInfoConfig->routing();
    std::string value;
    switch (opt) {
@@ -433,14 +435,16 @@ int IpIntfSm::doUpdateProcConfigOpt(Konet::IntfId const& intf, IpIntfConfOptType
 int IpIntfSm::doUpdateProc(Konet::IntfId const& intf) {
    MOX_TRACE_FN(th, " for " << intf);
    auto dev = in_.kernelIntfDir ? in_.kernelIntfDir->intfStatusAndDeviceName(intf).second : "";
-   if (dev.empty() || !kniRoot_ || kniRoot_->interfaceByName(dev) == KernelNetInfo::Interface()) {
+   auto kniIntf =
+       dev.empty() || !kniRoot_ ? KernelNetInfo::Interface() : kniRoot_->interfaceByName(dev);
+   if (kniIntf == KernelNetInfo::Interface()) {
       Mox::logMessage(Mox::LogSeverity::info, "VELD-PROC",
                       std::string("doUpdateProc tried to write to /proc before") +
                           " deviceName for " + intf.name() + " was written.");
       return 0;
    }
-   if (!routedIpIntfConfig(intf)) return 0;  // only routed interfaces are ours to set
-   auto kniIntf = kniRoot_->interfaceByName(dev);
+   auto config = routedIpIntfConfig(intf);
+   if (!config) return 0;  // only routed interfaces are ours to set
    auto& state = intfIpKernelState_[intf];
    if (state.ifIndex() != kniIntf.key.ifIndex) {
       // Another device carries the interface now: nothing was written to it yet.
@@ -466,7 +470,7 @@ int IpIntfSm::doUpdateProc(Konet::IntfId const& intf) {
       if (err && err != ENOENT && !result) result = err;
    }
    for (size_t i = 0; i < IntfIpKernelState::kOptions; ++i) {
-      int err = doUpdateProcConfigOpt(intf, static_cast<Opt>(i), state, dev);
+      int err = doUpdateProcConfigOpt(intf, static_cast<Opt>(i), state, kniIntf, config);
       if (err && !result) result = err;
    }
    return result;
@@ -484,14 +488,25 @@ bool IpIntfSm::kernelHasConf(char const* file) {
    return *has;
 }
 
-bool IpIntfSm::linkConfFresh(KernelNetInfo::InterfaceKey key, std::string const& file) const {
+namespace {
+// A device's files as bits: by the kernel's number of each, one bit for all unnumbered ones.
+uint64_t confBit(std::string_view file) {
+   return uint64_t(1) << (Konet::ipv4DevconfIndex(file) & 63);
+}
+}  // namespace
+
+bool IpIntfSm::linkConfFresh(KernelNetInfo::InterfaceKey key, std::string_view file) const {
    auto const* written = procWrittenSinceLink_.find(key.ifIndex);
-   return !written || !written->contains(file);
+   return !written || !(*written & confBit(file));
+}
+
+void IpIntfSm::procWrittenIs(KernelNetInfo::InterfaceKey key, std::string_view file) {
+   procWrittenSinceLink_[key.ifIndex] |= confBit(file);
 }
 
 int IpIntfSm::writeDeviceProc(KernelNetInfo::Interface const& kniIntf, std::string const& file,
                               std::string const& value) {
-   procWrittenSinceLink_[kniIntf.key.ifIndex].insert(file);
+   procWrittenIs(kniIntf.key, file);
    return kernelIo().writeProcSys(std::string(kProcConfDir) + kniIntf.deviceName + "/" + file,
                                   value);
 }

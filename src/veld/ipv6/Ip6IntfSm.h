@@ -243,7 +243,9 @@ private:
    bool entryFailed(KernelUpdateCodefEntry& entry, int err, double now, char const* what);
    int writeSetting(Konet::IntfId const& intf, IntfIp6KernelState& state,
                     IntfIp6KernelState::Setting s, char const* dir, std::string const& dev,
-                    char const* file, std::string const& value, std::string const& trace);
+                    char const* file, std::string const& value);
+   bool reportedValue(std::string const& deviceName, char const* dir, char const* file,
+                      std::string* value) const;
    void updateNoArp(Konet::IntfId const& intf,
                     Mox::Ptr<Interface::IntfStatus const> const& intfStatus,
                     KernelNetInfo::Interface const& kniIntf,

@@ -48,13 +48,30 @@ bool Ip6IntfSm::setIp6Enable(std::string const& deviceName, Konet::IntfId const&
       bool strict = config && config->acceptDad() == Ip6::AcceptDadMode::dadStrict;
       if (!enable || strict || !kernelAddrsGone(deviceName)) return true;
    }
+   // Always read: the kernel itself switches IPv6 off (DAD failure under strict mode), as
+   // do others, and no link message tells of it.
+   char const* wanted = enable ? "0" : "1";
    MOX_TRACE(th, 5,
              "Attempting to " << (enable ? "enable" : "disable") << " ipv6 on device " << deviceName
                               << " in namespace " << ns);
    int err = kernelIo().writeProcSysIfDiffers(
-       std::string(Konet::V6_PROC_CONF) + "/" + deviceName + "/disable_ipv6", enable ? "0" : "1");
+       std::string(Konet::V6_PROC_CONF) + "/" + deviceName + "/disable_ipv6", wanted);
    if (err) return false;
    procIpv6Set.procIpv6Enabled.assign(intf, enable);
+   return true;
+}
+
+// The kernel reports a device's settings with its link messages but sends none when a file
+// is written: what it reported counts as a fresh read of the file for a few seconds
+// (KernelNetInfo::kConfFreshFor), and only for a file this machine has not written since.
+bool Ip6IntfSm::reportedValue(std::string const& deviceName, char const* dir, char const* file,
+                              std::string* value) const {
+   if (!kniRoot_ || std::string_view(dir) != Konet::V6_PROC_CONF) return false;
+   auto kniIntf = kniRoot_->interfaceByName(deviceName);
+   int32_t reported = 0;
+   if (!kniIntf.confFresh(Mox::System::currentTime()) || !kniIntf.ipv6ConfValue(file, &reported))
+      return false;
+   *value = std::to_string(reported);
    return true;
 }
 
@@ -65,12 +82,24 @@ bool Ip6IntfSm::kernelAddrsGone(std::string const& deviceName) const {
    return !held || held->empty();
 }
 
+// What a write of each setting traces (none for accept_redirects).
+namespace {
+char const* traceLabel(S::Setting s) {
+   static constexpr char const* kLabel[S::kSettings] = {
+       "forwarding",  "custom_ns_source", "use_custom_ns_source",
+       "ns-interval", "accept-dad",       "enhanced_dad",
+       nullptr,       "accept_ra",        "accept_ra_pinfo",
+       "autoconf",    "accept_ra_defrtr"};
+   return kLabel[s];
+}
+}  // namespace
+
 // Writes one setting when its value changed. ENOENT (the device or the file is not there)
 // counts as done without being recorded; another failure is reported, recorded nowhere and
 // returned.
 int Ip6IntfSm::writeSetting(Konet::IntfId const& intf, IntfIp6KernelState& state, S::Setting s,
                             char const* dir, std::string const& dev, char const* file,
-                            std::string const& value, std::string const& trace) {
+                            std::string const& value) {
    if (!state.needsWrite(s, value)) return 0;
    std::string path = std::string(dir) + "/" + dev + "/" + file;
    int err = 0;
@@ -78,7 +107,7 @@ int Ip6IntfSm::writeSetting(Konet::IntfId const& intf, IntfIp6KernelState& state
       // Nothing written to this device yet: a restart finds the value set already, and a
       // file this kernel lacks is not written at all.
       std::string held;
-      err = kernelIo().readProcSys(path, &held);
+      if (!reportedValue(dev, dir, file, &held)) err = kernelIo().readProcSys(path, &held);
       if (err == 0 && held == value) {
          state.heldIs(s, value);
          return 0;
@@ -87,7 +116,13 @@ int Ip6IntfSm::writeSetting(Konet::IntfId const& intf, IntfIp6KernelState& state
    if (err != ENOENT) err = kernelIo().writeProcSys(path, value);
    if (err == 0) {
       state.writtenIs(s, value);
-      if (!trace.empty()) MOX_TRACE(th, 5, trace);
+      if (char const* label = traceLabel(s)) {
+         if (s == S::forwarding) {
+            MOX_TRACE(th, 5, "Set forwarding for (" << intf.name() << ") to " << value);
+         } else {
+            MOX_TRACE(th, 5, "Setting " << label << " to " << value << " for " << intf.name());
+         }
+      }
       return 0;
    }
    if (err == ENOENT) {
@@ -117,48 +152,30 @@ int Ip6IntfSm::doUpdateProc(Konet::IntfId const& intf) {
    auto& state = *intfIp6KernelState_.emplace(intf).first;
    if (kniRoot_) state.ifIndexIs(kniRoot_->interfaceByName(dev).key.ifIndex);
    auto const* conf = Konet::V6_PROC_CONF;
-   auto id = intf.name();
    int failed = 0;
-   auto write = [&](S::Setting s, char const* dir, char const* file, std::string const& value,
-                    std::string const& trace) {
-      if (int err = writeSetting(intf, state, s, dir, dev, file, value, trace)) failed = err;
+   auto write = [&](S::Setting s, char const* dir, char const* file, std::string const& value) {
+      if (int err = writeSetting(intf, state, s, dir, dev, file, value)) failed = err;
    };
 
-   auto fwd = bit(isForwardingEnabled(intf));
-   write(S::forwarding, conf, "forwarding", fwd, "Set forwarding for (" + id + ") to " + fwd);
+   write(S::forwarding, conf, "forwarding", bit(isForwardingEnabled(intf)));
    auto nsSource = config->nsSourceAddr();
    if (!nsSource.isZero()) {
-      auto text = nsSource.toString();
-      write(S::customNsSource, conf, "custom_ns_source", text,
-            "Setting custom_ns_source to " + text + " for " + id);
-      write(S::useCustomNsSource, conf, "use_custom_ns_source", "1",
-            "Setting use_custom_ns_source to 1 for " + id);
+      write(S::customNsSource, conf, "custom_ns_source", nsSource.toString());
+      write(S::useCustomNsSource, conf, "use_custom_ns_source", "1");
    } else {
-      write(S::useCustomNsSource, conf, "use_custom_ns_source", "0",
-            "Setting use_custom_ns_source to 0 for " + id);
+      write(S::useCustomNsSource, conf, "use_custom_ns_source", "0");
    }
    if (uint32_t ms = config->nsRetransmitInterval()) {
-      write(S::nsRetransTime, Konet::V6_PROC_NEIGH, "retrans_time_ms", std::to_string(ms),
-            "Setting ns-interval to " + std::to_string(ms) + " for " + id);
+      write(S::nsRetransTime, Konet::V6_PROC_NEIGH, "retrans_time_ms", std::to_string(ms));
    }
-   auto dad = acceptDadValue(config->acceptDad());
-   write(S::acceptDad, conf, "accept_dad", dad,
-         "Setting accept-dad to " + std::string(dad) + " for " + id);
-   auto enhanced = bit(enhancedDadEnabled(config));
-   write(S::enhancedDad, conf, "enhanced_dad", enhanced,
-         "Setting enhanced_dad to " + std::string(enhanced) + " for " + id);
-   write(S::acceptRedirects, conf, "accept_redirects", "0", "");
+   write(S::acceptDad, conf, "accept_dad", acceptDadValue(config->acceptDad()));
+   write(S::enhancedDad, conf, "enhanced_dad", bit(enhancedDadEnabled(config)));
+   write(S::acceptRedirects, conf, "accept_redirects", "0");
    bool slaac = config->addrSource() == Ip6::AddrSource::slaac;
-   auto ra = slaac || config->acceptRaDefRtr() ? "2" : "0";
-   write(S::acceptRa, conf, "accept_ra", ra,
-         "Setting accept_ra to " + std::string(ra) + " for " + id);
-   write(S::acceptRaPinfo, conf, "accept_ra_pinfo", bit(slaac),
-         "Setting accept_ra_pinfo to " + std::string(bit(slaac)) + " for " + id);
-   write(S::autoconf, conf, "autoconf", bit(slaac),
-         "Setting autoconf to " + std::string(bit(slaac)) + " for " + id);
-   auto defRtr = bit(config->acceptRaDefRtr());
-   write(S::acceptRaDefRtr, conf, "accept_ra_defrtr", defRtr,
-         "Setting accept_ra_defrtr to " + std::string(defRtr) + " for " + id);
+   write(S::acceptRa, conf, "accept_ra", slaac || config->acceptRaDefRtr() ? "2" : "0");
+   write(S::acceptRaPinfo, conf, "accept_ra_pinfo", bit(slaac));
+   write(S::autoconf, conf, "autoconf", bit(slaac));
+   write(S::acceptRaDefRtr, conf, "accept_ra_defrtr", bit(config->acceptRaDefRtr()));
    return failed;
 }
 

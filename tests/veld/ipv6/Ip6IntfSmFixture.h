@@ -40,6 +40,10 @@ public:
       if (err == 0) ++writes;
       return err;
    }
+   int readProcSys(std::string_view path, std::string* value) override {
+      ops.push_back("read " + std::string(path));
+      return inner_.readProcSys(path, value);
+   }
    int ip6AddrAdd(int sock, int ifindex, Ip6AddrWithMask const& a) override {
       ops.push_back("add " + a.toString());
       ++adds;

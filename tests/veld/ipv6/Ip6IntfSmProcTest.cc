@@ -85,6 +85,38 @@ TEST_F(Ip6IntfSmProcTest, TheSettingsHoldTheConfiguredValuesAndAreWrittenOnce) {
    EXPECT_EQ(k1->numEnhancedDadUpdates(), 1u);
 }
 
+// The kernel reports a device's settings with its link but tells of no /proc write: the
+// report stands in for reading the files only while it is fresh.
+TEST_F(Ip6IntfSmProcTest, TheLinksReportSavesReadsWhileFreshAndTheFilesDecideAfter) {
+   auto e1 = addIntf("Ethernet1");
+   auto e2 = addIntf("Ethernet2");
+   e1.config->acceptDadIs(Ip6::AcceptDadMode::dadDefault);  // the kernel's own "1"
+   e2.config->acceptDadIs(Ip6::AcceptDadMode::dadDefault);
+   place(e1);
+   mirror->processEvents();
+   makeSm();
+   settle();
+   auto conf = [](std::string const& dev) { return "read /proc/sys/net/ipv6/conf/" + dev + "/"; };
+   auto const& d1 = e1.veth.name;
+   // Fresh: only disable_ipv6, which the kernel also changes by itself, and the files the
+   // report lacks are read.
+   EXPECT_EQ(io.count(conf(d1)),
+             io.count(conf(d1) + "disable_ipv6") + io.count(conf(d1) + "use_custom_ns_source"));
+   EXPECT_EQ(proc(d1, "accept_dad"), "1");
+   EXPECT_EQ(proc(d1, "accept_ra"), "0");
+
+   // Later, e2's device has accept_dad changed behind the agent's back, which its old link
+   // report does not show: the file is read and put right.
+   Mox::activityManager().advanceBy(KernelNetInfo::kConfFreshFor + 1);
+   auto const& d2 = e2.veth.name;
+   ASSERT_EQ(Konet::writeProcSys("/proc/sys/net/ipv6/conf/" + d2 + "/accept_dad", "0"), 0);
+   place(e2);
+   settle();
+   EXPECT_EQ(io.count(conf(d2) + "accept_dad"), 1u);
+   EXPECT_EQ(proc(d2, "accept_dad"), "1");
+   EXPECT_EQ(proc(d2, "accept_ra"), "0");
+}
+
 TEST_F(Ip6IntfSmProcTest, AWriteThatKeepsFailingIsAbandonedAfter33Tries) {
    auto e1 = addIntf("Ethernet1");
    e1.config->addrIs(v6("2001:db8:1::1/64"));
