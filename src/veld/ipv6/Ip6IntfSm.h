@@ -246,6 +246,7 @@ private:
                     char const* file, std::string const& value);
    bool reportedValue(std::string const& deviceName, char const* dir, char const* file,
                       std::string* value) const;
+   bool kernelHasConf(char const* dir, char const* file);
    void updateNoArp(Konet::IntfId const& intf,
                     Mox::Ptr<Interface::IntfStatus const> const& intfStatus,
                     KernelNetInfo::Interface const& kniIntf,
@@ -269,6 +270,7 @@ private:
    std::unique_ptr<Reactors> reactors_;
    Mox::Ptr<Mox::TimerNotifiee> backlogTimer_;
    Mox::HashMap<Konet::IntfId, Mox::Ptr<MoxConfigIntf>> configIntf_;
+   Mox::HashMap<std::string, bool> confFileExists_;  // kernelHasConf's answers
    Mox::HashMap<KernelNetInfo::InterfaceKey, Mox::Ptr<KniIntfState>> kniIntfState_;
    Mox::HashMap<Konet::IntfId, KernelUpdateCodefEntry> ip6IntfKernelUpdateCodefList_;
    Mox::HashMap<Konet::IntfId, IntfIp6KernelState> intfIp6KernelState_;

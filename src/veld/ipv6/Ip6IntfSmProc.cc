@@ -82,6 +82,20 @@ bool Ip6IntfSm::kernelAddrsGone(std::string const& deviceName) const {
    return !held || held->empty();
 }
 
+// Some per-device files are not in every kernel (the neighbour-solicitation source): "all"
+// is asked once whether it has one.
+bool Ip6IntfSm::kernelHasConf(char const* dir, char const* file) {
+   if (std::string_view(dir) != Konet::V6_PROC_CONF || KernelNetInfo::ip6ConfSlot(file) >= 0) {
+      return true;
+   }
+   auto [has, fresh] = confFileExists_.emplace(file);
+   if (fresh) {
+      std::string value;
+      *has = kernelIo().readProcSys(std::string(dir) + "/all/" + file, &value) != ENOENT;
+   }
+   return *has;
+}
+
 // What a write of each setting traces (none for accept_redirects).
 namespace {
 char const* traceLabel(S::Setting s) {
@@ -101,6 +115,10 @@ int Ip6IntfSm::writeSetting(Konet::IntfId const& intf, IntfIp6KernelState& state
                             char const* dir, std::string const& dev, char const* file,
                             std::string const& value) {
    if (!state.needsWrite(s, value)) return 0;
+   if (!kernelHasConf(dir, file)) {
+      state.heldIs(s, value);  // a setting this kernel does not have
+      return 0;
+   }
    std::string path = std::string(dir) + "/" + dev + "/" + file;
    int err = 0;
    if (!state.written(s)) {
