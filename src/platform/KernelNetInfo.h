@@ -76,8 +76,8 @@ struct Interface {
    // reported them with the link: bit i of ipv6ConfKnown is set when ipv6Conf[i] was.
    std::array<int32_t, kIp6ConfFiles.size()> ipv6Conf{};
    uint16_t ipv6ConfKnown = 0;
-   // When the kernel reported these settings (Mox::System time). It sends no link message
-   // when a /proc file changes, so they are as good as a read of the files at that time.
+   // When the mirror took in the report of these settings (Mox::System time). It sends no link
+   // message when a /proc file changes, so they are as good as a read of the files at that time.
    // Not part of equality: a record that changed in nothing else keeps its older time.
    double confReportedAt = 0.0;
 

@@ -310,6 +310,8 @@ private:
    // appeared, for a /proc write sends no link message that would refresh the record.
    bool linkConfFresh(KernelNetInfo::InterfaceKey key, std::string_view file) const;
    void procWrittenIs(KernelNetInfo::InterfaceKey key, std::string_view file);
+   bool kernelHolds(KernelNetInfo::Interface const& kniIntf, char const* file,
+                    std::string const& value);
    // Whether the namespace's kernel has this per-device setting at all.
    bool kernelHasConf(char const* file);
    // Writes the device's /proc file and notes it written.

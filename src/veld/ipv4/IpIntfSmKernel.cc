@@ -24,20 +24,6 @@ char const* const kOptFile[] = {
 
 char const* bit(bool on) { return on ? "1" : "0"; }
 
-// Whether the kernel's record of the device already shows `value` for `file`: the device's
-// settings come with its link messages, so a fresh device (or a restarted agent) writes only
-// what differs from the kernel's defaults. The record is not refreshed by /proc writes: it
-// is asked only for a file the agent has not written since the device appeared
-// (linkConfFresh).
-// What the kernel reported with the link counts as a read of the file while it is fresh.
-bool kernelHolds(KernelNetInfo::Interface const& kniIntf, char const* file,
-                 std::string const& value) {
-   uint32_t current = 0;
-   return kniIntf.confFresh(Mox::System::currentTime()) &&
-          kniIntf.ipv4ConfValue(Konet::ipv4DevconfIndex(file), &current) &&
-          std::to_string(current) == value;
-}
-
 }  // namespace
 
 // ---- Addresses
@@ -407,8 +393,7 @@ int IpIntfSm::doUpdateProcConfigOpt(Konet::IntfId const& intf, IpIntfConfOptType
       state.heldIs(i, value);  // a setting this kernel does not have
       return 0;
    }
-   if (!state.written(i) && linkConfFresh(kniIntf.key, kOptFile[i]) &&
-       kernelHolds(kniIntf, kOptFile[i], value)) {
+   if (!state.written(i) && kernelHolds(kniIntf, kOptFile[i], value)) {
       state.heldIs(i, value);
       ++procWritesSkipped_;
       return 0;
@@ -459,8 +444,7 @@ int IpIntfSm::doUpdateProc(Konet::IntfId const& intf) {
    for (size_t i = 0; i < 3; ++i) {
       auto& written = state.extra(i);
       if (written && *written == kExtraValue[i]) continue;
-      if (!written && linkConfFresh(kniIntf.key, kExtraFile[i]) &&
-          kernelHolds(kniIntf, kExtraFile[i], kExtraValue[i])) {
+      if (!written && kernelHolds(kniIntf, kExtraFile[i], kExtraValue[i])) {
          written = kExtraValue[i];
          ++procWritesSkipped_;
          continue;
@@ -498,6 +482,24 @@ uint64_t confBit(std::string_view file) {
 bool IpIntfSm::linkConfFresh(KernelNetInfo::InterfaceKey key, std::string_view file) const {
    auto const* written = procWrittenSinceLink_.find(key.ifIndex);
    return !written || !(*written & confBit(file));
+}
+
+// Whether the device's `file` holds `value` already, for a file without a record of ours:
+// the device's settings come with its link messages, so a fresh device (or a restarted
+// agent) writes only what differs. The kernel sends no link message when a file is written,
+// so the report stands in for a read only while fresh and for a file the agent has not
+// written since the device appeared; otherwise the file is read.
+bool IpIntfSm::kernelHolds(KernelNetInfo::Interface const& kniIntf, char const* file,
+                           std::string const& value) {
+   uint32_t reported = 0;
+   if (linkConfFresh(kniIntf.key, file) && kniIntf.confFresh(Mox::System::currentTime()) &&
+       kniIntf.ipv4ConfValue(Konet::ipv4DevconfIndex(file), &reported)) {
+      return std::to_string(reported) == value;
+   }
+   std::string held;
+   return kernelIo().readProcSys(std::string(kProcConfDir) + kniIntf.deviceName + "/" + file,
+                                 &held) == 0 &&
+          held == value;
 }
 
 void IpIntfSm::procWrittenIs(KernelNetInfo::InterfaceKey key, std::string_view file) {

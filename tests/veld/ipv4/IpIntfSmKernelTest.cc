@@ -361,6 +361,25 @@ TEST_F(IpIntfSmKernelTest, ProcFilesHoldTheTabledValuesAndAreWrittenOnlyOnChange
    EXPECT_FALSE(ipStatus(e1.id)->dpRoutingEnabled());
 }
 
+// The kernel tells of no /proc write: a device's link report stands in for reading its files
+// only while fresh. An old one is not trusted over the files.
+TEST_F(IpIntfSmKernelTest, AnOldLinkReportLeavesTheDecisionToTheFiles) {
+   auto e1 = addIntf("Ethernet1");
+   place(e1);
+   mirror->processEvents();
+   auto const& dev = e1.veth.name;
+   // Long after the device's report, somebody sets arp_filter, which the agent wants off;
+   // the report still shows the kernel's "0".
+   Mox::activityManager().advanceBy(KernelNetInfo::kConfFreshFor + 1);
+   ASSERT_EQ(Konet::writeProcSys("/proc/sys/net/ipv4/conf/" + dev + "/arp_filter", "1"), 0);
+   makeSm();
+   settle();
+   EXPECT_EQ(proc(dev, "arp_filter"), "0");
+   EXPECT_EQ(io.writesTo(dev + "/arp_filter").size(), 1u);
+   // A value the file holds already is not written, also when it is read.
+   EXPECT_TRUE(io.writesTo(dev + "/proxy_arp_pvlan").empty());
+}
+
 TEST_F(IpIntfSmKernelTest, DirectedBroadcastIsTheDevicesBcForwardingWrittenOnlyOnChange) {
    auto e1 = addIntf("Ethernet1");
    e1.config->directedBroadcastEnabledIs(true);
