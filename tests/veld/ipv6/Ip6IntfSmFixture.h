@@ -180,6 +180,8 @@ protected:
       if (!sm) return;
       EXPECT_TRUE(KonetTest::waitFor([&] {
          settleVirtual(4);
+         // Work still queued may be the status update for what the mirror just reported.
+         if (sm->ip6IntfKernelUpdateCodefListSize()) return false;
          for (int i : devs_) {
             // The machine must have seen the end of DAD too: it adds globals after it.
             if (!tentative(i).empty() || knownAddrs(i) != kernelAddrs(i) || knownTentative(i))

@@ -155,7 +155,7 @@ TEST_F(Ip6IntfSmProcTest, AWriteThatKeepsFailingIsAbandonedAfter33Tries) {
    // A failing enhanced_dad write is reported with the setting's own spelling.
    io.failPath = e1.veth.name + "/enhanced_dad";
    e1.config->enhancedDadIs(Ip::TristateBool::isTrue);
-   settle(3);
+   settleVirtual(3);
    EXPECT_TRUE(traces.contains("Failed (err: 5) to write /proc/sys/net/ipv6/conf/" + e1.veth.name +
                                "/enhanced-dad"));
    // ... and once it works, the value is in.
