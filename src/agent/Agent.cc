@@ -11,6 +11,7 @@
 #include <cstring>
 #include <fstream>
 
+#include "agent/JsonRead.h"
 #include "mox/Trace.h"
 
 namespace VeldAgent {
@@ -52,7 +53,10 @@ int Agent::start(Configuration const& config) {
    // The machines start from what the agent applied before it stopped, which is what the
    // kernel holds, and the configuration follows as a change of it: what was removed
    // meanwhile (an interface, a VRF) is taken out of the kernel like any other change.
-   auto applied = appliedBefore();
+   std::string const configText = configurationToJson(config);
+   bool unchanged = false;
+   auto recorded = appliedBefore(configText, &unchanged);
+   Configuration const* applied = unchanged ? &config : recorded ? &*recorded : nullptr;
    if (applied) seedIp6OwnAddrs(*applied);
    if (!options_.runDir.empty()) {
       dhcp_ = std::make_unique<DhcpClients>(loop_, e_, mirrors_, *vrfs_, options_.runDir);
@@ -93,8 +97,12 @@ int Agent::start(Configuration const& config) {
       if (control_) control_->push(stream, text);
    });
    nexthops_->configIs(writer_->current());
-   if (applied && !(*applied == config)) apply(config);
-   recordApplied();
+   if (unchanged) return 0;  // the record already says what is applied
+   if (applied && !(*applied == config)) {
+      apply(config);
+   } else {
+      recordApplied(configText);
+   }
    return 0;
 }
 
@@ -109,11 +117,21 @@ void Agent::seedIp6OwnAddrs(Configuration const& applied) {
    }
 }
 
-std::optional<Configuration> Agent::appliedBefore() const {
+// A record that reads exactly as the configuration would be written is that configuration
+// (`unchanged`, and nothing is returned): a restart on an unchanged configuration parses and
+// checks it once.
+std::optional<Configuration> Agent::appliedBefore(std::string const& configText,
+                                                  bool* unchanged) const {
+   *unchanged = false;
    if (options_.runDir.empty()) return std::nullopt;
    std::string path = appliedPath();
    if (::access(path.c_str(), F_OK) != 0 && errno == ENOENT) return std::nullopt;  // first start
-   auto result = loadConfigurationFile(path);
+   std::string text;
+   if (!readDocumentFile(path, kMaxConfigBytes, &text) && text == configText) {
+      *unchanged = true;
+      return std::nullopt;
+   }
+   auto result = text.empty() ? loadConfigurationFile(path) : parseConfiguration(text);
    if (!result.config) {
       Mox::logMessage(Mox::LogSeverity::warning, "VELD-START",
                       path + " is unusable (" + result.errors.front().toString() +
@@ -124,7 +142,7 @@ std::optional<Configuration> Agent::appliedBefore() const {
 
 // Written to a new file and renamed over the old one, so that a crash mid-write leaves the
 // previous record whole. The next start depends on it: a failure is logged.
-void Agent::recordApplied() const {
+void Agent::recordApplied(std::string const& text) const {
    if (options_.runDir.empty()) return;
    std::string path = appliedPath();
    std::string tmp = path + ".new";
@@ -134,7 +152,7 @@ void Agent::recordApplied() const {
    };
    {
       std::ofstream out(tmp, std::ios::trunc);
-      out << configurationToJson(config());
+      out << text;
       out.flush();
       if (!out) return failed("cannot write " + tmp);
    }
@@ -314,7 +332,7 @@ ConfigDiff Agent::apply(Configuration const& config) {
    auto diff = writer_->apply(config);
    if (dhcp_) dhcp_->sync(config);
    if (nexthops_) nexthops_->configIs(config);
-   recordApplied();
+   recordApplied(configurationToJson(config));
    Mox::logMessage(Mox::LogSeverity::notice, "VELD-CONFIG",
                    "configuration applied: " + diff.summary());
    return diff;

@@ -124,9 +124,9 @@ public:
 private:
    void buildLibrary();
    // The configuration in force when the agent last stopped (kept in the run directory).
-   std::optional<Configuration> appliedBefore() const;
+   std::optional<Configuration> appliedBefore(std::string const& configText, bool* unchanged) const;
    void seedIp6OwnAddrs(Configuration const& applied);
-   void recordApplied() const;
+   void recordApplied(std::string const& text) const;
    std::string appliedPath() const { return options_.runDir + "/applied.json"; }
    void recordIp6EnableRequests() const;
    void restoreIp6EnableRequests();

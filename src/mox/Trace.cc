@@ -4,11 +4,16 @@
 #include <chrono>
 #include <cstdio>
 #include <cstring>
+#include <fstream>
 #include <iostream>
 #include <map>
 #include <memory>
 #include <mutex>
 #include <sstream>
+
+#if defined(__x86_64__)
+#include <x86intrin.h>
+#endif
 
 namespace Mox {
 namespace {
@@ -289,12 +294,52 @@ MsgDesc::MsgDesc(char const* file, int line, char const* format)
    descriptors().push_back(this);
 }
 
+namespace {
+
+uint64_t steadyNanoseconds() {
+   using namespace std::chrono;
+   return static_cast<uint64_t>(
+       duration_cast<nanoseconds>(steady_clock::now().time_since_epoch()).count());
+}
+
+// The time-stamp counter is read in a few nanoseconds, the steady clock in tens: it is
+// used where the kernel trusts it as its own clock source (constant rate, synchronised).
+bool kernelKeepsTimeByTsc() {
+#if defined(__x86_64__)
+   std::ifstream in("/sys/devices/system/clocksource/clocksource0/current_clocksource");
+   std::string source;
+   return in >> source && source == "tsc";
+#else
+   return false;
+#endif
+}
+
+}  // namespace
+
+RingBuf::Clock::Clock() : tsc(kernelKeepsTimeByTsc()) {
+   seconds0 = Mox::steadySeconds();
+   ticks0 = ticks();
+}
+
+uint64_t RingBuf::Clock::ticks() const {
+#if defined(__x86_64__)
+   if (tsc) return __rdtsc();
+#endif
+   return steadyNanoseconds();
+}
+
+double RingBuf::Clock::secondsPerTick() const {
+   if (!tsc) return 1e-9;
+   double ticksSince = static_cast<double>(ticks() - ticks0);
+   return ticksSince > 0 ? (Mox::steadySeconds() - seconds0) / ticksSince : 0.0;
+}
+
 RingBuf::RingBuf(size_t capacity) : ring_(std::max<size_t>(capacity, 1)) {}
 
 std::string& RingBuf::startMsg(MsgDesc const& desc) {
    Msg& m = ring_[next_];
    m.desc = &desc;
-   m.time = Mox::steadySeconds();
+   m.ticks = clock_.ticks();
    m.args.clear();  // keeps its capacity: a full ring allocates nothing more
    next_ = (next_ + 1) % ring_.size();
    count_ = std::min(count_ + 1, ring_.size());
@@ -382,11 +427,15 @@ void printPieces(std::string const& pieces, std::string& out) {
 
 std::string RingBuf::dump() const {
    std::string out;
+   double const perTick = clock_.secondsPerTick();
    size_t first = (next_ + ring_.size() - count_) % ring_.size();
    for (size_t i = 0; i < count_; ++i) {
       Msg const& m = ring_[(first + i) % ring_.size()];
       char head[64];
-      std::snprintf(head, sizeof head, "%.6f ", m.time);
+      std::snprintf(
+          head, sizeof head, "%.6f ",
+          clock_.seconds0 +
+              static_cast<double>(static_cast<int64_t>(m.ticks - clock_.ticks0)) * perTick);
       out += head;
       out += m.desc->file();
       out += ':';

@@ -245,11 +245,23 @@ public:
    void clear();
 
 private:
+   // Messages are stamped with a cheap tick counter, turned into steady-clock seconds when
+   // the ring is dumped, by the ticks' rate between the ring's creation and the dump.
+   struct Clock {
+      Clock();
+      uint64_t ticks() const;
+      double secondsPerTick() const;
+
+      bool tsc = false;  // the CPU's time-stamp counter, where the kernel keeps time by it
+      uint64_t ticks0 = 0;
+      double seconds0 = 0.0;
+   };
    struct Msg {
       MsgDesc const* desc = nullptr;
-      double time = 0.0;
+      uint64_t ticks = 0;
       std::string args;  // pieces
    };
+   Clock clock_;
    std::vector<Msg> ring_;
    size_t next_ = 0;
    size_t count_ = 0;

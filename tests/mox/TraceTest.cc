@@ -3,6 +3,9 @@
 #include <gtest/gtest.h>
 
 #include <cerrno>
+#include <chrono>
+#include <sstream>
+#include <thread>
 
 #include "mox/Dir.h"
 #include "mox/Enum.h"
@@ -136,6 +139,28 @@ TEST(Trace, RingBufferRecordsFunctionEntriesEvenWithTheTraceOff) {
    evaluated = 0;
    Machine().handleInitialized(9);
    EXPECT_EQ(evaluated, 0);
+}
+
+// The dump shows each message's time on the steady clock, however the ring stamps it.
+TEST(Trace, RingBufferTimesAreSteadyClockSeconds) {
+   auto steady = [] {
+      return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch())
+          .count();
+   };
+   double before = steady();
+   Ringlog::open(4);
+   Machine().handleInitialized(1);
+   std::this_thread::sleep_for(std::chrono::milliseconds(20));
+   Machine().handleInitialized(2);
+   double after = steady();
+   std::istringstream dump(Ringlog::defaultBuf()->dump());
+   Ringlog::close();
+   double first = 0, second = 0;
+   std::string line;
+   ASSERT_TRUE(dump >> first && std::getline(dump, line) && dump >> second);
+   EXPECT_GE(first, before - 1e-3);
+   EXPECT_LE(second, after + 1e-3);
+   EXPECT_GE(second - first, 0.019);
 }
 
 TEST(Log, RateLimitedPerHandle) {
