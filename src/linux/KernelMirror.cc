@@ -110,6 +110,10 @@ void KernelMirror::applyAddrDel(AddrInfo const& addr) { status_->ipStateDel(keyO
 
 int KernelMirror::resync() {
    ++resyncs_;
+   // What is queued is older than the dump that follows, which holds its effect: applied
+   // after it, a link message would put back settings changed since (no message tells of a
+   // changed /proc file) and pass them for fresh.
+   discardQueuedEvents();
    std::vector<LinkInfo> links;
    std::vector<AddrInfo> addrs;
    // A dump that met a change of what it lists is marked inconsistent by the kernel
@@ -188,6 +192,14 @@ int onEvent(nlmsghdr const* nlh, void* data) {
 void KernelMirror::applyDatagram(void const* buf, size_t len) {
    ++messages_;
    if (wellFramed(buf, len)) mnl_cb_run(buf, len, 0, 0, onEvent, this);
+}
+
+void KernelMirror::discardQueuedEvents() {
+   alignas(nlmsghdr) char buf[1 << 16];
+   for (;;) {
+      ssize_t n = ::recv(events_.get(), buf, sizeof buf, MSG_DONTWAIT);
+      if (n == 0 || (n < 0 && errno != EINTR && errno != ENOBUFS)) return;
+   }
 }
 
 int KernelMirror::processEvents() {

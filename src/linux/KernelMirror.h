@@ -53,6 +53,7 @@ public:
    void applyAddrDel(AddrInfo const& addr);
 
 private:
+   void discardQueuedEvents();
    struct LinkState {
       uint32_t flags = 0;
       uint32_t carrierChanges = 0;

@@ -214,6 +214,7 @@ int ipv6DevconfIndex(std::string_view setting) {
        {"accept_ra_pinfo", DEVCONF_ACCEPT_RA_PINFO},
        {"accept_dad", DEVCONF_ACCEPT_DAD},
        {"enhanced_dad", DEVCONF_ENHANCED_DAD},
+       {"disable_ipv6", DEVCONF_DISABLE_IPV6},
    };
    for (auto const& [name, index] : kIndex) {
       if (name == setting) return index + 1;

@@ -49,9 +49,9 @@ constexpr uint32_t kIfaSecondary = 0x01;
 inline constexpr double kConfFreshFor = 5.0;
 
 // The per-device IPv6 /proc files whose values the kernel mirror keeps from link messages.
-inline constexpr std::array<std::string_view, 8> kIp6ConfFiles = {
-    "forwarding",       "accept_ra",       "accept_redirects", "autoconf",
-    "accept_ra_defrtr", "accept_ra_pinfo", "accept_dad",       "enhanced_dad"};
+inline constexpr std::array<std::string_view, 9> kIp6ConfFiles = {
+    "forwarding",      "accept_ra",  "accept_redirects", "autoconf",    "accept_ra_defrtr",
+    "accept_ra_pinfo", "accept_dad", "enhanced_dad",     "disable_ipv6"};
 // The index of `file` in kIp6ConfFiles, or -1.
 constexpr int ip6ConfSlot(std::string_view file) {
    for (size_t i = 0; i < kIp6ConfFiles.size(); ++i) {

@@ -48,9 +48,17 @@ bool Ip6IntfSm::setIp6Enable(std::string const& deviceName, Konet::IntfId const&
       bool strict = config && config->acceptDad() == Ip6::AcceptDadMode::dadStrict;
       if (!enable || strict || !kernelAddrsGone(deviceName)) return true;
    }
-   // Always read: the kernel itself switches IPv6 off (DAD failure under strict mode), as
-   // do others, and no link message tells of it.
+   // Read before it is switched on: the kernel itself switches IPv6 off (DAD failure under
+   // strict mode) and no link message tells of it. Off is never undone by the kernel, so a
+   // fresh report of off, with nothing written since, stands for a read.
    char const* wanted = enable ? "0" : "1";
+   std::string reported;
+   if (!enable && !procIpv6Set.procIpv6Enabled.find(intf) &&
+       reportedValue(deviceName, Konet::V6_PROC_CONF, "disable_ipv6", &reported) &&
+       reported == wanted) {
+      procIpv6Set.procIpv6Enabled.assign(intf, enable);
+      return true;
+   }
    MOX_TRACE(th, 5,
              "Attempting to " << (enable ? "enable" : "disable") << " ipv6 on device " << deviceName
                               << " in namespace " << ns);

@@ -92,18 +92,35 @@ TEST_F(Ip6IntfSmProcTest, TheLinksReportSavesReadsWhileFreshAndTheFilesDecideAft
    auto e2 = addIntf("Ethernet2");
    e1.config->acceptDadIs(Ip6::AcceptDadMode::dadDefault);  // the kernel's own "1"
    e2.config->acceptDadIs(Ip6::AcceptDadMode::dadDefault);
+   // e3 has IPv6 off, as its device already has.
+   auto e3 = addIntf("Ethernet3");
+   e3.config->enableIs(false);
+   auto const& d3 = e3.veth.name;
+   ASSERT_EQ(Konet::writeProcSys("/proc/sys/net/ipv6/conf/" + d3 + "/disable_ipv6", "1"), 0);
    place(e1);
-   mirror->processEvents();
+   place(e3);
+   ASSERT_EQ(mirror->resync(), 0);
    makeSm();
    settle();
    auto conf = [](std::string const& dev) { return "read /proc/sys/net/ipv6/conf/" + dev + "/"; };
    auto const& d1 = e1.veth.name;
-   // Fresh: only disable_ipv6, which the kernel also changes by itself, and the files the
-   // report lacks are read.
+   // Fresh: only disable_ipv6 before IPv6 goes on, which the kernel also changes by itself,
+   // and the files the report lacks are read.
    EXPECT_EQ(io.count(conf(d1)),
              io.count(conf(d1) + "disable_ipv6") + io.count(conf(d1) + "use_custom_ns_source"));
    EXPECT_EQ(proc(d1, "accept_dad"), "1");
    EXPECT_EQ(proc(d1, "accept_ra"), "0");
+   // IPv6 off, as reported: neither read nor written.
+   EXPECT_EQ(io.count(conf(d3) + "disable_ipv6"), 0u);
+   EXPECT_EQ(io.count("write /proc/sys/net/ipv6/conf/" + d3 + "/disable_ipv6"), 0u);
+   // Once the machine has written the file, the report no longer stands for it.
+   e3.config->enableIs(true);
+   settle();
+   EXPECT_EQ(proc(d3, "disable_ipv6"), "0");
+   e3.config->enableIs(false);
+   settle();
+   EXPECT_EQ(proc(d3, "disable_ipv6"), "1");
+   EXPECT_EQ(io.count(conf(d3) + "disable_ipv6"), 2u);
 
    // Later, e2's device has accept_dad changed behind the agent's back, which its old link
    // report does not show: the file is read and put right.
