@@ -23,6 +23,12 @@ std::set<Konet::IpAddrWithMask> configuredV4(InterfaceSettings const& s,
    return out;
 }
 
+template <class M>
+typename M::mapped_type const* valueOrNull(M const& m, typename M::key_type const& k) {
+   auto it = m.find(k);
+   return it == m.end() ? nullptr : &it->second;
+}
+
 template <class C>
 Json addrs(C const& c) {
    Json out = Json::array();
@@ -51,38 +57,40 @@ std::vector<std::pair<L3::VrfName, Mox::Ptr<Veld::IpIntfSm>>> Agent::ipIntfSms()
    return out;
 }
 
-// The kernel's IPv4 addresses of each namespace, by device.
-static std::map<Konet::NamespaceName, std::map<std::string, std::set<Konet::IpAddrWithMask>>>
-kernelAddrs(KernelMirrors const& mirrors) {
-   std::map<Konet::NamespaceName, std::map<std::string, std::set<Konet::IpAddrWithMask>>> out;
+// The IPv4 addresses a namespace's kernel holds, by device index; apart, those it holds as
+// secondaries of their subnet (the source address selection never picks them where a
+// primary is there).
+struct KernelV4 {
+   std::set<Konet::IpAddrWithMask> held;
+   std::set<Konet::IpAddrWithMask> secondaries;
+};
+using KernelV4ByIndex = std::unordered_map<uint32_t, KernelV4>;
+using KernelV4ByNs = std::map<Konet::NamespaceName, KernelV4ByIndex>;
+
+static KernelV4ByNs kernelV4(KernelMirrors const& mirrors) {
+   KernelV4ByNs out;
    for (auto const& ns : mirrors.namespaces()) {
-      auto* m = mirrors.mirror(ns);
-      auto& byDev = out[ns];
-      for (auto const& [index, list] : kernelIpv4ByIfindex(*m)) {
-         auto rec = m->status()->interface(KernelNetInfo::InterfaceKey{index});
-         byDev[rec.deviceName].insert(list.begin(), list.end());
+      auto& byIndex = out[ns];
+      auto table = mirrors.mirror(ns)->status()->ipState();
+      for (auto it = table.begin(); it != table.end(); ++it) {
+         auto const& k = it.key();
+         if (!k.addr.isV4() || !it.value().assigned) continue;
+         auto& dev = byIndex[k.intfKey.ifIndex];
+         Konet::IpAddrWithMask a(k.addr.v4(), static_cast<uint8_t>(k.prefixLen));
+         dev.held.insert(a);
+         if (it.value().flags & KernelNetInfo::kIfaSecondary) dev.secondaries.insert(a);
       }
    }
    return out;
 }
 
-// The IPv4 addresses each namespace's kernel holds as secondaries of their subnet, by device:
-// the source address selection never picks them where a primary is there.
-static std::map<Konet::NamespaceName, std::map<std::string, std::set<Konet::IpAddrWithMask>>>
-kernelSecondaries(KernelMirrors const& mirrors) {
-   std::map<Konet::NamespaceName, std::map<std::string, std::set<Konet::IpAddrWithMask>>> out;
-   for (auto const& ns : mirrors.namespaces()) {
-      auto const& status = mirrors.mirror(ns)->status();
-      auto table = status->ipState();
-      for (auto it = table.begin(); it != table.end(); ++it) {
-         auto const& k = it.key();
-         if (!k.addr.isV4() || !it.value().assigned) continue;
-         if (!(it.value().flags & KernelNetInfo::kIfaSecondary)) continue;
-         auto dev = status->interface(k.intfKey).deviceName;
-         out[ns][dev].emplace(k.addr.v4(), static_cast<uint8_t>(k.prefixLen));
-      }
-   }
-   return out;
+// What namespace `ns` holds on the device of index `ifIndex` (none for 0).
+static KernelV4 const& kernelV4Of(KernelV4ByNs const& kernel, Konet::NamespaceName const& ns,
+                                  uint32_t ifIndex) {
+   static KernelV4 const kNone;
+   auto const* byIndex = valueOrNull(kernel, ns);
+   auto const* dev = byIndex && ifIndex ? valueOrNull(*byIndex, ifIndex) : nullptr;
+   return dev ? *dev : kNone;
 }
 
 bool Agent::converged() const {
@@ -99,8 +107,7 @@ bool Agent::converged() const {
           vrfRoot->ip6IntfSm()->ip6IntfKernelUpdateCodefListSize())
          return false;
    }
-   auto kernel = kernelAddrs(mirrors_);
-   auto secondaries = kernelSecondaries(mirrors_);
+   auto const kernel = kernelV4(mirrors_);
    for (auto const& [id, s] : config().interfaces) {
       auto status = e_.allIntfStatus->intfStatus(id);
       if (!status || status->deviceName().empty()) return false;
@@ -112,7 +119,8 @@ bool Agent::converged() const {
       auto selected = e_.ipConfig->ipIntfConfig(id);
       auto primary = selected ? selected->addrWithMask() : Konet::IpAddrWithMask();
       auto want = configuredV4(s, primary);
-      auto const& held = kernel[ns][s.device];
+      auto const& dev = kernelV4Of(kernel, ns, rec.key.ifIndex);
+      auto const& held = dev.held;
       auto ip = e_.ipStatus->intf(id);
       // Where no address belongs (a bridge port, a device without carrier), the kernel and
       // the published status hold none of the configured ones.
@@ -129,7 +137,7 @@ bool Agent::converged() const {
       if (ip->addrWithMask() != primary) return false;
       // The configured primary is the kernel's primary of its subnet, not one of its
       // secondaries.
-      if (primary.len() && secondaries[ns][s.device].count(primary)) return false;
+      if (primary.len() && dev.secondaries.count(primary)) return false;
       if (ip->activeSecondaryWithMaskIterator().size() != s.ipv4.secondaries.size()) return false;
       for (auto const& a : s.ipv4.secondaries) {
          if (!ip->activeSecondaryWithMask(a)) return false;
@@ -158,8 +166,7 @@ Json Agent::addressSource(Konet::IntfId const& id, InterfaceSettings const& s) c
 }
 
 Json Agent::showInterfaces() const {
-   auto kernel = kernelAddrs(mirrors_);
-   auto secondaries = kernelSecondaries(mirrors_);
+   auto const kernel = kernelV4(mirrors_);
    Json list = Json::array();
    for (auto const& [id, s] : config().interfaces) {
       Json j;
@@ -209,8 +216,12 @@ Json Agent::showInterfaces() const {
       }
       Json k = Json::array(), ks = Json::array();
       if (present) {
-         k = addrs(kernel[status->netNsName()][status->deviceName()]);
-         ks = addrs(secondaries[status->netNsName()][status->deviceName()]);
+         auto const* mirror = mirrors_.mirror(status->netNsName());
+         auto rec = mirror ? mirror->status()->interfaceByName(status->deviceName())
+                           : KernelNetInfo::Interface();
+         auto const& dev = kernelV4Of(kernel, status->netNsName(), rec.key.ifIndex);
+         k = addrs(dev.held);
+         ks = addrs(dev.secondaries);
       }
       j["kernel"] = k;
       j["kernelSecondaries"] = ks;
