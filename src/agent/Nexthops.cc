@@ -28,8 +28,6 @@ private:
 
 Nexthops::Nexthops(Entities& e, EventLoop& loop, KernelMirrors& mirrors, VrfNamespaces& vrfs)
     : e_(e), loop_(loop), mirrors_(mirrors), vrfNs_(vrfs) {
-   for (auto const& ns : mirrors_.namespaces())
-      mirrorChanged(ns, mirrors_.mirror(ns));
    mirrors_.observerAdd([this](Konet::NamespaceName const& ns, Konet::KernelMirror* m) {
       mirrorChanged(ns, m);
       sync();
@@ -48,24 +46,28 @@ Nexthops::~Nexthops() {
       loop_.remove(m->fd());
 }
 
+// A namespace no longer mirrored takes its route mirror with it; the VRFs of the namespace go
+// first, as their machines read its tables.
 void Nexthops::mirrorChanged(Konet::NamespaceName const& ns, Konet::KernelMirror* mirror) {
-   if (!mirror) {
-      auto it = routeMirrors_.find(ns);
-      if (it == routeMirrors_.end()) return;
-      // The VRFs of the namespace go first: their machines read its tables.
-      for (auto v = vrfs_.begin(); v != vrfs_.end();) {
-         v = v->second.ns == ns ? vrfs_.erase(v) : std::next(v);
-      }
-      loop_.remove(it->second->fd());
-      routeMirrors_.erase(it);
-      return;
+   auto it = mirror ? routeMirrors_.end() : routeMirrors_.find(ns);
+   if (it == routeMirrors_.end()) return;
+   for (auto v = vrfs_.begin(); v != vrfs_.end();) {
+      v = v->second.ns == ns ? vrfs_.erase(v) : std::next(v);
    }
-   if (routeMirrors_.count(ns)) return;
+   loop_.remove(it->second->fd());
+   routeMirrors_.erase(it);
+}
+
+// A namespace's routes are mirrored from the first VRF there that has nexthops to resolve:
+// an agent without nexthops neither dumps nor follows its routing tables.
+Konet::RouteMirror* Nexthops::routeMirrorStarted(Konet::NamespaceName const& ns) {
+   if (auto* m = routeMirror(ns)) return m;
+   if (!mirrors_.mirror(ns)) return nullptr;
    auto m = std::make_unique<Konet::RouteMirror>(ns);
    if (int err = m->start()) {
       Mox::logFailure("VELD-ROUTES", "route mirror of namespace " + ns.name(), err,
                       Mox::LogSeverity::warning);
-      return;
+      return nullptr;
    }
    auto* raw = m.get();
    loop_.add(raw->fd(), EPOLLIN, [raw](uint32_t) {
@@ -74,7 +76,7 @@ void Nexthops::mirrorChanged(Konet::NamespaceName const& ns, Konet::KernelMirror
                          Mox::LogSeverity::warning);
       }
    });
-   routeMirrors_.emplace(ns, std::move(m));
+   return routeMirrors_.emplace(ns, std::move(m)).first->second.get();
 }
 
 Konet::RouteMirror* Nexthops::routeMirror(Konet::NamespaceName const& ns) const {
@@ -131,8 +133,8 @@ void Nexthops::sync() {
       syncVrf(name);
 }
 
-// A VRF resolves while it is configured and its namespace is mirrored; each client with
-// nexthops there has a resolver.
+// A VRF resolves while it is configured, its namespace is mirrored and a client has nexthops
+// there; each such client has a resolver.
 void Nexthops::syncVrf(L3::VrfName const& name) {
    Konet::NamespaceName ns;
    bool ready = configured_.count(name) != 0;
@@ -143,7 +145,12 @@ void Nexthops::syncVrf(L3::VrfName const& name) {
    } else if (ready) {
       ns = Konet::NamespaceName::defaultNamespace();
    }
-   auto* mirror = ready ? routeMirror(ns) : nullptr;
+   bool wanted = false;
+   for (auto const& [clientName, entry] : clients_->entryIteratorConst()) {
+      auto c = Mox::ptrDynamicCast<Routing::NexthopConfig>(entry);
+      wanted = wanted || (c && c->vrf(name));
+   }
+   auto* mirror = ready && wanted ? routeMirrorStarted(ns) : nullptr;
    auto it = vrfs_.find(name);
    if (!mirror || (it != vrfs_.end() && !(it->second.ns == ns))) {
       if (it != vrfs_.end()) vrfs_.erase(it);

@@ -74,6 +74,7 @@ private:
       std::map<std::string, Resolver> resolvers;  // by client
    };
    void mirrorChanged(Konet::NamespaceName const& ns, Konet::KernelMirror* mirror);
+   Konet::RouteMirror* routeMirrorStarted(Konet::NamespaceName const& ns);
    Mox::Ptr<Routing::NexthopConfig> client(std::string const& name);
    void syncVrf(L3::VrfName const& name);
    void pushChange(L3::VrfName const& vrf, std::string const& client, Konet::IpGenAddr const& addr);
