@@ -1,8 +1,13 @@
 // The whole agent: `veld run` from its start to converged (every configured address in the
 // kernel and published) for 1,000 interfaces with 4 addresses each (a primary and three
 // secondaries), against a bare libmnl loop that adds the same 4,000 addresses one request
-// at a time with its acknowledgement. Also the agent's peak memory (VmHWM), in all and per
-// interface.
+// at a time with its acknowledgement (mnl_*), and against a bare program doing the kernel
+// work the agent must do (kw_*): one dump of the devices and addresses, the /proc writes the
+// agent's first run made, the same adds in batches, and reading their 4,000 notifications.
+// Also the agent's peak memory (VmHWM), in all and per interface.
+//
+// Every run is a first start: before each, the devices lose their addresses and get back the
+// /proc settings they had before the agent first ran (not timed).
 //
 // Everything runs in a private network and mount namespace: 1,000 veth pairs whose peers
 // are ports of one bridge, all up. Between runs every address is taken away again (not
@@ -30,7 +35,9 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
+#include <map>
 #include <nlohmann/json.hpp>
 #include <string>
 #include <thread>
@@ -42,6 +49,7 @@
 #include "linux/Netlink.h"
 #include "linux/NetlinkAddr.h"
 #include "linux/NetlinkLink.h"
+#include "linux/ProcSys.h"
 
 namespace {
 
@@ -62,7 +70,28 @@ struct World {
    std::vector<std::vector<IpAddrWithMask>> addrs;  // per interface, primary first
    std::string dir;
    std::string problem;
+   // Each per-device /proc setting of the interfaces' devices as the kernel had it before the
+   // agent ran, and what the agent's first run changed: (path, the agent's value).
+   std::map<std::string, std::string> procBefore;
+   std::vector<std::pair<std::string, std::string>> agentWrites;
 };
+
+// The readable settings of the interfaces' devices, IPv4 and IPv6, by path.
+std::map<std::string, std::string> procSettings() {
+   std::map<std::string, std::string> out;
+   for (int i = 0; i < kIntfs; ++i) {
+      char dev[16];
+      std::snprintf(dev, sizeof dev, "ba%04d", i);
+      for (char const* dir : {"/proc/sys/net/ipv4/conf/", "/proc/sys/net/ipv6/conf/"}) {
+         std::error_code ec;
+         for (auto const& e : std::filesystem::directory_iterator(dir + std::string(dev), ec)) {
+            std::string value;
+            if (readProcSys(e.path().string(), &value) == 0) out[e.path().string()] = value;
+         }
+      }
+   }
+   return out;
+}
 
 World& world() {
    static World w = [] {
@@ -127,16 +156,27 @@ World& world() {
             std::this_thread::sleep_for(std::chrono::milliseconds(1));
          }
       }
+      w.procBefore = procSettings();
       return w;
    }();
    return w;
 }
 
+// What the agent's first run changed in the devices' settings.
+void learnAgentWrites(World& w) {
+   for (auto const& [path, value] : procSettings()) {
+      if (w.procBefore[path] != value) w.agentWrites.emplace_back(path, value);
+   }
+}
+
+// Every run starts as the first start after boot does.
 void flushAll(World& w) {
    for (size_t i = 0; i < w.ifindex.size(); ++i) {
       for (auto it = w.addrs[i].rbegin(); it != w.addrs[i].rend(); ++it)
          ipAddrDel(w.sock.get(), w.ifindex[i], *it);
    }
+   for (auto const& [path, value] : w.agentWrites)
+      writeProcSys(path, w.procBefore[path]);
 }
 
 // The bare minimum: one libmnl request per address, each waiting for its acknowledgement.
@@ -202,6 +242,48 @@ int runBare(World& w, BareLoop& bare, Times* t) {
    t->cpu = c1.first - c0.first;
    t->sys = c1.second - c0.second;
    return 0;
+}
+
+// The kernel work the agent must do, done by a bare program: the dump its kernel mirror
+// takes, the /proc writes of its first run, the same adds in batches, and the adds'
+// notifications read back as the mirror reads them.
+int runKernelWork(World& w, Times* t) {
+   int err = 0;
+   double t0 = now();
+   auto c0 = threadCpu();
+   auto events = createNetlinkSocket(NamespaceName(), RTMGRP_LINK | RTMGRP_IPV4_IFADDR, 0, false,
+                                     16 << 20, &err);
+   auto requests = createNetlinkSocket(NamespaceName(), 0, 2, true, 0, &err);
+   if (!events || !requests) return err;
+   std::vector<LinkInfo> links;
+   std::vector<AddrInfo> addrs;
+   if (int rc = dumpLinks(requests.get(), &links)) return rc;
+   if (int rc = dumpAddrs(requests.get(), AF_UNSPEC, 0, &addrs)) return rc;
+   {
+      ScopedNetNs inNs(NamespaceName("default"), "kernel_work");  // /proc directories kept open
+      for (auto const& [path, value] : w.agentWrites)
+         writeProcSys(path, value);
+   }
+   std::vector<IpAddrAdd> adds;
+   for (size_t i = 0; i < w.ifindex.size(); ++i) {
+      for (auto const& a : w.addrs[i])
+         adds.push_back({w.ifindex[i], a});
+   }
+   std::vector<int> results;
+   ipAddrAddAll(requests.get(), adds, &results);
+   int seen = 0;
+   alignas(nlmsghdr) char buf[1 << 16];
+   while (seen < int(adds.size()) && now() - t0 < 60) {
+      ssize_t n = ::recv(events.get(), buf, sizeof buf, 0);
+      if (n <= 0) continue;
+      for (auto* h = reinterpret_cast<nlmsghdr*>(buf); NLMSG_OK(h, n); h = NLMSG_NEXT(h, n))
+         seen += h->nlmsg_type == RTM_NEWADDR;
+   }
+   t->real = now() - t0;
+   auto c1 = threadCpu();
+   t->cpu = c1.first - c0.first;
+   t->sys = c1.second - c0.second;
+   return seen == int(adds.size()) ? 0 : ETIMEDOUT;
 }
 
 // VmHWM of a process, in kB.
@@ -286,29 +368,38 @@ void startup(benchmark::State& state) {
    auto& w = world();
    if (!w.problem.empty()) return state.SkipWithError(w.problem.c_str());
    BareLoop bare;
-   Times ours, base, sumOurs, sumBase;
+   Times ours, base, kw, sumOurs, sumBase, sumKw;
    long hwm = 0;
-   bool oursFirst = true;
+   // One run, not timed, to learn what the agent writes to /proc on a first start.
+   if (w.agentWrites.empty()) {
+      flushAll(w);
+      if (auto problem = runAgent(w, &ours, &hwm); !problem.empty())
+         return state.SkipWithError(problem.c_str());
+      learnAgentWrites(w);
+   }
+   int first = 0;
    for (auto _ : state) {
-      for (int turn = 0; turn < 2; ++turn) {
+      for (int k = 0; k < 3; ++k) {
          flushAll(w);
-         if ((turn == 0) == oursFirst) {
+         int turn = (first + k) % 3;
+         if (turn == 0) {
+            ours = Times{};
             if (auto problem = runAgent(w, &ours, &hwm); !problem.empty()) {
                return state.SkipWithError(problem.c_str());
             }
-         } else if (runBare(w, bare, &base) != 0) {
+         } else if (turn == 1 && runBare(w, bare, &base) != 0) {
             return state.SkipWithError("address add failed");
+         } else if (turn == 2 && runKernelWork(w, &kw) != 0) {
+            return state.SkipWithError("kernel work failed");
          }
       }
-      oursFirst = !oursFirst;
+      first = (first + 1) % 3;  // each meets the machine in each position in turn
       state.SetIterationTime(ours.real);
-      sumOurs.real += ours.real;
-      sumOurs.cpu += ours.cpu;
-      sumOurs.sys += ours.sys;
-      sumBase.real += base.real;
-      sumBase.cpu += base.cpu;
-      sumBase.sys += base.sys;
-      ours = Times{};
+      for (auto [sum, one] : {std::pair{&sumOurs, &ours}, {&sumBase, &base}, {&sumKw, &kw}}) {
+         sum->real += one->real;
+         sum->cpu += one->cpu;
+         sum->sys += one->sys;
+      }
    }
    double n = static_cast<double>(state.iterations());
    state.counters["veld_ms"] = sumOurs.real / n * 1e3;
@@ -319,6 +410,12 @@ void startup(benchmark::State& state) {
    state.counters["mnl_cpu_ms"] = sumBase.cpu / n * 1e3;
    state.counters["mnl_sys_ms"] = sumBase.sys / n * 1e3;
    state.counters["ratio_cpu"] = sumOurs.cpu / sumBase.cpu;
+   state.counters["kw_ms"] = sumKw.real / n * 1e3;
+   state.counters["kw_cpu_ms"] = sumKw.cpu / n * 1e3;
+   state.counters["kw_sys_ms"] = sumKw.sys / n * 1e3;
+   state.counters["kw_proc_writes"] = static_cast<double>(w.agentWrites.size());
+   state.counters["ratio_kw_real"] = sumOurs.real / sumKw.real;
+   state.counters["ratio_kw_cpu"] = sumOurs.cpu / sumKw.cpu;
    state.counters["VmHWM_kB"] = static_cast<double>(hwm);
    state.counters["kB_per_intf"] = static_cast<double>(hwm) / kIntfs;
 }
@@ -361,6 +458,7 @@ void restart(benchmark::State& state) {
    flushAll(w);
    if (auto problem = runAgent(w, &first, &hwm); !problem.empty())
       return state.SkipWithError(problem.c_str());
+   if (w.agentWrites.empty()) learnAgentWrites(w);
    double sumOurs = 0, sumDump = 0;
    int events = 0;
    for (auto _ : state) {
