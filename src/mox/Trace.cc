@@ -137,8 +137,23 @@ struct TraceScratch {
    std::string text;    // of a trace that the sink writes
    std::string record;  // the pieces of one that only the ring buffer keeps
 };
-thread_local std::vector<std::unique_ptr<TraceScratch>> traceScratch;
-thread_local size_t traceDepth = 0;
+// A thread's scratches by nesting level. Plain data, initialised without code and in the
+// thread's static block: each access is a load, with no call to find or set it up. Nesting
+// deeper than this (never seen) shares the last level.
+constexpr size_t kTraceNesting = 16;
+struct TraceStack {
+   TraceScratch* level[kTraceNesting];
+   size_t depth;
+};
+thread_local TraceStack traceStack __attribute__((tls_model("initial-exec"))) = {};
+
+// Every thread's scratches, made once and kept as long as the program.
+TraceScratch* newTraceScratch() {
+   static std::mutex mutex;
+   static std::vector<std::unique_ptr<TraceScratch>> all;
+   std::lock_guard lock(mutex);
+   return all.emplace_back(std::make_unique<TraceScratch>()).get();
+}
 }  // namespace
 
 void TraceOut::start(std::string* text, std::string* record) {
@@ -191,8 +206,10 @@ TraceOut& TraceOut::operator<<(void const* p) {
 TraceHelper::TraceHelper(TraceHandle const& handle, int level, char const* file, int line,
                          char const* function, Ringlog::MsgDesc* desc)
     : handle_(handle), level_(level), file_(file), line_(line), function_(function), desc_(desc) {
-   if (traceScratch.size() <= traceDepth) traceScratch.push_back(std::make_unique<TraceScratch>());
-   auto& scratch = *traceScratch[traceDepth++];
+   auto& stack = traceStack;
+   auto*& slot = stack.level[std::min(stack.depth++, kTraceNesting - 1)];
+   if (!slot) slot = newTraceScratch();
+   auto& scratch = *slot;
    out_ = &scratch.out;
    if (handle_.traceEnabled(level_)) {
       text_ = &scratch.text;
@@ -206,7 +223,7 @@ TraceHelper::TraceHelper(TraceHandle const& handle, int level, char const* file,
 }
 
 TraceHelper::~TraceHelper() {
-   --traceDepth;
+   --traceStack.depth;
    bool ring = Ringlog::isOpen() && level_ <= Ringlog::level() && desc_;
    if (record_) {
       if (!ring) return;
@@ -341,7 +358,7 @@ std::string& RingBuf::startMsg(MsgDesc const& desc) {
    m.desc = &desc;
    m.ticks = clock_.ticks();
    m.args.clear();  // keeps its capacity: a full ring allocates nothing more
-   next_ = (next_ + 1) % ring_.size();
+   if (++next_ == ring_.size()) next_ = 0;
    count_ = std::min(count_ + 1, ring_.size());
    open_ = &m;
    return m.args;

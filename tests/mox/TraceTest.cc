@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <sstream>
@@ -88,6 +89,12 @@ int nested() {
    return 3;
 }
 
+// Traces nested as deep as the recursion goes.
+int deep(int n) {
+   MOX_TRACE(th, 8, "depth " << n << " " << (n > 0 ? deep(n - 1) : -1));
+   return n;
+}
+
 void everyKind(std::string const& name) {
    MOX_TRACE(th, 8,
              "p " << (Point{1, -2}) << " l " << Label{"Ethernet1"} << " o " << (Opaque{{1, 2}})
@@ -139,6 +146,27 @@ TEST(Trace, RingBufferRecordsFunctionEntriesEvenWithTheTraceOff) {
    evaluated = 0;
    Machine().handleInitialized(9);
    EXPECT_EQ(evaluated, 0);
+}
+
+// Traces made while the arguments of others are evaluated, deeper than the levels kept for
+// reuse: the outer ones come out whole, and nothing breaks.
+TEST(Trace, DeeplyNestedTracesKeepTheOuterOnesWhole) {
+   Sinked s;
+   Mox::traceLevelIs("MoxTraceTest", 8);
+   Ringlog::open(64);
+   deep(30);
+   std::vector<std::string> texts;
+   for (auto const& r : s.cap.records)
+      texts.push_back(r.text);
+   EXPECT_EQ(texts.size(), 31u);
+   for (int n : {30, 25, 20, 16}) {
+      EXPECT_NE(std::find(texts.begin(), texts.end(),
+                          "depth " + std::to_string(n) + " " + std::to_string(n - 1)),
+                texts.end())
+          << n;
+   }
+   std::string dump = Ringlog::defaultBuf()->dump();
+   EXPECT_NE(dump.find("| int {anonymous}::deep(int) | depth 30 29\n"), std::string::npos);
 }
 
 // The dump shows each message's time on the steady clock, however the ring stamps it.
