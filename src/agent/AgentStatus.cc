@@ -61,8 +61,8 @@ std::vector<std::pair<L3::VrfName, Mox::Ptr<Veld::IpIntfSm>>> Agent::ipIntfSms()
 // secondaries of their subnet (the source address selection never picks them where a
 // primary is there).
 struct KernelV4 {
-   std::set<Konet::IpAddrWithMask> held;
-   std::set<Konet::IpAddrWithMask> secondaries;
+   std::vector<Konet::IpAddrWithMask> held;  // sorted
+   std::vector<Konet::IpAddrWithMask> secondaries;
 };
 using KernelV4ByIndex = std::unordered_map<uint32_t, KernelV4>;
 using KernelV4ByNs = std::map<Konet::NamespaceName, KernelV4ByIndex>;
@@ -77,8 +77,12 @@ static KernelV4ByNs kernelV4(KernelMirrors const& mirrors) {
          if (!k.addr.isV4() || !it.value().assigned) continue;
          auto& dev = byIndex[k.intfKey.ifIndex];
          Konet::IpAddrWithMask a(k.addr.v4(), static_cast<uint8_t>(k.prefixLen));
-         dev.held.insert(a);
-         if (it.value().flags & KernelNetInfo::kIfaSecondary) dev.secondaries.insert(a);
+         dev.held.push_back(a);
+         if (it.value().flags & KernelNetInfo::kIfaSecondary) dev.secondaries.push_back(a);
+      }
+      for (auto& [index, dev] : byIndex) {
+         std::sort(dev.held.begin(), dev.held.end());
+         std::sort(dev.secondaries.begin(), dev.secondaries.end());
       }
    }
    return out;
@@ -114,13 +118,16 @@ bool Agent::converged() const {
       auto ns = vrfs_->ns(s.vrf);
       if (!(status->netNsName() == ns) || !(mover_->desiredNs(id) == ns)) return false;
       auto const* mirror = mirrors_.mirror(ns);
-      auto rec = mirror ? mirror->status()->interfaceByName(s.device) : KernelNetInfo::Interface();
-      if (s.routed && !(rec.flags & KernelNetInfo::kIffUp)) return false;
+      auto const* rec = mirror ? mirror->status()->findInterfaceByName(s.device) : nullptr;
+      if (s.routed && !(rec && (rec->flags & KernelNetInfo::kIffUp))) return false;
       auto selected = e_.ipConfig->ipIntfConfig(id);
       auto primary = selected ? selected->addrWithMask() : Konet::IpAddrWithMask();
       auto want = configuredV4(s, primary);
-      auto const& dev = kernelV4Of(kernel, ns, rec.key.ifIndex);
+      auto const& dev = kernelV4Of(kernel, ns, rec ? rec->key.ifIndex : 0);
       auto const& held = dev.held;
+      auto holds = [](std::vector<Konet::IpAddrWithMask> const& v, Konet::IpAddrWithMask const& a) {
+         return std::binary_search(v.begin(), v.end(), a);
+      };
       auto ip = e_.ipStatus->intf(id);
       // Where no address belongs (a bridge port, a device without carrier), the kernel and
       // the published status hold none of the configured ones.
@@ -129,15 +136,16 @@ bool Agent::converged() const {
             return false;
          }
          for (auto const& a : want) {
-            if (held.count(a)) return false;
+            if (holds(held, a)) return false;
          }
          continue;
       }
-      if (held != want || !ip) return false;
+      if (held.size() != want.size() || !std::equal(held.begin(), held.end(), want.begin()) || !ip)
+         return false;
       if (ip->addrWithMask() != primary) return false;
       // The configured primary is the kernel's primary of its subnet, not one of its
       // secondaries.
-      if (primary.len() && dev.secondaries.count(primary)) return false;
+      if (primary.len() && holds(dev.secondaries, primary)) return false;
       if (ip->activeSecondaryWithMaskIterator().size() != s.ipv4.secondaries.size()) return false;
       for (auto const& a : s.ipv4.secondaries) {
          if (!ip->activeSecondaryWithMask(a)) return false;

@@ -14,8 +14,13 @@ Status::Status(Konet::NamespaceName ns)
       ipStates_(Mox::make<IpStateTable>("kni/ns/" + nsName_.name() + "/ip")) {}
 
 Interface Status::interfaceByName(std::string const& deviceName) const {
+   auto const* rec = findInterfaceByName(deviceName);
+   return rec ? *rec : Interface();
+}
+
+Interface const* Status::findInterfaceByName(std::string const& deviceName) const {
    auto it = byName_.find(deviceName);
-   return it == byName_.end() ? Interface() : interfaces_->get(it->second);
+   return it == byName_.end() ? nullptr : interfaces_->find(it->second);
 }
 
 void Status::interfaceIs(Interface const& rec) {

@@ -144,6 +144,8 @@ public:
    // The interface record of a key or device name; the empty Interface() when absent.
    Interface interface(InterfaceKey k) const { return interfaces_->get(k); }
    Interface interfaceByName(std::string const& deviceName) const;
+   // The same without a copy: valid until the table next changes; null when absent.
+   Interface const* findInterfaceByName(std::string const& deviceName) const;
 
    // Writer side.
    void interfaceIs(Interface const& rec);
@@ -169,6 +171,9 @@ public:
    Interface interface(InterfaceKey k) const { return status_->interface(k); }
    Interface interfaceByName(std::string const& name) const {
       return status_->interfaceByName(name);
+   }
+   Interface const* findInterfaceByName(std::string const& name) const {
+      return status_->findInterfaceByName(name);
    }
 
 private:

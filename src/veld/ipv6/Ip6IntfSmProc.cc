@@ -75,18 +75,19 @@ bool Ip6IntfSm::setIp6Enable(std::string const& deviceName, Konet::IntfId const&
 bool Ip6IntfSm::reportedValue(std::string const& deviceName, char const* dir, char const* file,
                               std::string* value) const {
    if (!kniRoot_ || std::string_view(dir) != Konet::V6_PROC_CONF) return false;
-   auto kniIntf = kniRoot_->interfaceByName(deviceName);
+   auto const* kniIntf = kniRoot_->findInterfaceByName(deviceName);
    int32_t reported = 0;
-   if (!kniIntf.confFresh(Mox::System::currentTime()) || !kniIntf.ipv6ConfValue(file, &reported))
+   if (!kniIntf || !kniIntf->confFresh(Mox::System::currentTime()) ||
+       !kniIntf->ipv6ConfValue(file, &reported))
       return false;
    *value = std::to_string(reported);
    return true;
 }
 
 bool Ip6IntfSm::kernelAddrsGone(std::string const& deviceName) const {
-   auto kniIntf = kniRoot_ ? kniRoot_->interfaceByName(deviceName) : KernelNetInfo::Interface();
-   if (kniIntf == KernelNetInfo::Interface()) return false;
-   auto const* held = kernelAddrs6(kniIntf.key);
+   auto const* kniIntf = kniRoot_ ? kniRoot_->findInterfaceByName(deviceName) : nullptr;
+   if (!kniIntf) return false;
+   auto const* held = kernelAddrs6(kniIntf->key);
    return !held || held->empty();
 }
 
