@@ -2,6 +2,7 @@
 // and whether they agree.
 #include <algorithm>
 #include <cstdio>
+#include <unordered_map>
 
 #include "agent/Agent.h"
 #include "agent/ShowTables.h"
@@ -85,6 +86,28 @@ kernelSecondaries(KernelMirrors const& mirrors) {
    return out;
 }
 
+// The kernel's IPv4 addresses of one namespace by ifindex, each with whether the kernel holds
+// it as a secondary of its subnet: the source address selection never picks those where a
+// primary is there.
+struct KernelV4 {
+   Konet::IpAddrWithMask addr;
+   bool secondary = false;
+};
+using KernelV4ByIfindex = std::unordered_map<uint32_t, std::vector<KernelV4>>;
+
+static KernelV4ByIfindex kernelV4ByIfindex(Konet::KernelMirror const& mirror) {
+   KernelV4ByIfindex out;
+   auto table = mirror.status()->ipState();
+   for (auto it = table.begin(); it != table.end(); ++it) {
+      auto const& k = it.key();
+      if (!k.addr.isV4() || !it.value().assigned) continue;
+      out[k.intfKey.ifIndex].push_back(
+          KernelV4{Konet::IpAddrWithMask(k.addr.v4(), static_cast<uint8_t>(k.prefixLen)),
+                   (it.value().flags & KernelNetInfo::kIfaSecondary) != 0});
+   }
+   return out;
+}
+
 bool Agent::converged() const {
    if (!writer_ || !vrfs_->settled() || !mover_->settled() || !intfs_->settled()) return false;
    for (auto const& [vrf, sm] : ipIntfSms()) {
@@ -99,8 +122,8 @@ bool Agent::converged() const {
           vrfRoot->ip6IntfSm()->ip6IntfKernelUpdateCodefListSize())
          return false;
    }
-   auto kernel = kernelAddrs(mirrors_);
-   auto secondaries = kernelSecondaries(mirrors_);
+   // Built once per namespace that a configured interface is in.
+   std::map<Konet::NamespaceName, KernelV4ByIfindex> kernel;
    for (auto const& [id, s] : config().interfaces) {
       auto status = e_.allIntfStatus->intfStatus(id);
       if (!status || status->deviceName().empty()) return false;
@@ -112,7 +135,19 @@ bool Agent::converged() const {
       auto selected = e_.ipConfig->ipIntfConfig(id);
       auto primary = selected ? selected->addrWithMask() : Konet::IpAddrWithMask();
       auto want = configuredV4(s, primary);
-      auto const& held = kernel[ns][s.device];
+      std::set<Konet::IpAddrWithMask> held;
+      bool primaryIsSecondary = false;
+      if (mirror) {
+         auto known = kernel.find(ns);
+         if (known == kernel.end()) known = kernel.emplace(ns, kernelV4ByIfindex(*mirror)).first;
+         auto const found = known->second.find(rec.key.ifIndex);
+         if (found != known->second.end()) {
+            for (auto const& a : found->second) {
+               held.insert(a.addr);
+               if (a.secondary && a.addr == primary) primaryIsSecondary = true;
+            }
+         }
+      }
       auto ip = e_.ipStatus->intf(id);
       // Where no address belongs (a bridge port, a device without carrier), the kernel and
       // the published status hold none of the configured ones.
@@ -129,7 +164,7 @@ bool Agent::converged() const {
       if (ip->addrWithMask() != primary) return false;
       // The configured primary is the kernel's primary of its subnet, not one of its
       // secondaries.
-      if (primary.len() && secondaries[ns][s.device].count(primary)) return false;
+      if (primary.len() && primaryIsSecondary) return false;
       if (ip->activeSecondaryWithMaskIterator().size() != s.ipv4.secondaries.size()) return false;
       for (auto const& a : s.ipv4.secondaries) {
          if (!ip->activeSecondaryWithMask(a)) return false;
