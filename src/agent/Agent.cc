@@ -134,7 +134,7 @@ void Agent::recordApplied() const {
    };
    {
       std::ofstream out(tmp, std::ios::trunc);
-      out << configurationToJson(config());
+      writeConfigurationJson(out, config());
       out.flush();
       if (!out) return failed("cannot write " + tmp);
    }
