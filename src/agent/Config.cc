@@ -1,6 +1,8 @@
 #include "agent/Config.h"
 
+#include <iomanip>
 #include <nlohmann/json.hpp>
+#include <ostream>
 
 namespace VeldAgent {
 
@@ -66,7 +68,9 @@ Json ipv6Json(Ipv6Settings const& s) {
 
 }  // namespace
 
-std::string configurationToJson(Configuration const& config) {
+namespace {
+
+Json configurationDoc(Configuration const& config) {
    Json doc = Json::object();
    doc["routing"] = {{"tcpReset", config.routing.tcpReset},
                      {"udpUnreachable", config.routing.udpUnreachable},
@@ -79,9 +83,9 @@ std::string configurationToJson(Configuration const& config) {
       if (!v.routingAgents.empty()) j["routingAgents"] = v.routingAgents;
       for (auto const& a : v.nexthops)
          j["nexthops"].push_back(a.toString());
-      vrfs[name.name()] = j;
+      vrfs[name.name()] = std::move(j);
    }
-   doc["vrfs"] = vrfs;
+   doc["vrfs"] = std::move(vrfs);
    Json intfs = Json::object();
    for (auto const& [id, s] : config.interfaces) {
       Json j = {{"device", s.device}, {"routed", s.routed}, {"vrf", s.vrf.name()}};
@@ -89,10 +93,20 @@ std::string configurationToJson(Configuration const& config) {
       if (s.ipv6 != Ipv6Settings()) {
          j["ipv6"] = ipv6Json(s.ipv6);
       }
-      intfs[id.name()] = j;
+      intfs[id.name()] = std::move(j);
    }
-   doc["interfaces"] = intfs;
-   return doc.dump(2) + "\n";
+   doc["interfaces"] = std::move(intfs);
+   return doc;
+}
+
+}  // namespace
+
+std::string configurationToJson(Configuration const& config) {
+   return configurationDoc(config).dump(2) + "\n";
+}
+
+void writeConfigurationJson(std::ostream& out, Configuration const& config) {
+   out << std::setw(2) << configurationDoc(config) << "\n";
 }
 
 }  // namespace VeldAgent

@@ -7,6 +7,7 @@
 #pragma once
 
 #include <cstdint>
+#include <iosfwd>
 #include <map>
 #include <optional>
 #include <set>
@@ -110,5 +111,7 @@ LoadResult loadConfigurationFile(std::string const& path);
 // The document of a configuration, in the form parseConfiguration reads (defaults left out
 // only where they are the defaults).
 std::string configurationToJson(Configuration const& config);
+// The same, written to `out` as it is made (no copy of the whole text in memory).
+void writeConfigurationJson(std::ostream& out, Configuration const& config);
 
 }  // namespace VeldAgent

@@ -99,11 +99,12 @@ void IntfStatusPublisher::intfIs(Konet::IntfId const& id, InterfaceSettings cons
    MOX_TRACE_FN(th, id);
    retiring_.erase(id);
    auto& intf = intfs_[id];
-   if (intf.settings.device != settings.device) {
-      byDevice_.erase(intf.settings.device);
+   if (intf.device != settings.device) {
+      byDevice_.erase(intf.device);
       intf.reportedMissing = false;
    }
-   intf.settings = settings;
+   intf.device = settings.device;
+   intf.routed = settings.routed;
    byDevice_[settings.device] = id;
    refresh(id);
 }
@@ -131,7 +132,7 @@ void IntfStatusPublisher::refresh(Konet::IntfId const& id) {
    if (it == intfs_.end()) return;
    auto& intf = it->second;
    auto status = e_.allIntfStatus->intfStatusIs(id);
-   status->forwardingModelIs(intf.settings.routed
+   status->forwardingModelIs(intf.routed
                                  ? Interface::IntfForwardingModel::intfForwardingModelRouted
                                  : Interface::IntfForwardingModel::intfForwardingModelBridged);
    std::vector<Konet::NamespaceName> order{status->netNsName()};
@@ -141,7 +142,7 @@ void IntfStatusPublisher::refresh(Konet::IntfId const& id) {
    for (auto const& ns : order) {
       auto* m = mirrors_.mirror(ns);
       if (!m) continue;
-      auto rec = m->status()->interfaceByName(intf.settings.device);
+      auto rec = m->status()->interfaceByName(intf.device);
       if (rec == KernelNetInfo::Interface()) continue;
       MOX_TRACE(th, 7, id << " device " << rec.deviceName << " in ns " << ns);
       status->mtuIs(rec.mtu);
@@ -169,7 +170,7 @@ void IntfStatusPublisher::doReport() {
       auto status = e_.allIntfStatus->intfStatus(id);
       if (intf.reportedMissing || !status || !status->deviceName().empty()) continue;
       Mox::logMessage(Mox::LogSeverity::warning, "VELD-INTF",
-                      "device " + intf.settings.device + " of interface " + id.name() +
+                      "device " + intf.device + " of interface " + id.name() +
                           " does not exist; the interface waits for it");
       intf.reportedMissing = true;
    }
@@ -208,7 +209,7 @@ std::set<std::string> IntfStatusPublisher::missingDevices() const {
    std::set<std::string> out;
    for (auto const& [id, intf] : intfs_) {
       auto status = e_.allIntfStatus->intfStatus(id);
-      if (!status || status->deviceName().empty()) out.insert(intf.settings.device);
+      if (!status || status->deviceName().empty()) out.insert(intf.device);
    }
    return out;
 }

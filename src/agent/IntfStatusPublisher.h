@@ -39,8 +39,10 @@ public:
 
 private:
    class MoxInterfaceTable;
+   // What the publisher needs of an interface's settings.
    struct Intf {
-      InterfaceSettings settings;
+      std::string device;
+      bool routed = true;
       bool reportedMissing = false;
    };
    struct Retiring {

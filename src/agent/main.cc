@@ -71,9 +71,10 @@ int run(std::string const& path, std::string const& runDir, std::string const& n
    }
    VeldAgent::Agent agent(AgentOptions{path, runDir, nsPrefix});
    if (agent.serve() != 0 || agent.start(*result.config) != 0) return 1;
+   auto const interfaces = result.config->interfaces.size();
+   result.config.reset();  // the agent keeps what it applied: no second copy for the run
    Mox::logMessage(Mox::LogSeverity::notice, "VELD-START",
-                   "veld running on " + path + " (" +
-                       std::to_string(result.config->interfaces.size()) + " interfaces)");
+                   "veld running on " + path + " (" + std::to_string(interfaces) + " interfaces)");
    agent.run();
    return 0;
 }

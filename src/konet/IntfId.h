@@ -24,18 +24,31 @@ public:
    // A letter, then letters, digits and "/.:_-"; at most maxLength bytes.
    static std::optional<IntfId> parse(std::string_view text, std::string* error = nullptr);
 
-   std::string const& name() const { return name_; }
-   std::string const& toString() const { return name_; }
-   bool empty() const { return name_.empty(); }
+   std::string const& name() const { return p_->name; }
+   std::string const& toString() const { return p_->name; }
+   bool empty() const { return p_->name.empty(); }
+   size_t hash() const { return p_->hash; }
 
-   bool isLoopback() const { return name_.starts_with("Loopback"); }
-   bool isManagement() const { return name_.starts_with("Management"); }
+   bool isLoopback() const { return p_->name.starts_with("Loopback"); }
+   bool isManagement() const { return p_->name.starts_with("Management"); }
 
-   friend bool operator==(IntfId const&, IntfId const&) = default;
-   friend std::strong_ordering operator<=>(IntfId const&, IntfId const&) = default;
+   // Each name is stored once: equal names are the same entry.
+   friend bool operator==(IntfId const& a, IntfId const& b) { return a.p_ == b.p_; }
+   friend std::strong_ordering operator<=>(IntfId const& a, IntfId const& b) {
+      return a.p_ == b.p_ ? std::strong_ordering::equal : a.p_->name <=> b.p_->name;
+   }
+
+   // One stored name. Interfaces are few and long-lived, and every machine keys its tables by
+   // them: an IntfId is a pointer to its name's entry, which lives as long as the process.
+   struct Entry {
+      std::string name;
+      size_t hash = 0;
+   };
 
 private:
-   std::string name_;
+   static Entry const* intern(std::string_view name);
+   static Entry const kEmpty;
+   Entry const* p_ = &kEmpty;
 };
 
 std::ostream& operator<<(std::ostream& os, IntfId const& id);
@@ -46,7 +59,5 @@ inline std::string_view traceText(IntfId const& id) { return id.name(); }
 
 template <>
 struct std::hash<Konet::IntfId> {
-   size_t operator()(Konet::IntfId const& id) const noexcept {
-      return std::hash<std::string>()(id.name());
-   }
+   size_t operator()(Konet::IntfId const& id) const noexcept { return id.hash(); }
 };

@@ -1,4 +1,9 @@
 #include "konet/IntfId.h"
+
+#include <memory>
+#include <mutex>
+#include <unordered_map>
+
 #include "konet/NamespaceName.h"
 #include "konet/Quoted.h"
 #include "konet/VrfName.h"
@@ -8,7 +13,30 @@ namespace Konet {
 
 // IntfId
 
-IntfId::IntfId(std::string_view name) : name_(name) { MOX_ASSERT(parse(name).has_value()); }
+IntfId::Entry const IntfId::kEmpty{"", 0};
+
+// The table of stored names: never freed, so that an IntfId in a static object stays valid
+// to the end; guarded, since names may be made on any thread.
+IntfId::Entry const* IntfId::intern(std::string_view name) {
+   if (name.empty()) return &kEmpty;
+   struct Table {
+      std::mutex mutex;
+      std::unordered_map<std::string_view, std::unique_ptr<Entry>> entries;
+   };
+   static Table* const table = new Table;
+   std::lock_guard lock(table->mutex);
+   auto found = table->entries.find(name);
+   if (found != table->entries.end()) return found->second.get();
+   auto entry =
+       std::make_unique<Entry>(Entry{std::string(name), std::hash<std::string_view>()(name)});
+   std::string_view const key = entry->name;
+   return table->entries.emplace(key, std::move(entry)).first->second.get();
+}
+
+IntfId::IntfId(std::string_view name) {
+   MOX_ASSERT(parse(name).has_value());
+   p_ = intern(name);
+}
 
 std::optional<IntfId> IntfId::parse(std::string_view text, std::string* error) {
    auto bad = [&](char const* why) -> std::optional<IntfId> {
@@ -25,7 +53,7 @@ std::optional<IntfId> IntfId::parse(std::string_view text, std::string* error) {
       if (!ok) return bad("only letters, digits and \"/.:_-\" are allowed");
    }
    IntfId id;
-   id.name_ = text;
+   id.p_ = intern(text);
    return id;
 }
 

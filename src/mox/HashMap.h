@@ -2,12 +2,16 @@
 // insertion order, so that runs are repeatable and a drain can resume at a bookmark.
 //
 // Members live in a vector in insertion order; an open-addressing index of (member, hash)
-// slots finds them. Erasing leaves a hole in the vector, so erasing during iteration is safe
-// and never moves another member; holes are squeezed out when an insertion rebuilds the
-// index. Inserting during iteration may do that, so iterate over keys() when a loop body can
-// insert.
+// slots finds them. Most maps hold a handful of members (an interface's addresses), and for
+// them an index costs more than it saves: up to kLinearMax members (holes included) a lookup
+// compares keys along the vector, and the index is built only when the map grows past that.
+// Erasing leaves a hole in the vector, so erasing during iteration is safe and never moves
+// another member; holes are squeezed out when an insertion rebuilds the index (or finds the
+// small vector full). Inserting during iteration may do that, so iterate over keys() when a
+// loop body can insert.
 #pragma once
 
+#include <algorithm>
 #include <cstdint>
 #include <functional>
 #include <optional>
@@ -60,38 +64,46 @@ public:
    const_iterator end() const { return const_iterator(this, nodes_.size()); }
 
    V* find(K const& k) {
-      auto pos = locate(k, hashOf(k));
-      return pos.node == kNone ? nullptr : &nodes_[pos.node]->second;
+      uint32_t const node = nodeOf(k);
+      return node == kNone ? nullptr : &nodes_[node]->second;
    }
    V const* find(K const& k) const { return const_cast<HashMap*>(this)->find(k); }
    bool contains(K const& k) const { return find(k) != nullptr; }
 
    // The member after k in iteration order (begin() when k is absent).
    iterator after(K const& k) {
-      auto pos = locate(k, hashOf(k));
-      return pos.node == kNone ? begin() : iterator(this, pos.node + 1);
+      uint32_t const node = nodeOf(k);
+      return node == kNone ? begin() : iterator(this, node + 1);
    }
    iterator at(K const& k) {
-      auto pos = locate(k, hashOf(k));
-      return pos.node == kNone ? end() : iterator(this, pos.node);
+      uint32_t const node = nodeOf(k);
+      return node == kNone ? end() : iterator(this, node);
    }
 
    // Inserts (k, v) if k is absent. Returns the member and whether it was inserted.
    template <class... A>
    std::pair<V*, bool> emplace(K const& k, A&&... args) {
-      uint32_t h = hashOf(k);
-      auto pos = locate(k, h);
-      if (pos.node != kNone) return {&nodes_[pos.node]->second, false};
-      if ((nodes_.size() + 1) * 5 > slots_.size() * 3) {
+      uint32_t h = 0;
+      if (slots_.empty()) {
+         uint32_t const node = scan(k);
+         if (node != kNone) return {&nodes_[node]->second, false};
+         if (nodes_.size() >= kLinearMax) rebuild(size_ + 1);
+         if (!slots_.empty()) h = hashOf(k);
+      } else {
+         h = hashOf(k);
+         auto const pos = locate(k, h);
+         if (pos.node != kNone) return {&nodes_[pos.node]->second, false};
+         if ((nodes_.size() + 1) * 5 <= slots_.size() * 3) {
+            slots_[pos.freeSlot] = Slot{static_cast<uint32_t>(nodes_.size()), h};
+            return {append(k, std::forward<A>(args)...), true};
+         }
          rebuild(size_ + 1);
-         pos = locate(k, h);
       }
-      uint32_t node = static_cast<uint32_t>(nodes_.size());
-      nodes_.emplace_back(std::in_place, std::piecewise_construct, std::forward_as_tuple(k),
-                          std::forward_as_tuple(std::forward<A>(args)...));
-      slots_[pos.freeSlot] = Slot{node, h};
-      ++size_;
-      return {&nodes_[node]->second, true};
+      // Rebuilt (or still small): the new member's slot, if there is an index.
+      if (!slots_.empty()) {
+         slots_[locate(k, h).freeSlot] = Slot{static_cast<uint32_t>(nodes_.size()), h};
+      }
+      return {append(k, std::forward<A>(args)...), true};
    }
 
    // Inserts or assigns; true when the stored value changed.
@@ -110,25 +122,35 @@ public:
    V& operator[](K const& k) { return *emplace(k).first; }
 
    bool erase(K const& k) {
-      uint32_t h = hashOf(k);
-      auto pos = locate(k, h);
-      if (pos.node == kNone) return false;
-      slots_[pos.slot].node = kTomb;
-      nodes_[pos.node].reset();
+      uint32_t node;
+      if (slots_.empty()) {
+         node = scan(k);
+         if (node == kNone) return false;
+      } else {
+         auto pos = locate(k, hashOf(k));
+         if (pos.node == kNone) return false;
+         slots_[pos.slot].node = kTomb;
+         node = pos.node;
+      }
+      nodes_[node].reset();
       --size_;
       return true;
    }
 
    void clear() {
-      nodes_.clear();
-      slots_.clear();
+      std::vector<std::optional<value_type>>().swap(nodes_);
+      std::vector<Slot>().swap(slots_);
       size_ = 0;
    }
 
    void reserve(size_t n) {
-      if (n * 5 > slots_.size() * 3) rebuild(n);
+      if (n > kLinearMax && n * 5 > slots_.size() * 3) rebuild(n);
       nodes_.reserve(n);
    }
+
+   // The index's slots (none while the map is small enough to scan).
+   size_t indexSlots() const { return slots_.size(); }
+   static constexpr size_t kLinearMax = 8;
 
    std::vector<K> keys() const {
       std::vector<K> out;
@@ -159,6 +181,27 @@ private:
       return static_cast<uint32_t>(h >> 32);
    }
 
+   // The member index of k, or kNone.
+   uint32_t nodeOf(K const& k) const {
+      return slots_.empty() ? scan(k) : locate(k, hashOf(k)).node;
+   }
+
+   // A small map's lookup: along the member vector.
+   uint32_t scan(K const& k) const {
+      for (size_t n = 0; n < nodes_.size(); ++n) {
+         if (nodes_[n] && Eq()(nodes_[n]->first, k)) return static_cast<uint32_t>(n);
+      }
+      return kNone;
+   }
+
+   template <class... A>
+   V* append(K const& k, A&&... args) {
+      nodes_.emplace_back(std::in_place, std::piecewise_construct, std::forward_as_tuple(k),
+                          std::forward_as_tuple(std::forward<A>(args)...));
+      ++size_;
+      return &nodes_.back()->second;
+   }
+
    Pos locate(K const& k, uint32_t h) const {
       Pos pos;
       if (slots_.empty()) return pos;
@@ -185,20 +228,26 @@ private:
       }
    }
 
-   // Squeezes holes out of the member vector and re-indexes with room for `want` members.
+   // Squeezes holes out of the member vector and re-indexes with room for `want` members and
+   // half as many again, so that a growing map rebuilds after a constant share of inserts; a
+   // map that fits kLinearMax is left without an index.
    void rebuild(size_t want) {
+      want = std::max(want, size_);
       if (nodes_.size() != size_) {
          std::vector<std::optional<value_type>> packed;
-         packed.reserve(std::max(want, size_));
+         packed.reserve(want);
          for (auto& n : nodes_) {
             if (n) packed.emplace_back(std::in_place, std::move(*n));
          }
          nodes_ = std::move(packed);
       }
+      if (want <= kLinearMax) {
+         std::vector<Slot>().swap(slots_);
+         return;
+      }
       size_t cap = 16;
-      while (cap * 3 < std::max(want, size_) * 5 + 5)
+      while (cap * 3 < (want + want / 2) * 5 + 5)
          cap *= 2;
-      cap *= 2;
       slots_.assign(cap, Slot{});
       size_t mask = cap - 1;
       for (uint32_t n = 0; n < nodes_.size(); ++n) {

@@ -7,39 +7,58 @@
 namespace Mox {
 
 void NotifieeList::newMember(NotifieeBase* n) {
-   members_.push_back(n);
+   if (used_ == cap_) {
+      uint32_t const cap = cap_ * 2;
+      auto** grown = new NotifieeBase*[cap];
+      std::copy(slots(), slots() + used_, grown);
+      if (cap_ > 1) delete[] many_;
+      many_ = grown;
+      cap_ = cap;
+   }
+   slots()[used_++] = n;
    ++live_;
 }
 
 void NotifieeList::deleteMember(NotifieeBase* n) {
-   auto it = std::find(members_.begin(), members_.end(), n);
-   if (it == members_.end()) return;
+   NotifieeBase** const s = slots();
+   auto* it = std::find(s, s + used_, n);
+   if (it == s + used_) return;
    --live_;
    if (visiting_) {
       *it = nullptr;
       holes_ = true;
    } else {
-      members_.erase(it);
+      std::copy(it + 1, s + used_, it);
+      --used_;
    }
 }
 
 void NotifieeList::deleteAll() {
-   for (auto*& m : members_) {
-      if (!m) continue;
-      m->inList_ = false;
-      m = nullptr;
+   NotifieeBase** const s = slots();
+   for (uint32_t i = 0; i < used_; ++i) {
+      if (!s[i]) continue;
+      s[i]->inList_ = false;
+      s[i] = nullptr;
    }
    live_ = 0;
    if (visiting_) {
       holes_ = true;
    } else {
-      members_.clear();
+      used_ = 0;
    }
 }
 
 void NotifieeList::compact() {
-   members_.erase(std::remove(members_.begin(), members_.end(), nullptr), members_.end());
+   NotifieeBase** const s = slots();
+   used_ = static_cast<uint32_t>(std::remove(s, s + used_, nullptr) - s);
    holes_ = false;
+}
+
+void NotifieeList::release() {
+   if (cap_ > 1) delete[] many_;
+   one_ = nullptr;
+   cap_ = 1;
+   used_ = 0;
 }
 
 Notifier::~Notifier() {

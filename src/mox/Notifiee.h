@@ -26,8 +26,16 @@ class NotifieeBase;
 
 // The registered reactors of one notifier. Removal during a visit leaves a hole that the
 // outermost visit compacts when it ends; members added during a visit wait for the next one.
+//
+// Every entity has a list and most have one reactor or none, so the list is small: a single
+// member is kept in place, more in an array of their own that grows by doubling.
 class NotifieeList {
 public:
+   NotifieeList() = default;
+   NotifieeList(NotifieeList const&) = delete;
+   NotifieeList& operator=(NotifieeList const&) = delete;
+   ~NotifieeList() { release(); }
+
    void newMember(NotifieeBase* n);
    void deleteMember(NotifieeBase* n);
    void deleteAll();
@@ -41,10 +49,18 @@ public:
    void doVisit(F&& f);
 
 private:
+   // The slots, holes included: in place while there is room for one only.
+   NotifieeBase** slots() { return cap_ > 1 ? many_ : &one_; }
    void compact();
-   std::vector<NotifieeBase*> members_;
+   void release();
+   union {
+      NotifieeBase* one_ = nullptr;
+      NotifieeBase** many_;
+   };
+   uint32_t used_ = 0;  // slots in use, holes included
+   uint32_t cap_ = 1;
    uint32_t live_ = 0;
-   uint32_t visiting_ = 0;
+   uint16_t visiting_ = 0;  // nested visits: as deep as deliveries nest on the stack
    bool holes_ = false;
 };
 
@@ -135,9 +151,10 @@ void NotifieeList::doVisit(F&& f) {
          if (--list->visiting_ == 0 && list->holes_) list->compact();
       }
    } leave{this};
-   size_t const n = members_.size();
-   for (size_t i = 0; i < n; ++i) {
-      NotifieeBase* m = members_[i];
+   uint32_t const n = used_;
+   for (uint32_t i = 0; i < n; ++i) {
+      // Read through slots() each time: a handler may add members and move the array.
+      NotifieeBase* m = slots()[i];
       if (!m || !m->wantsDelivery()) continue;
       f(m);
    }

@@ -47,7 +47,7 @@ std::vector<AllocTrackTypeInfo const*> AllocTrackTypeInfo::all() {
 }
 
 PtrInterface::~PtrInterface() {
-   if (allocInfo_) allocInfo_->trackDeallocation(allocBytes_);
+   if (allocInfo_) allocInfo_->trackDeallocation();
 }
 
 void PtrInterface::handleZeroRef() const noexcept {

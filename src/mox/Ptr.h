@@ -32,14 +32,16 @@ public:
    }
    static std::vector<AllocTrackTypeInfo const*> all();
 
+   // One object of the type: all of them have the size the first one had.
    void trackAllocation(size_t bytes) {
+      objectBytes_ = bytes;
       ++liveObjects_;
       ++totalObjects_;
       liveBytes_ += bytes;
    }
-   void trackDeallocation(size_t bytes) {
+   void trackDeallocation() {
       --liveObjects_;
-      liveBytes_ -= bytes;
+      liveBytes_ -= objectBytes_;
    }
    void trackArrayAllocation(size_t count, size_t bytes) {
       liveObjects_ += count;
@@ -62,6 +64,7 @@ private:
    int64_t liveObjects_ = 0;
    int64_t totalObjects_ = 0;
    int64_t liveBytes_ = 0;
+   size_t objectBytes_ = 0;
 };
 
 class VFPtrInterface {
@@ -110,20 +113,19 @@ public:
    static void* operator new(size_t bytes) { return moxMemAlloc(bytes); }
    static void operator delete(void* p) noexcept { moxMemFree(p); }
 
-   // Records the object's type with the allocation tracker (done by make()).
+   // Records the object's type with the allocation tracker (done by make(), whose objects of
+   // one type all have the same size: the tracker keeps it, not the object).
    void moxAllocTrackIs(AllocTrackTypeInfo* info, size_t bytes) noexcept {
       allocInfo_ = info;
-      allocBytes_ = static_cast<uint32_t>(bytes);
       info->trackAllocation(bytes);
    }
 
 private:
    friend class Delivery;
    mutable uint32_t ref_ = 1;  // the creator's reference
-   uint32_t allocBytes_ = 0;
-   AllocTrackTypeInfo* allocInfo_ = nullptr;
    bool markedForDeletion_ = false;
    mutable bool zeroRefDeferred_ = false;
+   AllocTrackTypeInfo* allocInfo_ = nullptr;
 };
 
 // Brackets a delivery. Objects whose last reference goes inside one are destroyed when the

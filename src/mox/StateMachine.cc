@@ -2,22 +2,19 @@
 
 namespace Mox {
 
-ReactorHook::ReactorHook(StateMachine* sm, NotifieeBase* self) : sm_(sm), self_(self) {
-   if (!sm_) return;
-   next_ = sm_->reactors_;
-   if (next_) next_->prev_ = this;
-   sm_->reactors_ = this;
-   if (!sm_->active_) self_->hasNotificationActiveIs(false);
+ReactorHook::ReactorHook(StateMachine* sm, NotifieeBase* self) : self_(self) {
+   if (!sm) return;
+   next_ = sm->reactors_;
+   if (next_) next_->link_ = &next_;
+   link_ = &sm->reactors_;
+   sm->reactors_ = this;
+   if (!sm->active_) self_->hasNotificationActiveIs(false);
 }
 
 ReactorHook::~ReactorHook() {
-   if (!sm_) return;
-   if (prev_) {
-      prev_->next_ = next_;
-   } else {
-      sm_->reactors_ = next_;
-   }
-   if (next_) next_->prev_ = prev_;
+   if (!link_) return;
+   *link_ = next_;
+   if (next_) next_->link_ = link_;
 }
 
 StateMachine::~StateMachine() {
@@ -26,8 +23,8 @@ StateMachine::~StateMachine() {
    for (ReactorHook* h = reactors_; h;) {
       ReactorHook* next = h->next_;
       h->self_->moxDoZombieReactors(true);
-      h->sm_ = nullptr;
-      h->prev_ = h->next_ = nullptr;
+      h->link_ = nullptr;
+      h->next_ = nullptr;
       h = next;
    }
    reactors_ = nullptr;

@@ -24,7 +24,9 @@ namespace Mox {
 
 class StateMachine;
 
-// Links a nested reactor into its machine's list.
+// Links a nested reactor into its machine's list. A reactor unlinks itself through the link
+// that points to it (the machine's head or the previous reactor's next), so it needs no
+// pointer to the machine: there is one hook per reactor, thousands per machine.
 class ReactorHook {
 public:
    ReactorHook(ReactorHook const&) = delete;
@@ -36,9 +38,8 @@ protected:
 
 private:
    friend class StateMachine;
-   StateMachine* sm_;
    NotifieeBase* self_;
-   ReactorHook* prev_ = nullptr;
+   ReactorHook** link_ = nullptr;  // what points to this hook; null once unhooked
    ReactorHook* next_ = nullptr;
 };
 

@@ -1,6 +1,8 @@
 // Interface ids and bounded names.
 #include <gtest/gtest.h>
 
+#include <string>
+#include <thread>
 #include <unordered_set>
 #include <vector>
 
@@ -34,6 +36,41 @@ TEST(IntfId, ParseAndNone) {
    EXPECT_THROW(IntfId("bad name"), Cinder::AssertException);
    std::unordered_set<IntfId> set{IntfId("Ethernet1"), IntfId("Ethernet1"), IntfId()};
    EXPECT_EQ(set.size(), 2u);
+}
+
+// Equal names are one stored entry, however and wherever they were made; order and hash go
+// by the name.
+TEST(IntfId, EqualNamesAreOneEntryOrderedByName) {
+   std::string built = "Ethernet";
+   built += "42";
+   auto const parsed = IntfId::parse(built);
+   ASSERT_TRUE(parsed);
+   EXPECT_EQ(*parsed, IntfId("Ethernet42"));
+   EXPECT_EQ(&parsed->name(), &IntfId("Ethernet42").name());
+   EXPECT_EQ(parsed->hash(), std::hash<IntfId>()(IntfId("Ethernet42")));
+   EXPECT_NE(IntfId("Ethernet42"), IntfId("Ethernet4"));
+   EXPECT_EQ(IntfId("Ethernet1").hash(), std::hash<std::string_view>()("Ethernet1"));
+   // Made in the reverse order of their names: the order is still the names'.
+   IntfId const z("Zz9"), a("Aa1");
+   EXPECT_LT(a, z);
+   EXPECT_GT(IntfId("Ethernet10"), IntfId("Ethernet1"));
+   EXPECT_EQ(IntfId("Ethernet1") <=> IntfId("Ethernet1"), std::strong_ordering::equal);
+   EXPECT_EQ(IntfId::parse(""), std::nullopt);
+   EXPECT_EQ(IntfId(), IntfId());
+   EXPECT_EQ(IntfId().name(), "");
+
+   std::vector<IntfId> seen(4);
+   std::vector<std::thread> threads;
+   for (size_t t = 0; t < seen.size(); ++t) {
+      threads.emplace_back([&seen, t] {
+         for (int i = 0; i < 200; ++i)
+            seen[t] = IntfId("Vlan" + std::to_string(i));
+      });
+   }
+   for (auto& th : threads)
+      th.join();
+   for (auto const& id : seen)
+      EXPECT_EQ(&id.name(), &IntfId("Vlan199").name());
 }
 
 TEST(NamespaceName, BoundAndDefault) {

@@ -240,7 +240,65 @@ TEST(Reentry, ManyReactorsChurningDuringDeliveryStayConsistent) {
    }
 }
 
+// A lone reactor is kept in place; one that brings others during its turn moves the list to
+// an array of its own mid-visit, and one that leaves it empty can be followed by new ones.
+TEST(Reentry, ListGrowsFromOneReactorDuringItsDeliveryAndEmptiesAgain) {
+   auto port = make<Port>();
+   std::vector<std::string> log;
+   auto first = recorderOn(port, "first", &log);
+   std::vector<Ptr<Recorder>> added;
+   first->action = [&] {
+      for (int i = 0; i < 5; ++i)
+         added.push_back(recorderOn(port, "n" + std::to_string(i), &log));
+      first->notifierIs(Ptr<Port const>());  // leaves while the list moves
+   };
+   port->speedIs(1);
+   EXPECT_EQ(log, (std::vector<std::string>{"first speed"}));
+   EXPECT_EQ(port->notifieeList().size(), 5u);
+   log.clear();
+   port->speedIs(2);
+   EXPECT_EQ(
+       log, (std::vector<std::string>{"n0 speed", "n1 speed", "n2 speed", "n3 speed", "n4 speed"}));
+   added.clear();
+   EXPECT_TRUE(port->notifieeList().empty());
+   log.clear();
+   auto again = recorderOn(port, "again", &log);
+   port->speedIs(3);
+   EXPECT_EQ(log, (std::vector<std::string>{"again speed"}));
+}
+
 // ---- Machines and create-or-update
+
+// Nested reactors leave their machine's list in any order (newest, oldest, in between); the
+// machine still reaches every one left, and its end silences one kept alive elsewhere.
+TEST(StateMachine, NestedReactorsUnhookInAnyOrder) {
+   auto port = make<Port>();
+   for (int k = 1; k <= 5; ++k)
+      port->subIs(k);
+   auto sm = make<PortSm>(port, false);
+   EXPECT_EQ(sm->nestedReactors(), 6u);  // the port's and one per sub-port
+   port->subDel(5);                      // the newest
+   port->subDel(1);                      // the oldest sub-port's
+   port->subDel(3);
+   EXPECT_EQ(sm->nestedReactors(), 3u);
+   sm->hasNotificationActiveIs(false);
+   port->sub(2)->vlanIdIs(7);
+   EXPECT_EQ(sm->events.back(), "sub:3");
+   sm->hasNotificationActiveIs(true);
+   port->sub(4)->vlanIdIs(8);
+   EXPECT_EQ(sm->events.back(), "vlan:4=8");
+   port->subIs(6);
+   EXPECT_EQ(sm->nestedReactors(), 4u);
+   Ptr<PortSm::MoxSubPort> kept;
+   {
+      auto r = make<PortSm::MoxSubPort>(sm.ptr(), 9);
+      kept = r;
+   }
+   EXPECT_EQ(sm->nestedReactors(), 5u);
+   sm = nullptr;
+   EXPECT_TRUE(kept->moxZombie());
+   kept = nullptr;  // unhooked from a machine that is gone: nothing to unlink
+}
 
 TEST(StateMachine, ConstructorRunsTheInitialPassOnce) {
    auto port = make<Port>();

@@ -35,7 +35,10 @@ public:
    KniIntfState(KniIntfStateOwner* sm, Mox::Ptr<KernelNetInfo::Root const> kniRoot,
                 KernelNetInfo::Interface const& kniIntf);
 
-   KernelNetInfo::Interface const& kniIntf() const { return kniIntf_; }
+   // What it keeps of the record: the name and the running state's count (a whole record,
+   // with the device's settings, is several hundred bytes per device).
+   std::string const& deviceName() const { return deviceName_; }
+   uint32_t runningStateChanges() const { return runningStateChanges_; }
    bool initialized() const { return initialized_; }
 
    void handleInitialized();
@@ -47,7 +50,9 @@ private:
    void scheduleUpdate(std::string const& deviceName);
    KniIntfStateOwner* const sm_;  // not owning: the machine owns us
    Mox::Ptr<KernelNetInfo::Root const> const kniRoot_;
-   KernelNetInfo::Interface kniIntf_;
+   std::string deviceName_;
+   uint32_t runningStateChanges_ = 0;
+   bool running_ = false;
    bool initialized_ = false;
 };
 

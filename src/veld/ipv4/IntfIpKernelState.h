@@ -9,6 +9,7 @@
 #include <string>
 
 #include "mox/Enum.h"
+#include "veld/ProcValue.h"
 
 namespace Veld {
 
@@ -20,10 +21,8 @@ public:
    static constexpr size_t kOptions = 10;
 
    // The value last written for option `opt` (a IpIntfSm::IpIntfConfOptType), if any.
-   std::optional<std::string> const& written(size_t opt) const { return written_[opt]; }
-   bool needsWrite(size_t opt, std::string const& value) const {
-      return !written_[opt] || *written_[opt] != value;
-   }
+   ProcValue const& written(size_t opt) const { return written_[opt]; }
+   bool needsWrite(size_t opt, std::string const& value) const { return !written_[opt].is(value); }
    void writtenIs(size_t opt, std::string const& value) {
       written_[opt] = value;
       ++updates_[opt];
@@ -55,12 +54,12 @@ public:
    void rpFilterModeIs(RpFilterMode m) { rpFilterMode_ = m; }
 
    // The device-level settings written with the options (promote_secondaries, ...).
-   std::optional<std::string>& extra(size_t i) { return extra_[i]; }
+   ProcValue& extra(size_t i) { return extra_[i]; }
 
 private:
-   std::array<std::optional<std::string>, kOptions> written_{};
+   std::array<ProcValue, kOptions> written_{};
    std::array<uint32_t, kOptions> updates_{};
-   std::array<std::optional<std::string>, 3> extra_{};
+   std::array<ProcValue, 3> extra_{};
    RpFilterMode rpFilterMode_ = RpFilterMode::off;
    uint32_t ifIndex_ = 0;
 };

@@ -469,7 +469,7 @@ void IpIntfSm::handleUpdate(KernelNetInfo::InterfaceKey key) {
       // The device went, and its addresses with it: the status holds none of them now.
       auto* gone = kniIntfState_.find(key);
       if (gone && in_.kniIntfStatusManager) {
-         auto intf = in_.kniIntfStatusManager->deviceIntf((*gone)->kniIntf().deviceName);
+         auto intf = in_.kniIntfStatusManager->deviceIntf((*gone)->deviceName());
          if (!intf.empty()) doClearStatusAddrs(ipIntfStatusOf(intf));
       }
       kniIntfState_.erase(key);

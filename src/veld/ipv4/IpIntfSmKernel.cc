@@ -443,7 +443,7 @@ int IpIntfSm::doUpdateProc(Konet::IntfId const& intf) {
    int result = 0;
    for (size_t i = 0; i < 3; ++i) {
       auto& written = state.extra(i);
-      if (written && *written == kExtraValue[i]) continue;
+      if (written.is(kExtraValue[i])) continue;
       if (!written && kernelHolds(kniIntf, kExtraFile[i], kExtraValue[i])) {
          written = kExtraValue[i];
          ++procWritesSkipped_;

@@ -10,6 +10,7 @@
 
 #include "konet/IntfId.h"
 #include "mox/HashMap.h"
+#include "veld/ProcValue.h"
 
 namespace Veld {
 
@@ -31,16 +32,14 @@ public:
       kSettings
    };
 
-   bool needsWrite(Setting s, std::string const& value) const {
-      return !written_[s] || *written_[s] != value;
-   }
+   bool needsWrite(Setting s, std::string const& value) const { return !written_[s].is(value); }
    void writtenIs(Setting s, std::string const& value) {
       written_[s] = value;
       ++updates_[s];
    }
    // The kernel held `value` already: recorded, not counted as a write.
    void heldIs(Setting s, std::string const& value) { written_[s] = value; }
-   std::optional<std::string> const& written(Setting s) const { return written_[s]; }
+   ProcValue const& written(Setting s) const { return written_[s]; }
    uint32_t updates(Setting s) const { return updates_[s]; }
 
    uint32_t numForwardingUpdates() const { return updates_[forwarding]; }
@@ -58,7 +57,7 @@ public:
    void ifIndexIs(uint32_t ifIndex) { ifIndex_ = ifIndex; }
 
 private:
-   std::array<std::optional<std::string>, kSettings> written_{};
+   std::array<ProcValue, kSettings> written_{};
    std::array<uint32_t, kSettings> updates_{};
    uint32_t ifIndex_ = 0;
 };

@@ -524,7 +524,7 @@ void Ip6IntfSm::handleKernelRecord(KernelNetInfo::InterfaceKey key) {
    if (rec == KernelNetInfo::Interface()) {
       auto* gone = kniIntfState_.find(key);
       if (gone && in_.kniIntfStatusManager) {
-         intf = in_.kniIntfStatusManager->deviceIntf((*gone)->kniIntf().deviceName);
+         intf = in_.kniIntfStatusManager->deviceIntf((*gone)->deviceName());
       }
       kniIntfState_.erase(key);
       kernelAddrs6_.erase(key);

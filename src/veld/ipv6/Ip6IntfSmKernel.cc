@@ -138,7 +138,7 @@ bool Ip6IntfSm::isSlaacAddress(Konet::Ip6AddrWithMask const& addr, uint32_t flag
       return false;
    }
    auto const* state = intfIp6KernelState_.find(intf);
-   if (!state || state->written(IntfIp6KernelState::autoconf) != std::string("1")) {
+   if (!state || !state->written(IntfIp6KernelState::autoconf).is("1")) {
       MOX_TRACE(th, 8, "slaac not enabled in kernel for " << intf);
       return false;
    }

@@ -79,6 +79,21 @@ TEST(KniIntfState, RunningStateChangesFlushAndScheduleAsTheCountSays) {
       s->handleUpdate(r.record(c.toFlags, c.toCount));
       EXPECT_EQ(r.flushed(), c.flush) << c.fromCount << "->" << c.toCount;
       EXPECT_EQ(r.scheduled.size(), c.schedule ? 1u : 0u) << c.fromCount << "->" << c.toCount;
-      EXPECT_EQ(s->kniIntf().runningStateChanges, c.toCount);
+      EXPECT_EQ(s->runningStateChanges(), c.toCount);
    }
+}
+
+// The state keeps what the machines ask of it after the record moved on: the device's
+// current name (a renamed device is looked up by its new name when it goes).
+TEST(KniIntfState, FollowsTheRecordsNameAndCount) {
+   Recorder r;
+   auto s = Mox::make<KniIntfState>(&r, nullptr, r.record(kIffRunning, 3));
+   EXPECT_EQ(s->deviceName(), "et1");
+   s->handleUpdate(r.record(kIffRunning, 3, "et2"));
+   EXPECT_EQ(s->deviceName(), "et2");
+   EXPECT_EQ(s->runningStateChanges(), 3u);
+   r.scheduled.clear();
+   s->handleUpdate(r.record(0, 4, "et2"));  // et2 carries no interface: nothing scheduled
+   EXPECT_TRUE(r.scheduled.empty());
+   EXPECT_TRUE(r.flushed());
 }
