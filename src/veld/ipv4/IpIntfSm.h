@@ -292,7 +292,7 @@ private:
    KernelUpdateCodefEntry& entryFor(Konet::IntfId const& intf);
    void armBacklogTimer();
    void scheduleGlobalKnobs();
-   void runEntry(KernelUpdateCodefEntry& entry);
+   void runEntry(Konet::IntfId const& intf);
    // Counts a failed attempt of the entry's kernel work; true when it is given up, logged once.
    bool entryFailed(KernelUpdateCodefEntry& entry, int err, double now, char const* what);
    void runGlobalKnobs();

@@ -99,22 +99,26 @@ bool IpIntfSm::entryFailed(KernelUpdateCodefEntry& entry, int err, double now, c
    return backlogEntryFailed(entry, err, now, what, maxKernelUpdateTries_, errors_, th);
 }
 
-void IpIntfSm::runEntry(KernelUpdateCodefEntry& entry) {
+// The work can add entries to the list (a lender's new address moves its borrowers), which
+// may move every entry: the entry is looked up again after each piece of work.
+void IpIntfSm::runEntry(Konet::IntfId const& intf) {
+   auto& list = ipIntfKernelUpdateCodefList_;
    double now = Mox::System::currentTime();
-   if (entry.procUpdatePending) {
-      int err = doUpdateProc(entry.intf);
-      if (err == 0) {
-         entry.procUpdatePending = false;
-         entry.tries = 0;
-      } else if (entryFailed(entry, err, now, "write")) {
-         entry.procUpdatePending = false;
+   if (auto const* entry = list.find(intf); entry && entry->procUpdatePending) {
+      int err = doUpdateProc(intf);
+      if (auto* e = list.find(intf); e && err == 0) {
+         e->procUpdatePending = false;
+         e->tries = 0;
+      } else if (e && entryFailed(*e, err, now, "write")) {
+         e->procUpdatePending = false;
       }
    }
-   if (entry.addrUpdatePending) {
-      if (!doUpdateKernelAddrIntf(entry.intf)) entry.addrUpdatePending = false;
+   if (auto const* entry = list.find(intf); entry && entry->addrUpdatePending) {
+      bool again = doUpdateKernelAddrIntf(intf);
+      if (auto* e = list.find(intf); e && !again) e->addrUpdatePending = false;
       if (queuedAdds_.size() >= kAddBatch) flushAdds();
    }
-   entry.statusUpdatePending = false;  // the address update writes the status
+   if (auto* e = list.find(intf)) e->statusUpdatePending = false;  // the address update wrote it
 }
 
 void IpIntfSm::processIpIntfKernelUpdateCodefList() {
@@ -138,9 +142,10 @@ void IpIntfSm::processIpIntfKernelUpdateCodefList() {
       {
          // A namespace that cannot be entered is logged once per entry, retried like a
          // failed write and given up with it.
-         auto const* inNs = &runNs.enter(entry->tries ? nullptr : "processIpIntfKernelUpdateCodefList");
+         auto const* inNs =
+             &runNs.enter(entry->tries ? nullptr : "processIpIntfKernelUpdateCodefList");
          if (inNs->ok()) {
-            runEntry(*entry);
+            runEntry(order[i]);
          } else if (entryFailed(*entry, inNs->error(), Mox::System::currentTime(), "setns")) {
             *entry = KernelUpdateCodefEntry{.intf = entry->intf};
          }

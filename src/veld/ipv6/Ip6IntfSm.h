@@ -239,7 +239,7 @@ private:
    class Reactors;
    KernelUpdateCodefEntry& entryFor(Konet::IntfId const& intf);
    void armBacklogTimer();
-   void runEntry(KernelUpdateCodefEntry& entry);
+   void runEntry(Konet::IntfId const& intf);
    bool entryFailed(KernelUpdateCodefEntry& entry, int err, double now, char const* what);
    int writeSetting(Konet::IntfId const& intf, IntfIp6KernelState& state,
                     IntfIp6KernelState::Setting s, char const* dir, std::string const& dev,

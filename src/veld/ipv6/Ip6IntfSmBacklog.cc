@@ -48,20 +48,25 @@ bool Ip6IntfSm::entryFailed(KernelUpdateCodefEntry& entry, int err, double now, 
    return backlogEntryFailed(entry, err, now, what, maxKernelUpdateTries_, errors_, th);
 }
 
-void Ip6IntfSm::runEntry(KernelUpdateCodefEntry& entry) {
-   if (entry.procUpdatePending) {
-      int err = doUpdateProc(entry.intf);
-      if (err == 0) {
-         entry.procUpdatePending = false;
-         entry.tries = 0;
-      } else if (entryFailed(entry, err, Mox::System::currentTime(), "write")) {
-         entry.procUpdatePending = false;
+// The work can add entries to the list, which may move every entry: the entry is looked up
+// again after each piece of work.
+void Ip6IntfSm::runEntry(Konet::IntfId const& intf) {
+   auto& list = ip6IntfKernelUpdateCodefList_;
+   if (auto const* entry = list.find(intf); entry && entry->procUpdatePending) {
+      int err = doUpdateProc(intf);
+      if (auto* e = list.find(intf); e && err == 0) {
+         e->procUpdatePending = false;
+         e->tries = 0;
+      } else if (e && entryFailed(*e, err, Mox::System::currentTime(), "write")) {
+         e->procUpdatePending = false;
       }
    }
-   if (entry.addrUpdatePending) {
-      if (!doUpdateKernelAddrIntf(entry.intf)) entry.addrUpdatePending = false;
+   if (auto const* entry = list.find(intf); entry && entry->addrUpdatePending) {
+      bool again = doUpdateKernelAddrIntf(intf);
+      if (auto* e = list.find(intf); e && !again) e->addrUpdatePending = false;
    }
-   entry.statusUpdatePending = entry.addrUpdatePending;  // the address update writes the status
+   // The address update writes the status.
+   if (auto* e = list.find(intf)) e->statusUpdatePending = e->addrUpdatePending;
 }
 
 // Each entry at most once per run, from the bookmark round to it; an entry deferred in a run
@@ -83,9 +88,10 @@ void Ip6IntfSm::processIp6IntfKernelUpdateCodefList() {
       if (!entry) continue;
       ++itemsProcessed_;
       {
-         auto const* inNs = &runNs.enter(entry->tries ? nullptr : "processIp6IntfKernelUpdateCodefList");
+         auto const* inNs =
+             &runNs.enter(entry->tries ? nullptr : "processIp6IntfKernelUpdateCodefList");
          if (inNs->ok()) {
-            runEntry(*entry);
+            runEntry(order[i]);
          } else if (entryFailed(*entry, inNs->error(), Mox::System::currentTime(), "setns")) {
             *entry = KernelUpdateCodefEntry{.intf = entry->intf};
          }
