@@ -127,11 +127,15 @@ std::optional<Configuration> Agent::appliedBefore(std::string const& configText,
    std::string path = appliedPath();
    if (::access(path.c_str(), F_OK) != 0 && errno == ENOENT) return std::nullopt;  // first start
    std::string text;
-   if (!readDocumentFile(path, kMaxConfigBytes, &text) && text == configText) {
+   LoadResult result;
+   if (auto refused = readDocumentFile(path, kMaxConfigBytes, &text)) {
+      result.errors.push_back(std::move(*refused));
+   } else if (text == configText) {
       *unchanged = true;
       return std::nullopt;
+   } else {
+      result = parseConfiguration(text);
    }
-   auto result = text.empty() ? loadConfigurationFile(path) : parseConfiguration(text);
    if (!result.config) {
       Mox::logMessage(Mox::LogSeverity::warning, "VELD-START",
                       path + " is unusable (" + result.errors.front().toString() +

@@ -1,8 +1,6 @@
 #include "agent/Config.h"
 
-#include <iomanip>
 #include <nlohmann/json.hpp>
-#include <ostream>
 
 namespace VeldAgent {
 
@@ -103,10 +101,6 @@ Json configurationDoc(Configuration const& config) {
 
 std::string configurationToJson(Configuration const& config) {
    return configurationDoc(config).dump(2) + "\n";
-}
-
-void writeConfigurationJson(std::ostream& out, Configuration const& config) {
-   out << std::setw(2) << configurationDoc(config) << "\n";
 }
 
 }  // namespace VeldAgent

@@ -111,7 +111,5 @@ LoadResult loadConfigurationFile(std::string const& path);
 // The document of a configuration, in the form parseConfiguration reads (defaults left out
 // only where they are the defaults).
 std::string configurationToJson(Configuration const& config);
-// The same, written to `out` as it is made (no copy of the whole text in memory).
-void writeConfigurationJson(std::ostream& out, Configuration const& config);
 
 }  // namespace VeldAgent

@@ -76,8 +76,15 @@ void KernelMirror::applyLink(LinkInfo const& link) {
    static_assert(sizeof(rec.ipv4Conf) == sizeof(link.ipv4Conf));
    rec.ipv4Conf = link.ipv4Conf;
    rec.ipv4ConfCount = link.ipv4ConfCount;
+   // Where each kept setting sits in the kernel's array, found once.
+   static auto const kIndexOf = [] {
+      std::array<int, KernelNetInfo::kIp6ConfFiles.size()> out{};
+      for (size_t slot = 0; slot < out.size(); ++slot)
+         out[slot] = ipv6DevconfIndex(KernelNetInfo::kIp6ConfFiles[slot]) - 1;
+      return out;
+   }();
    for (size_t slot = 0; slot < KernelNetInfo::kIp6ConfFiles.size(); ++slot) {
-      int index = ipv6DevconfIndex(KernelNetInfo::kIp6ConfFiles[slot]) - 1;
+      int index = kIndexOf[slot];
       if (index < 0 || uint32_t(index) >= link.ipv6ConfCount) continue;
       rec.ipv6Conf[slot] = link.ipv6Conf[size_t(index)];
       rec.ipv6ConfKnown |= uint16_t(1u << slot);

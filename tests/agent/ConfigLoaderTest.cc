@@ -1,7 +1,6 @@
 // The configuration loader: what it accepts, and each class of refusal with its place.
 #include <gtest/gtest.h>
 
-#include <sstream>
 
 #include "agent/Config.h"
 #include "agent/ConfigDiff.h"
@@ -70,13 +69,10 @@ TEST(ConfigLoader, ReadsAFullConfiguration) {
    EXPECT_FALSE(e.ipv4.attachedRoutes);
    EXPECT_EQ(e.ipv6.addresses.size(), 1u);
    EXPECT_TRUE(c.interfaces.at(Konet::IntfId("Ethernet2")).ipv4.dhcp);
-   // What the loader writes back reads the same, as text or written to a stream.
+   // What the loader writes back reads the same.
    auto again = parseConfiguration(configurationToJson(c));
    ASSERT_TRUE(again.config);
    EXPECT_EQ(*again.config, c);
-   std::ostringstream written;
-   writeConfigurationJson(written, c);
-   EXPECT_EQ(written.str(), configurationToJson(c));
 }
 
 TEST(ConfigLoader, RefusesBrokenDocuments) {
