@@ -1,7 +1,6 @@
 // The configuration loader: what it accepts, and each class of refusal with its place.
 #include <gtest/gtest.h>
 
-
 #include "agent/Config.h"
 #include "agent/ConfigDiff.h"
 
